@@ -38,13 +38,13 @@ std::optional<double> takeFraction(std::string_view& text) {
   return value;
 }
 
-// Z or ±hh:mm or ±hhmm: seconds east of UTC.
+// Z or ±hh:mm: seconds east of UTC.
 std::optional<int> takeOffset(std::string_view& text) {
   if (take(text, 'Z')) return 0;
   const int sign = text.starts_with('-') ? -1 : 1;
   if (!take(text, '+') && !take(text, '-')) return std::nullopt;
   const auto hours = takeDigits(text, 2);
-  take(text, ':');
+  if (!take(text, ':')) return std::nullopt;
   const auto minutes = takeDigits(text, 2);
   if (!hours || !minutes || *hours > 23 || *minutes > 59) return std::nullopt;
   return sign * (*hours * 3600 + *minutes * 60);
@@ -69,7 +69,7 @@ std::optional<Timestamp> parseISO8601(std::string_view text, bool fractional) {
   if (!offset || !text.empty()) return std::nullopt;
   const std::chrono::year_month_day date{std::chrono::year(*year), std::chrono::month(static_cast<unsigned>(*month)),
                                          std::chrono::day(static_cast<unsigned>(*day))};
-  if (!date.ok() || *hour > 23 || *minute > 59 || *second > 60) return std::nullopt;
+  if (!date.ok() || *hour > 23 || *minute > 59 || *second > 59) return std::nullopt;
   const auto days = std::chrono::sys_days(date).time_since_epoch().count();
   const std::int64_t whole = static_cast<std::int64_t>(days) * 86400 + *hour * 3600 + *minute * 60 + *second - *offset;
   return Timestamp{static_cast<double>(whole) + *fraction};

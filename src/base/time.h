@@ -28,8 +28,8 @@ struct Timestamp {
   friend auto operator<=>(const Timestamp&, const Timestamp&) = default;
 };
 
-// Reads the ISO 8601 internet date-time form, 2024-05-01T10:20:30Z or with an offset such as +02:00 (the colon may be
-// missing). parseISO8601Fractional requires a fraction of a second, parseISO8601Plain refuses one.
+// Reads the ISO 8601 internet date-time form, 2024-05-01T10:20:30Z or with an offset such as +02:00.
+// parseISO8601Fractional requires a fraction of a second, parseISO8601Plain refuses one; neither takes a leap second.
 std::optional<Timestamp> parseISO8601Fractional(std::string_view text);
 std::optional<Timestamp> parseISO8601Plain(std::string_view text);
 

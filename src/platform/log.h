@@ -31,6 +31,7 @@ namespace log_detail {
 template <class T>
 constexpr char conversionFor() {
   if constexpr (std::is_convertible_v<const T&, std::string_view>) return '@';
+  else if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, char>) return '?';
   else if constexpr (std::is_integral_v<T>) return 'd';
   else if constexpr (std::is_floating_point_v<T>) return 'f';
   else return '?';

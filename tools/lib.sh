@@ -1,0 +1,41 @@
+# What the project's scripts share. Sourced from the project's top folder.
+
+PACKAGES_build="g++ cmake ninja-build ccache pkg-config git libcurl4-openssl-dev libasio-dev libboost-json1.81-dev
+  libboost-url1.81-dev libfmt-dev libsystemd-dev libfuse3-dev fuse3 libsqlite3-dev libsecret-1-dev libssl-dev
+  libcli11-dev libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev shared-mime-info ca-certificates"
+PACKAGES_try="libnss-wrapper imagemagick curl rsync"
+PACKAGES_test="$PACKAGES_try openssl sqlite3 gnome-keyring dbus dbus-daemon libsecret-tools"
+PACKAGES_check="clang-19 clang-tidy-19 clang-format-19"
+PACKAGES_tsan="clang-19 libclang-rt-19-dev"
+PACKAGES_bench="nginx-light rclone procps time"
+
+# install_packages SET...: installs what is missing of the package sets named, and says so.
+install_packages() {
+  local missing=() set_name package variable
+  for set_name in "$@"; do
+    variable=PACKAGES_$set_name
+    for package in ${!variable}; do
+      dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || missing+=("$package")
+    done
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  echo "Installing Debian packages: ${missing[*]}"
+  local as_root=()
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || { echo "Run as root, or install them yourself: apt-get install ${missing[*]}" >&2; return 1; }
+    as_root=(sudo)
+  fi
+  "${as_root[@]}" apt-get update -q=2
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -q=2 -y --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# build PRESET [TARGET...]
+build() {
+  local preset=$1
+  shift
+  cmake --preset "$preset" >"/tmp/vondle-configure.$$" || { cat "/tmp/vondle-configure.$$"; rm -f "/tmp/vondle-configure.$$"; return 1; }
+  rm -f "/tmp/vondle-configure.$$"
+  cmake --build "build/$preset" -- "$@"
+}
+
+source_files() { git ls-files --cached --others --exclude-standard '*.h' '*.cpp'; }

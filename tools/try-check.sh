@@ -1,0 +1,56 @@
+# The part of ./dev try --check that looks. Sourced by tools/try with the world standing.
+
+problems=0
+say() { printf '%s\n' "$*"; }
+differs() { printf 'DIFFERS: %s\n' "$*" >&2; problems=$((problems + 1)); }
+expect() { # WHAT COMMAND...
+  local what=$1
+  shift
+  if "$@"; then say "ok: $what"; else differs "$what"; fi
+}
+
+names_and_sizes() { (cd "$1" && find . -mindepth 1 \( -type d -printf '%P/\n' -o -printf '%P %s %TY-%Tm-%Td %TH:%TM\n' \) | LC_ALL=C sort); }
+same_listing() { diff <(names_and_sizes "$IMPORT") <(names_and_sizes "$MOUNT"); }
+same_bytes() { diff -r --no-dereference "$IMPORT" "$MOUNT"; }
+sync_now() { in_world vondle sync --wait 30 >/dev/null; }
+contents_are() { [ "$(cat "$MOUNT/$1")" = "$2" ]; }
+is_gone() { [ ! -e "$MOUNT/$1" ]; }
+
+expect 'the mounted tree has the names, sizes and times of the imported one' same_listing
+expect 'every byte is the same' same_bytes
+expect 'a second reading needs no transfer' same_bytes
+
+is_gone 'From elsewhere' || differs 'a folder that was not made yet is already there'
+other_device mkdir 'From elsewhere' >/dev/null
+other_device put "$IMPORT/Welcome.txt" 'From elsewhere/Copied.txt' >/dev/null
+other_device mv Notes/note-001.txt 'Notes/renamed note.txt' >/dev/null
+other_device rm Documents/numbers.csv >/dev/null
+sync_now
+expect 'a folder made on another device appears' test -d "$MOUNT/From elsewhere"
+expect 'a file sent by another device appears with its contents' cmp -s "$IMPORT/Welcome.txt" "$MOUNT/From elsewhere/Copied.txt"
+expect 'a file renamed elsewhere is renamed here' cmp -s "$IMPORT/Notes/note-001.txt" "$MOUNT/Notes/renamed note.txt"
+expect 'and its old name is gone' is_gone Notes/note-001.txt
+expect 'a file deleted elsewhere is gone' is_gone Documents/numbers.csv
+
+printf 'Changed elsewhere.\n' >"$WORLD/changed"
+other_device put "$WORLD/changed" Welcome.txt >/dev/null
+sync_now
+expect 'new contents from another device are read' contents_are Welcome.txt 'Changed elsewhere.'
+
+stop_storage
+expect 'without the server, what is here is still read' contents_are Welcome.txt 'Changed elsewhere.'
+expect 'without the server, known folders are still listed' test "$(ls "$MOUNT/Notes" | wc -l)" = 300
+start_storage
+sync_now
+expect 'with the server back, everything goes on' cmp -s "$IMPORT/Film.bin" "$MOUNT/Film.bin"
+
+expect 'the command unmounts' in_world vondle unmount
+is_mounted() { mountpoint -q "$MOUNT"; }
+! is_mounted || differs 'the folder is still mounted'
+
+if [ $problems -gt 0 ]; then
+  printf '%d check(s) differ; the service said:\n' "$problems" >&2
+  find "$HOME_FOLDER/.local/state" -name '*.log' -exec tail -n 30 {} + >&2 2>/dev/null || true
+  exit 1
+fi
+say 'Everything is as it should be.'
