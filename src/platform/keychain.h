@@ -33,11 +33,15 @@ class Keychain {
   };
 
   virtual Found copyMatching(std::string_view service, std::string_view accessGroup) = 0;
+  // Replaces an item of the same service, group and account.
   virtual KeychainStatus add(const Item& item) = 0;
   // Removes every item of the service and group, whatever the account.
   virtual KeychainStatus remove(std::string_view service, std::string_view accessGroup) = 0;
   // The platform's text for a status; none when it has none.
   virtual std::optional<std::string> message(KeychainStatus status) = 0;
 };
+
+// The texts of the statuses above; none for other numbers.
+std::optional<std::string> keychainMessage(KeychainStatus status);
 
 }  // namespace vondle
