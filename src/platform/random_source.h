@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <string>
 
 namespace vondle {
@@ -10,5 +12,8 @@ class RandomSource {
   virtual ~RandomSource() = default;
   virtual std::string uuid() = 0;  // 8-4-4-4-12 upper-case hexadecimal digits
 };
+
+// The text of a random (version 4) UUID made of these bytes.
+std::string formatUUID(std::array<std::uint8_t, 16> randomBytes);
 
 }  // namespace vondle
