@@ -1,0 +1,35 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "base/error.h"
+#include "platform/user_database.h"
+
+namespace vondle {
+
+// Where the service keeps what it keeps, below the user's real home. Absolute paths without a final slash.
+struct ServiceFolders {
+  std::string home;
+  std::string configuration;  // ~/.vondle
+  std::string state;          // ~/.local/state/vondle: what must never be thrown away, and the tree
+  std::string contents;       // ~/.local/share/vondle: downloaded contents, which can be had again
+  std::string runtime;        // $XDG_RUNTIME_DIR/vondle, else state/run: socket and locks
+
+  // runtimeFolder is the value of XDG_RUNTIME_DIR; one that is empty, relative or not this user's own is left aside.
+  static ServiceFolders locate(const UserDatabase& users, const std::optional<std::string>& runtimeFolder);
+
+  // Makes the folders that are missing, 0700, and takes other users' rights from those that exist. A folder of another
+  // user is refused.
+  [[nodiscard]] Result<void> create() const;
+
+  [[nodiscard]] std::string settingsFile() const { return configuration + "/service.json"; }
+  [[nodiscard]] std::string socket() const { return runtime + "/control"; }
+  [[nodiscard]] std::string logFile() const { return state + "/service.log"; }
+  [[nodiscard]] std::string defaultMountPoint() const { return home + "/Vondle"; }
+};
+
+// The environment's XDG_RUNTIME_DIR, if set.
+std::optional<std::string> runtimeFolderOfEnvironment();
+
+}  // namespace vondle

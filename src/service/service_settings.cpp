@@ -1,0 +1,48 @@
+#include "service/service_settings.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "base/json.h"
+
+namespace vondle {
+
+namespace {
+
+Error invalid(const std::string& path, const std::string& why) {
+  return {POSIX_ERROR_DOMAIN, EINVAL, path + ": " + why};
+}
+
+}  // namespace
+
+Result<ServiceSettings> ServiceSettings::load(const std::string& path, const std::string& home) {
+  ServiceSettings settings;
+  std::error_code error;
+  if (!std::filesystem::exists(path, error) && !error) return settings;
+  std::ifstream file(path, std::ios::binary);
+  const std::string bytes(std::istreambuf_iterator<char>(file), {});
+  if (!file.is_open() || file.bad()) return failure(invalid(path, "cannot be read; check its permissions"));
+  const auto object = json::parseObject(bytes);
+  if (!object) return failure(invalid(path, "is not a JSON object; correct it or move it away"));
+
+  if (const auto* value = json::find(*object, "mount")) {
+    if (!value->is_string() || value->get_string().empty()) return failure(invalid(path, "\"mount\" must be a text"));
+    std::string mount(value->get_string());
+    if (mount == "~" || mount.starts_with("~/")) mount = home + mount.substr(1);
+    if (!mount.starts_with('/')) return failure(invalid(path, "\"mount\" must begin with / or ~/"));
+    settings.mount = mount;
+  }
+  if (const auto* value = json::find(*object, "read_only")) {
+    if (!value->is_bool()) return failure(invalid(path, "\"read_only\" must be true or false"));
+    settings.readOnly = value->get_bool();
+  }
+  if (const auto* value = json::find(*object, "name")) {
+    if (!value->is_string() || value->get_string().empty()) return failure(invalid(path, "\"name\" must be a text"));
+    settings.name = std::string(value->get_string());
+  }
+  return settings;
+}
+
+}  // namespace vondle

@@ -1,0 +1,68 @@
+#include "service/service_settings.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+namespace vondle {
+namespace {
+
+class ServiceSettingsTest : public testing::Test {
+ protected:
+  ServiceSettingsTest() {
+    char pattern[] = "/tmp/vondle-settings-XXXXXX";
+    folder_ = ::mkdtemp(pattern);
+    path_ = folder_ + "/service.json";
+  }
+  ~ServiceSettingsTest() override { std::filesystem::remove_all(folder_); }
+
+  Result<ServiceSettings> load(const std::string& text) {
+    std::ofstream(path_) << text;
+    return ServiceSettings::load(path_, "/home/ann");
+  }
+
+  std::string folder_;
+  std::string path_;
+};
+
+TEST_F(ServiceSettingsTest, NoFileGivesTheDefaults) {
+  const auto settings = ServiceSettings::load(path_, "/home/ann");
+  ASSERT_TRUE(settings);
+  EXPECT_EQ(settings->mount, std::nullopt);
+  EXPECT_FALSE(settings->readOnly);
+  EXPECT_EQ(settings->name, "Vondle");
+}
+
+TEST_F(ServiceSettingsTest, ReadsEveryKeyAndLeavesOthersAlone) {
+  const auto settings = load(R"({"mount": "~/Cloud", "read_only": true, "name": "Work", "later": [1]})");
+  ASSERT_TRUE(settings);
+  EXPECT_EQ(settings->mount, "/home/ann/Cloud");
+  EXPECT_TRUE(settings->readOnly);
+  EXPECT_EQ(settings->name, "Work");
+}
+
+TEST_F(ServiceSettingsTest, ASettingThatCannotBeObeyedIsAnErrorThatNamesIt) {
+  const struct {
+    const char* text;
+    const char* named;
+  } cases[] = {{"", "JSON"},
+               {"{\"mount\": ", "JSON"},
+               {"[]", "JSON"},
+               {R"({"mount": 7})", "\"mount\""},
+               {R"({"mount": ""})", "\"mount\""},
+               {R"({"mount": "Cloud"})", "\"mount\""},
+               {R"({"read_only": "yes"})", "\"read_only\""},
+               {R"({"read_only": 1})", "\"read_only\""},
+               {R"({"name": null})", "\"name\""}};
+  for (const auto& each : cases) {
+    const auto settings = load(each.text);
+    ASSERT_FALSE(settings) << each.text;
+    EXPECT_NE(settings.error().description.find(each.named), std::string::npos) << settings.error().description;
+    EXPECT_NE(settings.error().description.find(path_), std::string::npos) << settings.error().description;
+  }
+}
+
+}  // namespace
+}  // namespace vondle
