@@ -1,0 +1,101 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "base/completion.h"
+#include "base/mutex.h"
+#include "fileprovider/replicated_extension.h"
+#include "platform/clock.h"
+#include "platform/progress.h"
+#include "service/contents/content_file.h"
+#include "service/contents/content_state.h"
+#include "service/last_errors.h"
+#include "service/replica/tree.h"
+#include "service/waiting_room.h"
+
+namespace vondle {
+
+// A fetch that is under way.
+struct ContentTransfer {
+  Inode inode = 0;
+  std::shared_ptr<Progress> progress;
+  bool isWaitedFor = false;  // a program reads it now
+};
+
+// The downloaded contents: one private file per item in a folder of its own, named by inode and content tag, so that
+// what a file holds can be told from its name alone, also after a restart. Everything in that folder can be had again
+// from the server. Any thread.
+class ContentStore : public std::enable_shared_from_this<ContentStore> {
+ public:
+  using ContentAnswer = Completion<Result<std::shared_ptr<const ContentFile>>>;
+
+  // How often a fetch is begun anew because the contents changed on the server meanwhile.
+  static constexpr int MAX_ATTEMPTS = 5;
+
+  // The folder is made when missing. Files in it that fit no item of the replica are removed.
+  static Result<std::shared_ptr<ContentStore>> open(std::string folder, Tree& tree, ReplicatedExtension& extension,
+                                                    LastErrors& errors, Scheduler& scheduler, const Clock& clock);
+
+  // The contents if they are here in the version the replica knows; opens a local file, so it never waits for the
+  // network. Null otherwise.
+  [[nodiscard]] std::shared_ptr<const ContentFile> current(Inode inode) EXCLUDES(lock_);
+
+  // The contents, fetched first when they are not here; everyone who wants the same item shares one fetch, and when all
+  // their waits are cancelled it is cancelled. The request of the first counts. Errors: the extension's; NO_SUCH_ITEM
+  // for an unknown item or a folder; POSIX errors for the local file; USER_CANCELLED. `wait` may be null.
+  void require(Inode inode, Request request, const std::shared_ptr<Progress>& wait, ContentAnswer answer)
+      EXCLUDES(lock_);
+
+  // Drops the local copy; open files keep theirs. Nothing to drop is success; one that is being fetched is EBUSY.
+  std::optional<Error> evict(Inode inode) EXCLUDES(lock_);
+
+  // What the changes mean for the contents; subscribe it to the Tree.
+  void apply(const std::vector<ReplicaChange>& changes) EXCLUDES(lock_);
+
+  [[nodiscard]] ContentState state(Inode inode) const EXCLUDES(lock_);
+  [[nodiscard]] std::int64_t bytesHere() const EXCLUDES(lock_);
+  [[nodiscard]] std::size_t filesHere() const EXCLUDES(lock_);
+  [[nodiscard]] std::vector<ContentTransfer> transfers() const EXCLUDES(lock_);
+  // Of a fetch under way; null otherwise.
+  [[nodiscard]] std::shared_ptr<Progress> progressOf(Inode inode) const EXCLUDES(lock_);
+
+  // Cancels every fetch and ends every wait with the error; later ones fail with it too.
+  void close(Error error) EXCLUDES(lock_);
+
+ private:
+  class Fetch;
+  struct Record {
+    ContentState state = ContentState::absent;
+    std::uint64_t tag = 0;  // of clean
+    std::int64_t size = 0;  // of clean
+    std::weak_ptr<const ContentFile> file;
+    std::shared_ptr<Fetch> fetch;  // of fetching
+  };
+
+  ContentStore(std::string folder, Tree& tree, ReplicatedExtension& extension, LastErrors& errors, Scheduler& scheduler,
+               const Clock& clock);
+  Result<void> scan();
+  [[nodiscard]] std::string pathOf(Inode inode, std::uint64_t tag) const;
+  void abandoned(Inode inode) EXCLUDES(lock_);
+  void finished(Inode inode, Result<std::shared_ptr<const ContentFile>> result) EXCLUDES(lock_);
+  void change(Record& record, ContentEvent event) REQUIRES(lock_);
+
+  const std::string folder_;
+  Tree& tree_;
+  ReplicatedExtension& extension_;
+  LastErrors& errors_;
+  const Clock& clock_;
+  std::shared_ptr<Queue> queue_;  // file operations
+  std::shared_ptr<WaitingRoom<std::shared_ptr<const ContentFile>>> waiting_;
+  mutable Mutex lock_;
+  std::unordered_map<Inode, Record> records_ GUARDED_BY(lock_);  // those not absent
+  std::int64_t bytesHere_ GUARDED_BY(lock_) = 0;
+  std::optional<Error> closed_ GUARDED_BY(lock_);
+};
+
+}  // namespace vondle

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "base/completion.h"
+#include "platform/scheduler.h"
+#include "service/replica/replica.h"
+
+namespace vondle {
+
+// The one door through which the replica changes: brings news of any thread into one order and tells the subscribers
+// what follows from it.
+class Tree {
+ public:
+  // Called on the tree's queue after the replica has changed; must return quickly and not wait for anything.
+  using Subscriber = std::function<void(const std::vector<ReplicaChange>& changes)>;
+
+  Tree(Replica& replica, Scheduler& scheduler);
+
+  // Before the first change.
+  void subscribe(Subscriber subscriber);
+
+  // Any thread. The completions run on the tree's queue, after the subscribers.
+  void applyListing(Inode folder, std::vector<Item> items, Completion<Result<void>> completion);
+  void applyUpdates(std::vector<Item> items, Completion<> completion);
+  void applyDeletions(std::vector<ItemIdentifier> identifiers, Completion<> completion);
+
+  [[nodiscard]] Replica& replica() { return replica_; }
+
+ private:
+  void tell(const std::vector<ReplicaChange>& changes) const;
+
+  Replica& replica_;
+  std::vector<Subscriber> subscribers_;
+  std::shared_ptr<Queue> queue_;
+};
+
+}  // namespace vondle
