@@ -16,9 +16,9 @@ namespace vondle {
 // A file open for writing, from its start. One owner at a time.
 class WritableFile {
  public:
-  virtual ~WritableFile() = default;  // closes, errors ignored
+  virtual ~WritableFile() = default;                                 // closes, errors ignored
   virtual Result<void> write(std::span<const std::byte> bytes) = 0;  // all of them or an error
-  virtual Result<void> close() = 0;
+  virtual Result<void> close() = 0;                                  // once; nothing may be written afterwards
 };
 
 // A file open for reading at any offset. Any thread.
@@ -45,7 +45,8 @@ class Files {
   virtual Result<std::string> read(const std::string& path) = 0;
   // Temporary file in the same folder, fsync, rename, fsync of the folder: readers see the old bytes or the new ones.
   // New files get the permissions given; a file that is replaced keeps its own.
-  virtual Result<void> writeAtomically(const std::string& path, std::string_view bytes, unsigned permissions = 0600) = 0;
+  virtual Result<void> writeAtomically(const std::string& path, std::string_view bytes,
+                                       unsigned permissions = 0600) = 0;
   virtual Result<FileAttributes> attributes(const std::string& path) = 0;
   virtual Result<void> setPermissions(const std::string& path, unsigned permissions) = 0;
   virtual Result<void> remove(const std::string& path) = 0;  // a file
@@ -56,9 +57,10 @@ class Files {
   virtual Result<std::unique_ptr<WritableFile>> create(const std::string& path) = 0;  // 0600, emptied when it exists
   virtual Result<std::unique_ptr<ReadableFile>> open(const std::string& path) = 0;
 
-  // Where temporary files go; exists.
+  // Where temporary files go, without a final slash; exists.
   virtual std::string temporaryFolder() = 0;
-  // The folder that processes of one application group share, made on first use (0700); none when it can't be had.
+  // The folder that processes of one application group share, without a final slash, made on first use (0700); none
+  // when it can't be had.
   virtual std::optional<std::string> applicationGroupContainer(std::string_view group) = 0;
 
   // Absent when the file is missing or can't be examined.

@@ -1,9 +1,11 @@
 #include "platform/log.h"
 
-#include <fmt/format.h>
-
 #include <atomic>
 #include <cstdio>
+
+#include <fmt/format.h>
+
+#include "platform/visible_text.h"
 
 namespace vondle {
 namespace {
@@ -12,7 +14,9 @@ std::atomic<LogSink*> currentSink = nullptr;
 
 }  // namespace
 
-LogSink* setLogSink(LogSink* sink) { return currentSink.exchange(sink); }
+LogSink* setLogSink(LogSink* sink) {
+  return currentSink.exchange(sink);
+}
 
 std::string formatLog(std::string_view format, std::span<const LogArgument> arguments) {
   std::string out;
@@ -46,7 +50,7 @@ void Log::writeFormatted(LogLevel level, std::string_view format, std::span<cons
   if (LogSink* sink = currentSink.load()) {
     sink->write(level, subsystem_, category_, message);
   } else {
-    std::fprintf(stderr, "%s\n", message.c_str());
+    std::fprintf(stderr, "%s\n", visibleText(message).c_str());
   }
 }
 

@@ -30,11 +30,18 @@ namespace log_detail {
 
 template <class T>
 constexpr char conversionFor() {
-  if constexpr (std::is_convertible_v<const T&, std::string_view>) return '@';
-  else if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, char>) return '?';
-  else if constexpr (std::is_integral_v<T>) return 'd';
-  else if constexpr (std::is_floating_point_v<T>) return 'f';
-  else return '?';
+  if constexpr (std::is_convertible_v<const T&, std::string_view>)
+    return '@';
+  else if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, char>)
+    return '?';
+  else if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, char>)
+    return '?';
+  else if constexpr (std::is_integral_v<T>)
+    return 'd';
+  else if constexpr (std::is_floating_point_v<T>)
+    return 'f';
+  else
+    return '?';
 }
 
 // The conversion at the front of `rest` (after its percent sign): its letter, and how many characters it takes.
@@ -55,7 +62,9 @@ inline void formatDoesNotFitItsArguments() {}  // not constexpr: reaching it sto
 
 }  // namespace log_detail
 
-// A literal printf-style format, checked against its arguments by the compiler.
+// A literal printf-style format, checked against its arguments by the compiler: an unknown or unfinished conversion,
+// too few or too many arguments, an argument of another kind (bool and char are of no kind) and a format that is not a
+// constant do not compile.
 template <class... Args>
 class LogFormat {
  public:
@@ -108,9 +117,12 @@ class Log {
  private:
   template <class T>
   static LogArgument argument(const T& value) {
-    if constexpr (std::is_convertible_v<const T&, std::string_view>) return std::string_view(value);
-    else if constexpr (std::is_integral_v<T>) return static_cast<std::int64_t>(value);
-    else return static_cast<double>(value);
+    if constexpr (std::is_convertible_v<const T&, std::string_view>)
+      return std::string_view(value);
+    else if constexpr (std::is_integral_v<T>)
+      return static_cast<std::int64_t>(value);
+    else
+      return static_cast<double>(value);
   }
 
   template <class... Args>

@@ -43,32 +43,42 @@ std::int64_t Progress::totalUnitCount() const {
 }
 
 std::int64_t Progress::completedUnitCount() const {
-  MutexLock hold(lock_);
-  std::int64_t count = completed_;
-  for (const Child& child : children_)
-    if (child.progress->isFinished()) count += child.units;
-  return count;
+  const Counts now = counts();
+  std::int64_t completed = now.completed;
+  for (const Child& child : now.children)
+    if (child.progress->isFinished()) completed += child.units;
+  return completed;
 }
 
 double Progress::fractionCompleted() const {
-  MutexLock hold(lock_);
-  if (total_ <= 0) return 0;
-  auto done = static_cast<double>(completed_);
-  for (const Child& child : children_)
+  const Counts now = counts();
+  if (now.total <= 0) return 0;
+  auto done = static_cast<double>(now.completed);
+  for (const Child& child : now.children)
     done += static_cast<double>(child.units) * child.progress->fractionCompleted();
-  return std::clamp(done / static_cast<double>(total_), 0.0, 1.0);
+  return std::clamp(done / static_cast<double>(now.total), 0.0, 1.0);
 }
 
-bool Progress::isFinished() const { return totalUnitCount() > 0 && completedUnitCount() >= totalUnitCount(); }
+Progress::Counts Progress::counts() const {
+  MutexLock hold(lock_);
+  return {total_, completed_, children_};
+}
+
+bool Progress::isFinished() const {
+  const std::int64_t total = totalUnitCount();
+  return total > 0 && completedUnitCount() >= total;
+}
 
 void Progress::addChild(const std::shared_ptr<Progress>& child, std::int64_t pendingUnitCount) {
-  MutexLock hold(lock_);
-  children_.push_back({child, pendingUnitCount});
-  const bool cancelled = cancelled_;
-  const bool paused = paused_;
-  hold.unlock();
-  if (paused) child->pause();
-  if (cancelled) child->cancel();
+  bool paused;
+  {
+    MutexLock hold(lock_);
+    children_.push_back({child, pendingUnitCount});
+    paused = paused_;
+  }
+  if (isCancelled()) child->cancel();
+  if (!paused) return;
+  while (child->isPaused() != isPaused()) child->setPaused(isPaused());  // a resume may come in between
 }
 
 void Progress::setCancellable(bool cancellable) {
@@ -106,24 +116,44 @@ void Progress::setResumingHandler(std::function<void()> handler) {
   onResume_ = std::move(handler);
 }
 
-void Progress::change(bool Progress::*flag, bool value, std::function<void()> Progress::*handler,
-                      void (Progress::*pass)()) {
-  std::function<void()> call;
+void Progress::cancel() {
+  std::function<void()> handler;
   std::vector<Child> children;
   {
     MutexLock hold(lock_);
-    if (this->*flag == value) return;
-    this->*flag = value;
-    call = this->*handler;
+    if (cancelled_) return;
+    cancelled_ = true;
+    handler = onCancel_;
     children = children_;
   }
-  if (call) call();
-  for (const Child& child : children) (child.progress.get()->*pass)();
+  if (handler) handler();
+  for (const Child& child : children) child.progress->cancel();
 }
 
-void Progress::cancel() { change(&Progress::cancelled_, true, &Progress::onCancel_, &Progress::cancel); }
-void Progress::pause() { change(&Progress::paused_, true, &Progress::onPause_, &Progress::pause); }
-void Progress::resume() { change(&Progress::paused_, false, &Progress::onResume_, &Progress::resume); }
+void Progress::pause() {
+  setPaused(true);
+}
+void Progress::resume() {
+  setPaused(false);
+}
+
+void Progress::setPaused(bool paused) {
+  MutexLock hold(lock_);
+  paused_ = paused;
+  if (telling_) return;
+  telling_ = true;
+  while (told_ != paused_) {
+    told_ = paused_;
+    const bool tell = told_;
+    const std::function<void()> handler = tell ? onPause_ : onResume_;
+    const std::vector<Child> children = children_;
+    hold.unlock();
+    if (handler) handler();
+    for (const Child& child : children) child.progress->setPaused(tell);
+    hold.lock();
+  }
+  telling_ = false;
+}
 
 bool Progress::isCancelled() const {
   MutexLock hold(lock_);

@@ -14,9 +14,11 @@ enum class ProgressKind { none, file };
 enum class FileOperationKind { none, downloading, uploading };
 
 // How far an operation is, and the user's hand on it. Shared by the operation, which counts, and whoever waits, who
-// reads, cancels and pauses. Any thread. Handlers run on the thread that cancels, pauses or resumes, with no lock held;
-// a handler set on an object that is already cancelled or paused is not called: look at isCancelled and isPaused after
-// setting it. Cancelling is final; pause and resume may alternate. Cancelling, pausing and resuming reach the children.
+// reads, cancels and pauses. Any thread. Cancelling is final; pause and resume may alternate; all three reach the
+// children, those added later too. Handlers run with no lock held, on the thread that cancels, pauses or resumes. Where
+// two threads pause and resume at the same time one of them runs the handlers for both, so that the last one run always
+// fits isPaused. A handler set on an object that is already cancelled or paused is not called: look at isCancelled and
+// isPaused after setting it.
 class Progress {
  public:
   static std::shared_ptr<Progress> make(std::int64_t totalUnitCount = 0);
@@ -56,9 +58,15 @@ class Progress {
     std::int64_t units;
   };
 
+  struct Counts {
+    std::int64_t total;
+    std::int64_t completed;
+    std::vector<Child> children;
+  };
+
   Progress() = default;
-  void change(bool Progress::*flag, bool value, std::function<void()> Progress::*handler, void (Progress::*pass)())
-      EXCLUDES(lock_);
+  void setPaused(bool paused) EXCLUDES(lock_);
+  [[nodiscard]] Counts counts() const EXCLUDES(lock_);
   [[nodiscard]] bool isFinished() const EXCLUDES(lock_);
 
   mutable Mutex lock_;
@@ -70,6 +78,8 @@ class Progress {
   bool pausable_ GUARDED_BY(lock_) = false;
   bool cancelled_ GUARDED_BY(lock_) = false;
   bool paused_ GUARDED_BY(lock_) = false;
+  bool told_ GUARDED_BY(lock_) = false;     // paused_ as handlers and children last heard it
+  bool telling_ GUARDED_BY(lock_) = false;  // a thread is at it, and will tell what changes meanwhile
   std::function<void()> onCancel_ GUARDED_BY(lock_);
   std::function<void()> onPause_ GUARDED_BY(lock_);
   std::function<void()> onResume_ GUARDED_BY(lock_);

@@ -1,28 +1,47 @@
 #include "platform/repeating_timer.h"
 
-#include <algorithm>
-#include <atomic>
+#include <cassert>
 #include <utility>
+
+#include "base/mutex.h"
 
 namespace vondle {
 
 struct RepeatingTimer::State : std::enable_shared_from_this<State> {
   State(const Clock& itsClock, std::shared_ptr<Queue> itsQueue, Duration itsInterval, std::function<void()> itsHandler)
-      : clock(itsClock), queue(std::move(itsQueue)), interval(itsInterval), handler(std::move(itsHandler)),
-        next(clock.monotonic() + interval) {}
+      : clock(itsClock),
+        queue(std::move(itsQueue)),
+        interval(itsInterval),
+        handler(std::move(itsHandler)),
+        next(clock.monotonic() + interval) {
+    assert(interval > Duration::zero());
+  }
 
-  void arm() {
-    queue->after(next - clock.monotonic(), [weak = weak_from_this()] {
+  void arm() EXCLUDES(lock) {
+    MutexLock hold(lock);
+    if (cancelled) return;
+    armed = queue->after(next - clock.monotonic(), [weak = weak_from_this()] {
       if (auto self = weak.lock()) self->tick();
     });
   }
 
-  void tick() {
-    if (cancelled) return;
+  void tick() EXCLUDES(lock) {
+    if (isCancelled()) return;
+    const Duration late = clock.monotonic() - next;
+    next = next + interval * (late / interval + 1);
     handler();
-    if (cancelled) return;
-    next = std::max(next + interval, clock.monotonic());
     arm();
+  }
+
+  void cancel() EXCLUDES(lock) {
+    MutexLock hold(lock);
+    cancelled = true;
+    queue->cancel(armed);
+  }
+
+  bool isCancelled() EXCLUDES(lock) {
+    MutexLock hold(lock);
+    return cancelled;
   }
 
   const Clock& clock;
@@ -30,7 +49,9 @@ struct RepeatingTimer::State : std::enable_shared_from_this<State> {
   const Duration interval;
   const std::function<void()> handler;
   MonotonicTime next;  // touched by the constructor, then only on the queue
-  std::atomic<bool> cancelled = false;
+  Mutex lock;
+  bool cancelled GUARDED_BY(lock) = false;
+  TimerID armed GUARDED_BY(lock) = 0;
 };
 
 RepeatingTimer::RepeatingTimer(const Clock& clock, std::shared_ptr<Queue> queue, Duration interval,
@@ -39,8 +60,12 @@ RepeatingTimer::RepeatingTimer(const Clock& clock, std::shared_ptr<Queue> queue,
   state_->arm();
 }
 
-RepeatingTimer::~RepeatingTimer() { cancel(); }
+RepeatingTimer::~RepeatingTimer() {
+  cancel();
+}
 
-void RepeatingTimer::cancel() { state_->cancelled = true; }
+void RepeatingTimer::cancel() {
+  state_->cancel();
+}
 
 }  // namespace vondle
