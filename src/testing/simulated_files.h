@@ -35,7 +35,7 @@ enum class FileOperation {
 class SimulatedFiles final : public Files {
  public:
   static constexpr int ALWAYS = std::numeric_limits<int>::max();
-  static constexpr const char* HOME = "/home/user";
+  static constexpr const char* HOME = "/home/tester";
   static constexpr const char* TEMPORARY_FOLDER = "/tmp";
 
   explicit SimulatedFiles(const Clock& clock);
