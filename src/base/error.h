@@ -20,6 +20,7 @@ inline constexpr std::int64_t USER_CANCELLED = 3072;
 inline constexpr std::int64_t FEATURE_UNSUPPORTED = 3328;
 
 // Codes of URL_ERROR_DOMAIN.
+inline constexpr std::int64_t URL_UNKNOWN = -1;
 inline constexpr std::int64_t URL_CANCELLED = -999;
 inline constexpr std::int64_t URL_BAD_URL = -1000;
 inline constexpr std::int64_t URL_TIMED_OUT = -1001;
