@@ -58,6 +58,21 @@ constexpr Conversion conversionAt(std::string_view rest) {
   return {};
 }
 
+// Whether a format asks for arguments of exactly these kinds (see conversionFor), in this order.
+constexpr bool formatFits(std::string_view format, std::span<const char> kinds) {
+  std::size_t used = 0;
+  for (std::size_t i = 0; i < format.size(); ++i) {
+    if (format[i] != '%') continue;
+    const auto conversion = conversionAt(format.substr(i + 1));
+    if (conversion.length == 0) return false;
+    i += conversion.length;
+    if (conversion.letter == '%') continue;
+    if (used == kinds.size() || kinds[used] != conversion.letter) return false;
+    ++used;
+  }
+  return used == kinds.size();
+}
+
 inline void formatDoesNotFitItsArguments() {}  // not constexpr: reaching it stops the compiler
 
 }  // namespace log_detail
@@ -69,18 +84,8 @@ template <class... Args>
 class LogFormat {
  public:
   consteval LogFormat(const char* text) : text_(text) {  // NOLINT(google-explicit-constructor): stands for the literal
-    constexpr std::array<char, sizeof...(Args) + 1> wanted = {log_detail::conversionFor<Args>()..., '\0'};
-    std::size_t used = 0;
-    for (std::size_t i = 0; i < text_.size(); ++i) {
-      if (text_[i] != '%') continue;
-      const auto conversion = log_detail::conversionAt(text_.substr(i + 1));
-      if (conversion.length == 0) log_detail::formatDoesNotFitItsArguments();
-      i += conversion.length;
-      if (conversion.letter == '%') continue;
-      if (used >= sizeof...(Args) || wanted[used] != conversion.letter) log_detail::formatDoesNotFitItsArguments();
-      ++used;
-    }
-    if (used != sizeof...(Args)) log_detail::formatDoesNotFitItsArguments();
+    constexpr std::array<char, sizeof...(Args)> kinds = {log_detail::conversionFor<Args>()...};
+    if (!log_detail::formatFits(text_, kinds)) log_detail::formatDoesNotFitItsArguments();
   }
 
   [[nodiscard]] constexpr std::string_view text() const { return text_; }
