@@ -6,6 +6,18 @@
 #include <utility>
 
 namespace vondle {
+namespace {
+
+constexpr std::string_view HTTP_STATUS_DOMAIN = "VondleHTTPStatus";
+
+}  // namespace
+
+std::optional<std::int64_t> statusOfTooLongReply(const Error& error) {
+  if (!error.is(URL_ERROR_DOMAIN, URL_DATA_LENGTH_EXCEEDS_MAXIMUM) || !error.underlying ||
+      !error.underlying->isIn(HTTP_STATUS_DOMAIN))
+    return std::nullopt;
+  return error.underlying->code;
+}
 
 struct URLDataClient::Exchange {
   explicit Exchange(Completion<Result<URLReply>> itsCompletion) : completion(std::move(itsCompletion)) {}
@@ -66,9 +78,10 @@ void URLDataClient::didComplete(URLSessionTask& task, const std::optional<Error>
     exchange = std::move(node.mapped());
   }
   if (exchange->tooLarge) {
+    const Error tooLong(URL_ERROR_DOMAIN, URL_DATA_LENGTH_EXCEEDS_MAXIMUM,
+                        fmt::format("the server's answer is longer than {} bytes", maxBodyBytes_));
     std::move(exchange->completion)(
-        failure({URL_ERROR_DOMAIN, URL_DATA_LENGTH_EXCEEDS_MAXIMUM,
-                 fmt::format("the server's answer is longer than {} bytes", maxBodyBytes_)}));
+        failure(tooLong.withUnderlying({HTTP_STATUS_DOMAIN, exchange->reply.response.status})));
   } else if (error) {
     std::move(exchange->completion)(failure(*error));
   } else {

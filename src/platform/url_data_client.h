@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "base/completion.h"
@@ -18,7 +19,8 @@ struct URLReply {
 
 // A session for small exchanges: sends a request and completes with the whole reply, held in memory. Any thread may
 // send; completions run on the session's thread. A body of more than maxBodyBytes ends the exchange with
-// URL_DATA_LENGTH_EXCEEDS_MAXIMUM. Transport errors arrive unchanged; any HTTP status is a reply.
+// URL_DATA_LENGTH_EXCEEDS_MAXIMUM (see statusOfTooLongReply). Transport errors arrive unchanged; any HTTP status is a
+// reply.
 class URLDataClient : private URLSessionDelegate {
  public:
   URLDataClient(URLLoading& loading, URLSessionConfiguration configuration, std::int64_t maxBodyBytes);
@@ -40,5 +42,8 @@ class URLDataClient : private URLSessionDelegate {
   std::map<URLTaskID, std::unique_ptr<Exchange>> exchanges_ GUARDED_BY(lock_);
   std::unique_ptr<URLSession> session_;  // last: its end completes what is left in exchanges_
 };
+
+// The HTTP status of a reply that was given up for its length; none for any other error.
+std::optional<std::int64_t> statusOfTooLongReply(const Error& error);
 
 }  // namespace vondle
