@@ -1,0 +1,50 @@
+#include "state/item_cache.h"
+
+#include <utility>
+
+#include "api/vondle_api.h"
+#include "base/shared_instance.h"
+
+namespace vondle {
+
+ItemCache& ItemCache::shared() {
+  return SharedInstance<ItemCache>::current();
+}
+
+void ItemCache::store(const std::vector<Entry>& entries) {
+  MutexLock hold(lock_);
+  for (const Entry& entry : entries) entries_.insert_or_assign(entry.id, entry);
+}
+
+void ItemCache::store(Entry entry) {
+  MutexLock hold(lock_);
+  std::string id = entry.id;
+  entries_.insert_or_assign(std::move(id), std::move(entry));
+}
+
+std::optional<Entry> ItemCache::get(const std::string& id) {
+  MutexLock hold(lock_);
+  const auto found = entries_.find(id);
+  return found == entries_.end() ? std::nullopt : std::optional(found->second);
+}
+
+void ItemCache::forget(const std::string& id) {
+  MutexLock hold(lock_);
+  entries_.erase(id);
+}
+
+void ItemCache::resolve(std::string id, std::optional<Duration> maxAge, Completion<std::optional<Entry>> completion) {
+  std::optional<Entry> cached = get(id);
+  if (cached) {
+    const double age = clock_.now().secondsSince1970 - cached->fetchedAt.secondsSince1970;
+    if (!maxAge || age < inSeconds(*maxAge)) return std::move(completion)(std::move(cached));
+  }
+  api_.item(std::move(id),
+            [this, cached = std::move(cached), completion = std::move(completion)](Result<Entry> fresh) mutable {
+              if (!fresh) return std::move(completion)(std::move(cached));
+              store(*fresh);
+              std::move(completion)(std::move(*fresh));
+            });
+}
+
+}  // namespace vondle
