@@ -197,7 +197,7 @@ Result<std::unique_ptr<ReadableFile>> SimulatedFiles::open(const std::string& pa
 }
 
 std::optional<std::string> SimulatedFiles::applicationGroupContainer(std::string_view group) {
-  if (!containerAvailable_) return std::nullopt;
+  if (!containerAvailable_ || group.empty() || group.starts_with('.') || group.contains('/')) return std::nullopt;
   makeFolders(containerPath(group));
   return containerPath(group);
 }
