@@ -1,0 +1,54 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/clock.h"
+#include "storage/content_store.h"
+#include "storage/refusal.h"
+#include "storage/signed_url.h"
+#include "storage/store_pool.h"
+
+namespace vondle::storage {
+
+// A request to a signed address.
+struct ContentRequest {
+  std::string method = {};
+  std::string path = {};
+  std::multimap<std::string, std::string> query;
+  bool hasApiKey = false;
+};
+
+// What is sent back for a GET or HEAD of contents.
+struct Download {
+  std::unique_ptr<StoredFile> file = {};
+  std::string contentType = {};
+  std::string etag = {};  // with its quotes
+};
+
+// Which bytes of `size` a Range header asks for: first and last, both included. Absent when there is no such header or
+// it is of a form that is not served (several ranges), so that everything is sent; 416 when nothing of it exists.
+Answer<std::optional<std::pair<std::int64_t, std::int64_t>>> rangeOf(std::string_view header, std::int64_t size);
+
+// Answers requests to signed addresses: GET of contents and previews, PUT of contents, parts and previews. Any thread.
+class ContentHandlers {
+ public:
+  ContentHandlers(StorePool& stores, const ContentStore& contents, const SignedUrl& signer, const Clock& clock)
+      : stores_(stores), contents_(contents), signer_(signer), clock_(clock) {}
+
+  Answer<Download> download(const ContentRequest& request);
+
+ private:
+  // 400 for a key in the header, 403 unless the address was signed by the service and has not expired.
+  [[nodiscard]] Answer<void> check(const ContentRequest& request) const;
+
+  StorePool& stores_;
+  const ContentStore& contents_;
+  const SignedUrl& signer_;
+  const Clock& clock_;
+};
+
+}  // namespace vondle::storage

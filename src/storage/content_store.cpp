@@ -1,0 +1,210 @@
+#include "storage/content_store.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <system_error>
+
+#include <fmt/format.h>
+
+namespace vondle::storage {
+namespace {
+
+constexpr std::size_t WRITE_BUFFER = 256 * 1024;
+
+class Descriptor {
+ public:
+  explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
+  ~Descriptor() {
+    if (descriptor_ >= 0) ::close(descriptor_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  [[nodiscard]] int get() const { return descriptor_; }
+  [[nodiscard]] bool isOpen() const { return descriptor_ >= 0; }
+
+ private:
+  int descriptor_;
+};
+
+Result<void> makeFolder(const std::string& path) {
+  if (::mkdir(path.c_str(), 0700) != 0 && errno != EEXIST)
+    return failure(Error::posix(errno, "cannot make the folder " + path));
+  return {};
+}
+
+Result<void> syncFolder(const std::string& path) {
+  const Descriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder.isOpen() || ::fsync(folder.get()) != 0) return failure(Error::posix(errno, "cannot sync " + path));
+  return {};
+}
+
+std::string folderOf(const std::string& path) {
+  return path.substr(0, path.rfind('/'));
+}
+
+// The two folders above a stored file, each made and on the disk before anything is put in it.
+Result<void> makeFoldersFor(const std::string& path) {
+  const std::string inner = folderOf(path);
+  if (::access(inner.c_str(), F_OK) == 0) return {};
+  const std::string outer = folderOf(inner);
+  for (const auto& folder : {outer, inner}) {
+    if (auto made = makeFolder(folder); !made) return made;
+    if (auto synced = syncFolder(folderOf(folder)); !synced) return synced;
+  }
+  return {};
+}
+
+Result<void> writeAll(int descriptor, std::string_view bytes, std::int64_t offset, const std::string& path) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::pwrite(descriptor, bytes.data(), bytes.size(), offset);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return failure(Error::posix(count == 0 ? EIO : errno, "cannot write " + path));
+    bytes.remove_prefix(static_cast<std::size_t>(count));
+    offset += count;
+  }
+  return {};
+}
+
+Result<void> removeFile(const std::string& path) {
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT) return failure(Error::posix(errno, "cannot remove " + path));
+  return {};
+}
+
+}  // namespace
+
+StoredFile::~StoredFile() {
+  ::close(descriptor_);
+}
+
+Result<std::size_t> StoredFile::readAt(std::int64_t offset, std::span<char> buffer) const {
+  for (;;) {
+    const ssize_t count = ::pread(descriptor_, buffer.data(), buffer.size(), offset);
+    if (count >= 0) return static_cast<std::size_t>(count);
+    if (errno != EINTR) return failure(Error::posix(errno, "cannot read stored contents"));
+  }
+}
+
+ContentStore::Incoming::~Incoming() {
+  ::close(descriptor_);
+  if (!finished_) ::unlink(path_.c_str());
+}
+
+Result<void> ContentStore::Incoming::flush() {
+  auto written = writeAll(descriptor_, buffer_, size_ - static_cast<std::int64_t>(buffer_.size()), path_);
+  buffer_.clear();
+  return written;
+}
+
+Result<void> ContentStore::Incoming::write(std::string_view bytes) {
+  hasher_.add(bytes);
+  size_ += static_cast<std::int64_t>(bytes.size());
+  buffer_ += bytes;
+  return buffer_.size() >= WRITE_BUFFER ? flush() : Result<void>();
+}
+
+Result<std::string> ContentStore::Incoming::finish(bool sync) {
+  if (auto written = flush(); !written) return failure(std::move(written.error()));
+  if (sync && ::fsync(descriptor_) != 0) return failure(Error::posix(errno, "cannot sync " + path_));
+  if (auto made = makeFoldersFor(target_); !made) return failure(std::move(made.error()));
+  if (::rename(path_.c_str(), target_.c_str()) != 0) return failure(Error::posix(errno, "cannot store " + target_));
+  finished_ = true;
+  if (sync)
+    if (auto synced = syncFolder(folderOf(target_)); !synced) return failure(std::move(synced.error()));
+  return hexadecimal(hasher_.finish());
+}
+
+Result<ContentStore> ContentStore::open(const std::string& root) {
+  ContentStore store(root);
+  for (const char* folder : {"/contents", "/thumbs", "/incoming", "/parts"})
+    if (auto made = makeFolder(root + folder); !made) return failure(std::move(made.error()));
+  std::error_code error;
+  for (const auto& left : std::filesystem::directory_iterator(root + "/incoming", error))
+    if (auto removed = removeFile(left.path().string()); !removed) return failure(std::move(removed.error()));
+  if (error) return failure(Error::posix(error.value(), "cannot read " + root + "/incoming"));
+  return store;
+}
+
+std::string ContentStore::pathOf(Kind kind, std::string_view key) const {
+  return fmt::format("{}/{}/{}/{}/{}", root_, kind == Kind::contents ? "contents" : "thumbs", key.substr(0, 2),
+                     key.substr(2, 2), key);
+}
+
+std::string ContentStore::partsPath(std::string_view key) const {
+  return fmt::format("{}/parts/{}", root_, key);
+}
+
+Result<std::unique_ptr<ContentStore::Incoming>> ContentStore::receive(Kind kind, std::string_view key) const {
+  // Two transfers of the same key do not disturb each other; the one that ends last stays.
+  std::string path = fmt::format("{}/incoming/{}", root_, randomName());
+  const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (descriptor < 0) return failure(Error::posix(errno, "cannot make " + path));
+  return std::unique_ptr<Incoming>(new Incoming(std::move(path), pathOf(kind, key), descriptor));
+}
+
+Result<std::unique_ptr<StoredFile>> ContentStore::read(Kind kind, std::string_view key) const {
+  const std::string path = pathOf(kind, key);
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) return failure(Error::posix(errno, "cannot open " + path));
+  struct stat found{};
+  auto file = std::make_unique<StoredFile>(descriptor, ::fstat(descriptor, &found) == 0 ? found.st_size : 0);
+  return file;
+}
+
+bool ContentStore::has(Kind kind, std::string_view key) const {
+  return ::access(pathOf(kind, key).c_str(), F_OK) == 0;
+}
+
+Result<void> ContentStore::remove(std::string_view key) const {
+  for (const auto& path : {pathOf(Kind::contents, key), pathOf(Kind::thumb, key), partsPath(key)})
+    if (auto removed = removeFile(path); !removed) return removed;
+  return {};
+}
+
+Result<void> ContentStore::beginParts(std::string_view key) const {
+  const std::string path = partsPath(key);
+  const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  if (!file.isOpen()) return failure(Error::posix(errno, "cannot make " + path));
+  return syncFolder(folderOf(path));
+}
+
+Result<void> ContentStore::writePart(std::string_view key, std::int64_t offset, std::string_view bytes) const {
+  const std::string path = partsPath(key);
+  const Descriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  if (!file.isOpen()) return failure(Error::posix(errno, "cannot open " + path));
+  return writeAll(file.get(), bytes, offset, path);
+}
+
+Result<void> ContentStore::syncParts(std::string_view key) const {
+  const std::string path = partsPath(key);
+  const Descriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  if (!file.isOpen() || ::fsync(file.get()) != 0) return failure(Error::posix(errno, "cannot sync " + path));
+  return {};
+}
+
+Result<void> ContentStore::assemble(std::string_view key, std::int64_t size) const {
+  const std::string path = partsPath(key);
+  const std::string target = pathOf(Kind::contents, key);
+  struct stat found{};
+  if (::stat(path.c_str(), &found) != 0) {
+    // Renamed by an earlier try whose answer was lost.
+    if (errno == ENOENT && has(Kind::contents, key)) return {};
+    return failure(Error::posix(errno, "cannot examine " + path));
+  }
+  if (found.st_size != size) return failure({POSIX_ERROR_DOMAIN, EIO, "the parts do not make up the whole: " + path});
+  if (auto made = makeFoldersFor(target); !made) return made;
+  if (::rename(path.c_str(), target.c_str()) != 0) return failure(Error::posix(errno, "cannot store " + target));
+  return syncFolder(folderOf(target));
+}
+
+Result<void> ContentStore::syncAll() const {
+  const Descriptor folder(::open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder.isOpen() || ::syncfs(folder.get()) != 0) return failure(Error::posix(errno, "cannot sync " + root_));
+  return {};
+}
+
+}  // namespace vondle::storage

@@ -1,0 +1,329 @@
+#include "storage/http_server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <set>
+#include <vector>
+
+#include <fmt/format.h>
+#include <httplib.h>
+
+#include "base/mutex.h"
+#include "platform/log.h"
+
+namespace vondle::storage {
+namespace {
+
+constexpr Log slog("com.ferrow.vondle.storage", "http");
+
+constexpr int IDLE_SECONDS = 30;       // between two requests of a connection
+constexpr int TRANSFER_SECONDS = 600;  // without a byte; clients pause transfers
+constexpr std::size_t MAX_PATH = 512;
+constexpr std::size_t CHUNK = 256 * 1024;
+// After an early refusal the rest of the body is read for so long, so that the client gets to see the refusal.
+constexpr int LINGER_MILLISECONDS = 2000;
+
+// Of the request that the current thread handles: its body was not read to the end, so nothing can follow it.
+thread_local bool bodyIsLeft = false;
+
+bool waitFor(int socket, short events, int milliseconds) {
+  pollfd entry{.fd = socket, .events = events, .revents = 0};
+  for (;;) {
+    const int count = ::poll(&entry, 1, milliseconds);
+    if (count > 0) return true;
+    if (count == 0 || errno != EINTR) return false;
+  }
+}
+
+// A connection as the HTTP library reads and writes it, with a buffer for reading.
+class SocketStream final : public httplib::Stream {
+ public:
+  explicit SocketStream(int socket) : socket_(socket) {}
+
+  // A request has begun to arrive.
+  bool waitForRequest() { return next_ < end_ || waitFor(socket_, POLLIN, IDLE_SECONDS * 1000); }
+
+  bool is_readable() const override { return next_ < end_ || waitFor(socket_, POLLIN, TRANSFER_SECONDS * 1000); }
+  bool is_writable() const override { return waitFor(socket_, POLLOUT, TRANSFER_SECONDS * 1000); }
+
+  ssize_t read(char* target, size_t size) override {
+    if (next_ == end_) {
+      if (!waitFor(socket_, POLLIN, TRANSFER_SECONDS * 1000)) return -1;
+      const ssize_t count = receive(buffer_.data(), buffer_.size());
+      if (count <= 0) return count;
+      next_ = 0;
+      end_ = static_cast<std::size_t>(count);
+    }
+    const std::size_t count = std::min(size, end_ - next_);
+    std::memcpy(target, buffer_.data() + next_, count);
+    next_ += count;
+    return static_cast<ssize_t>(count);
+  }
+
+  ssize_t write(const char* bytes, size_t size) override {
+    if (!is_writable()) return -1;
+    for (;;) {
+      const ssize_t count = ::send(socket_, bytes, size, MSG_NOSIGNAL);
+      if (count >= 0 || errno != EINTR) return count;
+    }
+  }
+
+  void get_remote_ip_and_port(std::string& ip, int& port) const override { name(::getpeername, ip, port); }
+  void get_local_ip_and_port(std::string& ip, int& port) const override { name(::getsockname, ip, port); }
+  socket_t socket() const override { return socket_; }
+
+  // Says that nothing more comes, and reads on for a moment what the client still sends.
+  void linger() {
+    ::shutdown(socket_, SHUT_WR);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(LINGER_MILLISECONDS);
+    while (std::chrono::steady_clock::now() < end && waitFor(socket_, POLLIN, LINGER_MILLISECONDS))
+      if (receive(buffer_.data(), buffer_.size()) <= 0) break;
+  }
+
+ private:
+  ssize_t receive(char* target, std::size_t size) const {
+    for (;;) {
+      const ssize_t count = ::recv(socket_, target, size, 0);
+      if (count >= 0 || errno != EINTR) return count;
+    }
+  }
+
+  template <class Getter>
+  void name(Getter getter, std::string& ip, int& port) const {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    std::array<char, INET_ADDRSTRLEN> text{};
+    if (getter(socket_, reinterpret_cast<sockaddr*>(&address), &length) != 0 || address.sin_family != AF_INET) return;
+    if (::inet_ntop(AF_INET, &address.sin_addr, text.data(), text.size())) ip = text.data();
+    port = ntohs(address.sin_port);
+  }
+
+  int socket_;
+  std::array<char, 64 * 1024> buffer_{};
+  std::size_t next_ = 0;
+  std::size_t end_ = 0;
+};
+
+std::multimap<std::string, std::string> queryOf(const httplib::Request& request) {
+  return {request.params.begin(), request.params.end()};
+}
+
+void send(httplib::Response& response, ApiReply reply) {
+  response.status = reply.status;
+  if (!reply.allow.empty()) response.set_header("Allow", reply.allow);
+  response.set_content(std::move(reply.body), "application/json");
+}
+
+void send(httplib::Response& response, const Refusal& refusal) {
+  send(response, errorReply(refusal.status, refusal.text));
+}
+
+bool hasBody(const httplib::Request& request) {
+  return request.has_header("Transfer-Encoding") ||
+         (request.has_header("Content-Length") && request.get_header_value("Content-Length") != "0");
+}
+
+}  // namespace
+
+// The library's server with connections of our own: they can be cut at any time, an unread body ends them, and each
+// holds a range header back that the library would apply to replies it does not fit.
+class HttpServer::Implementation final : public httplib::Server {
+ public:
+  Implementation(HttpOptions options, ApiHandlers& api, ContentHandlers& contents)
+      : options_(std::move(options)), api_(api), contents_(contents) {
+    new_task_queue = [] { return new httplib::ThreadPool(MAX_CONNECTIONS); };
+    set_tcp_nodelay(true);
+    set_keep_alive_timeout(IDLE_SECONDS);
+    set_keep_alive_max_count(1'000'000);
+    // A port that another program listens on is refused.
+    set_socket_options([](int socket) {
+      const int yes = 1;
+      ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
+    set_pre_routing_handler([this](const auto& request, auto& response) { return route(request, response); });
+    const auto post = [this](const auto& request, auto& response, const auto& reader) {
+      receiveApi(request, response, reader);
+    };
+    Post("/vondle/api/.*", post);
+    set_error_handler([](const httplib::Request&, httplib::Response& response) {
+      if (response.body.empty()) send(response, errorReply(response.status, "the request is not understood"));
+    });
+    set_exception_handler([](const httplib::Request&, httplib::Response& response, std::exception_ptr) {
+      bodyIsLeft = true;
+      send(response, errorReply(500, "the service failed"));
+    });
+  }
+
+  Result<int> bindAddress() {
+    const int port = options_.port == 0                           ? bind_to_any_port(options_.host)
+                     : bind_to_port(options_.host, options_.port) ? options_.port
+                                                                  : -1;
+    if (port < 0) {
+      return failure({"VondleStorageError", 0,
+                      fmt::format("cannot listen on {}:{}: is the port taken, or the address not of this machine?",
+                                  options_.host, options_.port)});
+    }
+    return port;
+  }
+
+  void cut() {
+    stop();
+    const MutexLock lock(lock_);
+    stopping_ = true;
+    for (const int socket : sockets_) ::shutdown(socket, SHUT_RDWR);
+  }
+
+ private:
+  bool process_and_close_socket(socket_t socket) override {
+    if (add(socket)) {
+      SocketStream stream(socket);
+      while (stream.waitForRequest()) {
+        bool closed = false;
+        bodyIsLeft = false;
+        const bool answered = process_request(stream, false, closed, [](httplib::Request& request) {
+          request.ranges.clear();
+          bodyIsLeft = hasBody(request);
+        });
+        if (answered && !closed && !bodyIsLeft) continue;
+        if (answered && bodyIsLeft) stream.linger();
+        break;
+      }
+    }
+    remove(socket);
+    ::shutdown(socket, SHUT_RDWR);
+    ::close(socket);
+    return true;
+  }
+
+  bool add(int socket) {
+    const MutexLock lock(lock_);
+    sockets_.insert(socket);
+    return !stopping_;
+  }
+  void remove(int socket) {
+    const MutexLock lock(lock_);
+    sockets_.erase(socket);
+  }
+
+  HandlerResponse route(const httplib::Request& request, httplib::Response& response) {
+    const bool reads = request.method == "GET" || request.method == "HEAD";
+    const bool isApi = request.path.starts_with("/vondle/api/");
+    if (request.path.size() > MAX_PATH) {
+      send(response, errorReply(414, "the address is too long"));
+    } else if (isApi) {
+      if (request.method == "POST") return HandlerResponse::Unhandled;
+      send(response, api_.handle(apiRequest(request)));
+    } else if (!reads) {
+      send(response, errorReply(405, "this address does not take such requests"));
+    } else {
+      sendContents(request, response);
+    }
+    return HandlerResponse::Handled;
+  }
+
+  ApiRequest apiRequest(const httplib::Request& request) const {
+    ApiRequest made;
+    made.method = request.method;
+    made.endpoint = request.path.substr(std::strlen("/vondle/api/"));
+    made.query = queryOf(request);
+    if (request.has_header("X-API-Key")) made.key = request.get_header_value("X-API-Key");
+    made.base = options_.publicUrl.empty() ? "http://" + request.get_header_value("Host") : options_.publicUrl;
+    return made;
+  }
+
+  void receiveApi(const httplib::Request& request, httplib::Response& response, const httplib::ContentReader& reader) {
+    auto made = apiRequest(request);
+    if (request.has_header("Content-Encoding") || request.is_multipart_form_data()) {
+      send(response, errorReply(415, "the body is plain JSON"));
+      return;
+    }
+    bool tooLong = false;
+    const bool whole = reader([&](const char* bytes, std::size_t count) {
+      tooLong = made.body.size() + count > MAX_API_BODY;
+      if (!tooLong) made.body.append(bytes, count);
+      return !tooLong;
+    });
+    if (tooLong) {
+      send(response, errorReply(413, "the body is longer than 1 MiB"));
+    } else if (!whole) {
+      send(response, errorReply(400, "the body ended early"));
+    } else {
+      bodyIsLeft = false;
+      send(response, api_.handle(made));
+    }
+  }
+
+  void sendContents(const httplib::Request& request, httplib::Response& response) {
+    auto download = contents_.download({.method = request.method,
+                                        .path = request.path,
+                                        .query = queryOf(request),
+                                        .hasApiKey = request.has_header("X-API-Key")});
+    if (!download) {
+      send(response, download.error());
+      return;
+    }
+    const std::shared_ptr<StoredFile> file = std::move(download->file);
+    response.set_header("ETag", download->etag);
+    response.set_header("Accept-Ranges", "bytes");
+    response.set_header("Cache-Control", "private");
+    response.set_header("X-Content-Type-Options", "nosniff");
+    const auto range = rangeOf(request.get_header_value("Range"), file->size());
+    if (!range) {
+      response.set_header("Content-Range", fmt::format("bytes */{}", file->size()));
+      send(response, range.error());
+      return;
+    }
+    std::int64_t first = 0;
+    std::int64_t length = file->size();
+    response.status = 200;
+    if (*range) {
+      first = (*range)->first;
+      length = (*range)->second - first + 1;
+      response.status = 206;
+      response.set_header("Content-Range", fmt::format("bytes {}-{}/{}", first, (*range)->second, file->size()));
+    }
+    if (length == 0) {
+      response.set_content("", download->contentType);
+      return;
+    }
+    response.set_content_provider(static_cast<std::size_t>(length), download->contentType,
+                                  [file, first](std::size_t offset, std::size_t count, httplib::DataSink& sink) {
+                                    std::vector<char> buffer(std::min(count, CHUNK));
+                                    const auto read = file->readAt(first + static_cast<std::int64_t>(offset), buffer);
+                                    if (!read) slog.error("%{public}@", read.error().localizedDescription());
+                                    return read && *read > 0 && sink.write(buffer.data(), *read);
+                                  });
+  }
+
+  const HttpOptions options_;
+  ApiHandlers& api_;
+  ContentHandlers& contents_;
+  Mutex lock_;
+  std::set<int> sockets_ GUARDED_BY(lock_);
+  bool stopping_ GUARDED_BY(lock_) = false;
+};
+
+HttpServer::HttpServer(HttpOptions options, ApiHandlers& api, ContentHandlers& contents)
+    : implementation_(std::make_unique<Implementation>(std::move(options), api, contents)) {}
+HttpServer::~HttpServer() = default;
+
+Result<int> HttpServer::bind() {
+  return implementation_->bindAddress();
+}
+bool HttpServer::run() {
+  return implementation_->listen_after_bind();
+}
+void HttpServer::stop() {
+  implementation_->cut();
+}
+
+}  // namespace vondle::storage
