@@ -16,19 +16,17 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr auto* PATH = "/home/user/.vondle/config.json";
-constexpr auto* MARKER = "/home/user/.vondle/keychain_ok";
+constexpr auto* PATH = "/home/tester/.vondle/config.json";
+constexpr auto* MARKER = "/home/tester/.vondle/keychain_ok";
 
 CapturedLog::Line line(LogLevel level, std::string message) {
   return {level, "com.ferrow.vondle.fileprovider", "provider", std::move(message)};
 }
-const auto UNREADABLE = line(LogLevel::error, "config unreadable at /home/user/.vondle/config.json");
+const auto UNREADABLE = line(LogLevel::error, "config unreadable at /home/tester/.vondle/config.json");
 const auto NO_KEY = line(LogLevel::error, "no api key in keychain or config");
 const auto KEY_READ = line(LogLevel::info, "api key read from the keychain");
 
 struct ConfigLoaderTest : testing::Test {
-  void SetUp() override { users.home = "/home/user"; }
-
   VirtualScheduler scheduler;
   SimulatedFiles files{scheduler};
   SimulatedKeychain keychain;

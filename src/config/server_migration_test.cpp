@@ -11,7 +11,7 @@
 namespace vondle {
 namespace {
 
-constexpr auto* PATH = "/home/user/.vondle/config.json";
+constexpr auto* PATH = "/home/tester/.vondle/config.json";
 
 struct ServerMigrationTest : testing::Test {
   VirtualScheduler scheduler;

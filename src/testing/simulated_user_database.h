@@ -7,7 +7,7 @@ namespace vondle {
 // A user database that says what the test wants. Set before use.
 class SimulatedUserDatabase : public UserDatabase {
  public:
-  std::optional<std::string> home = "/home/user";
+  std::optional<std::string> home = "/home/tester";
   std::string fallback = "/fallback";
 
   std::optional<std::string> homeOfCurrentUser() const override { return home; }
