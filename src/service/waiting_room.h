@@ -21,7 +21,7 @@ namespace vondle {
 template <class Value>
 class WaitingRoom : public std::enable_shared_from_this<WaitingRoom<Value>> {
  public:
-  using Answer = Completion<Result<Value>>;
+  using Answer = Completion<const Result<Value>&>;
   using Abandoned = std::function<void(Inode)>;
 
   explicit WaitingRoom(Abandoned abandoned) : abandoned_(std::move(abandoned)) {}
@@ -44,7 +44,7 @@ class WaitingRoom : public std::enable_shared_from_this<WaitingRoom<Value>> {
     return first;
   }
 
-  // Answers everyone. The Value is copied to each.
+  // Answers everyone.
   void settle(Inode inode, const Result<Value>& result) EXCLUDES(lock_) {
     Room room;
     {

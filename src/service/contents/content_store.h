@@ -32,7 +32,7 @@ struct ContentTransfer {
 // from the server. Any thread.
 class ContentStore : public std::enable_shared_from_this<ContentStore> {
  public:
-  using ContentAnswer = Completion<Result<std::shared_ptr<const ContentFile>>>;
+  using ContentAnswer = Completion<const Result<std::shared_ptr<const ContentFile>>&>;
 
   // How often a fetch is begun anew because the contents changed on the server meanwhile.
   static constexpr int MAX_ATTEMPTS = 5;
@@ -46,7 +46,8 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
   [[nodiscard]] std::shared_ptr<const ContentFile> current(Inode inode) EXCLUDES(lock_);
 
   // The contents, fetched first when they are not here; everyone who wants the same item shares one fetch, and when all
-  // their waits are cancelled it is cancelled. The request of the first counts. Errors: the extension's; NO_SUCH_ITEM
+  // their waits are cancelled it is cancelled. A program's wait for what is fetched in the background begins the fetch
+  // anew, ahead of the others, unless half of it is here. Errors: the extension's; NO_SUCH_ITEM
   // for an unknown item or a folder; POSIX errors for the local file; USER_CANCELLED. `wait` may be null.
   void require(Inode inode, Request request, const std::shared_ptr<Progress>& wait, ContentAnswer answer)
       EXCLUDES(lock_);
@@ -71,26 +72,31 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
   class Fetch;
   struct Record {
     ContentState state = ContentState::absent;
-    std::uint64_t tag = 0;  // of clean
-    std::int64_t size = 0;  // of clean
-    std::weak_ptr<const ContentFile> file;
-    std::shared_ptr<Fetch> fetch;  // of fetching
+    std::uint64_t tag = 0;                  // of clean
+    std::int64_t size = 0;                  // of clean
+    std::weak_ptr<const ContentFile> file;  // of clean, while somebody has it open
+    std::shared_ptr<Fetch> fetch;           // of fetching
   };
 
   ContentStore(std::string folder, Tree& tree, ReplicatedExtension& extension, LastErrors& errors, Scheduler& scheduler,
                const Clock& clock);
-  Result<void> scan();
+  Result<void> scan() EXCLUDES(lock_);
   [[nodiscard]] std::string pathOf(Inode inode, std::uint64_t tag) const;
+  void begin(Inode inode, Request request) EXCLUDES(lock_);
   void abandoned(Inode inode) EXCLUDES(lock_);
-  void finished(Inode inode, Result<std::shared_ptr<const ContentFile>> result) EXCLUDES(lock_);
-  void change(Record& record, ContentEvent event) REQUIRES(lock_);
+  void finished(Inode inode, Request request, bool wasAbandoned,
+                const Result<std::shared_ptr<const ContentFile>>& result) EXCLUDES(lock_);
+  [[nodiscard]] std::shared_ptr<Fetch> fetchOf(Inode inode) const EXCLUDES(lock_);
+  // Moves the record on; one that becomes absent goes. False when the event cannot happen.
+  bool change(Inode inode, ContentEvent event) REQUIRES(lock_);
+  void removeLater(std::string path);
 
   const std::string folder_;
   Tree& tree_;
   ReplicatedExtension& extension_;
   LastErrors& errors_;
   const Clock& clock_;
-  std::shared_ptr<Queue> queue_;  // file operations
+  std::shared_ptr<Queue> queue_;  // everything that changes files, in order
   std::shared_ptr<WaitingRoom<std::shared_ptr<const ContentFile>>> waiting_;
   mutable Mutex lock_;
   std::unordered_map<Inode, Record> records_ GUARDED_BY(lock_);  // those not absent

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 
 #include "base/completion.h"
 #include "fileprovider/replicated_extension.h"
@@ -18,6 +19,7 @@ class FolderListing : public std::enable_shared_from_this<FolderListing> {
  public:
   // A listing longer than this is refused.
   static constexpr std::size_t MAX_ITEMS = 5'000'000;
+  static constexpr std::size_t MAX_PAGES = 10'000;
 
   FolderListing(Tree& tree, ReplicatedExtension& extension, LastErrors& errors, const Clock& clock);
 
@@ -34,7 +36,7 @@ class FolderListing : public std::enable_shared_from_this<FolderListing> {
   struct Nothing {};
 
   void begin(Inode folder, Request request);
-  void finished(Inode folder, Result<Nothing> result);
+  void finished(Inode folder, Result<void> result);
 
   Tree& tree_;
   ReplicatedExtension& extension_;

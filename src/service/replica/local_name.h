@@ -11,7 +11,7 @@ namespace vondle {
 // slash and no NUL, is UTF-8 and stands there once. A server name that is all that is its own local name. Any other
 // gets one that starts with LOCAL_NAME_MARK, followed by the name with each byte that cannot stand, and each percent
 // sign, written as % and two hexadecimal digits:
-//   "a/b"   %=a%2Fb          ".."    %=%2E%2E          ""   %=
+//   "a/b"  %=a%2Fb        ".."  %=..        ""  %=
 // A name that is too long is cut, and one that stands twice is told apart, by a tag before the extension, %# and 16
 // hexadecimal digits made of the item's identifier; only the tree knows the server name of one that was cut.
 inline constexpr std::string_view LOCAL_NAME_MARK = "%=";

@@ -7,34 +7,18 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "base/error.h"
 #include "base/mutex.h"
-#include "base/time.h"
 #include "fileprovider/item.h"
 #include "service/inode.h"
-#include "service/replica/item_index.h"
 #include "service/replica/local_name.h"
 #include "service/replica/replica_change.h"
 #include "service/replica/replica_store.h"
+#include "service/replica/tree_state.h"
 
 namespace vondle {
-
-// What the kernel and the contents store need to know of an item.
-struct ItemAttributes {
-  Inode inode = 0;
-  Inode parent = 0;
-  bool isFolder = false;
-  bool isListed = false;  // of a folder: all its children are here
-  std::int64_t size = 0;
-  Timestamp modified;
-  std::uint32_t capabilities = 0;     // ItemCapabilities
-  std::uint32_t fileSystemFlags = 0;  // FileSystemFlags
-  bool keepDownloaded = false;
-  std::uint64_t contentTag = 0;  // changes with the content version; tells apart items as well
-};
 
 struct DirectoryEntry {
   std::string name;  // local
@@ -92,28 +76,36 @@ class Replica {
   // Changing. Each answers what follows from it, in order.
 
   // The folder's children are exactly these. NO_SUCH_ITEM when the folder has gone.
-  Result<std::vector<ReplicaChange>> applyListing(Inode folder, std::vector<Item> items) EXCLUDES(lock_);
-  std::vector<ReplicaChange> applyUpdates(std::vector<Item> items) EXCLUDES(lock_);
-  // Deleting the root means that everything may have changed: it is listed again on next need.
-  std::vector<ReplicaChange> applyDeletions(const std::vector<ItemIdentifier>& identifiers) EXCLUDES(lock_);
+  Result<std::vector<ReplicaChange>> applyListing(Inode folder, const std::vector<Item>& items) EXCLUDES(lock_);
+  // New or changed items, then deletions; names count only after all of it, so that an item can take the name of one
+  // that goes. Deleting the root means that everything may have changed: it is listed again on next need.
+  std::vector<ReplicaChange> applyNews(const std::vector<Item>& updates, const std::vector<ItemIdentifier>& deletions)
+      EXCLUDES(lock_);
 
  private:
-  class Edit;
-  // News during a listing: an item, or an identifier that was deleted.
+  // What came while a folder was being listed.
   struct News {
-    Item item;
-    bool isDeletion = false;
+    std::vector<Item> updates;
+    std::vector<ItemIdentifier> deletions;
+  };
+  struct Listing {
+    std::vector<News> news;
+    std::size_t count = 0;  // updates and deletions
   };
   static constexpr std::size_t MAX_NEWS = 100'000;
 
   explicit Replica(ReplicaStore store);
-  void rememberNews(const std::vector<Item>& items, const std::vector<ItemIdentifier>& deletions) REQUIRES(lock_);
-  void persist(Edit& edit) EXCLUDES(lock_);
+  Result<void> load();
+  void reserveInodesFor(std::size_t items);
+  void rememberNews(const std::vector<Item>& updates, const std::vector<ItemIdentifier>& deletions) REQUIRES(lock_);
 
   mutable Mutex lock_;
-  ItemIndex index_ GUARDED_BY(lock_);
-  std::unordered_map<Inode, std::vector<News>> listings_ GUARDED_BY(lock_);
-  ReplicaStore store_;  // used by the thread that changes
+  TreeState state_ GUARDED_BY(lock_);
+  std::unordered_map<Inode, Listing> listings_ GUARDED_BY(lock_);
+
+  // Used by the thread that changes.
+  ReplicaStore store_;
+  Inode nextInode_;
 };
 
 }  // namespace vondle

@@ -1,0 +1,467 @@
+#include "service/contents/content_store.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+#include <charconv>
+#include <filesystem>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "fileprovider/error_codes.h"
+#include "platform/log.h"
+
+namespace vondle {
+namespace {
+
+constexpr Log slog("com.ferrow.vondle.service", "contents");
+
+constexpr std::string_view UNFINISHED = ".part";
+// A background fetch that has come this far is not begun anew for a program.
+constexpr double WORTH_KEEPING = 0.5;
+
+struct ContentName {
+  Inode inode = 0;
+  std::uint64_t tag = 0;
+};
+
+std::optional<ContentName> parseName(std::string_view name) {
+  const auto hyphen = name.find('-');
+  if (hyphen == std::string_view::npos || name.size() != hyphen + 17) return std::nullopt;
+  ContentName parsed;
+  const auto* const end = name.data() + name.size();
+  if (std::from_chars(name.data(), name.data() + hyphen, parsed.inode).ptr != name.data() + hyphen) return std::nullopt;
+  if (std::from_chars(name.data() + hyphen + 1, end, parsed.tag, 16).ptr != end) return std::nullopt;
+  return parsed;
+}
+
+Error noSuchItem() {
+  return {FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM};
+}
+Error broken(std::string description) {
+  return {COCOA_ERROR_DOMAIN, FILE_READ_UNKNOWN, std::move(description)};
+}
+
+// Gives the file its place, also from another file system.
+Result<void> moveFile(const std::string& from, const std::string& to) {
+  if (::chmod(from.c_str(), 0600) != 0) return failure(Error::posix(errno, from));
+  if (::rename(from.c_str(), to.c_str()) == 0) return {};
+  if (errno != EXDEV) return failure(Error::posix(errno, to));
+  const auto unfinished = to + std::string(UNFINISHED);
+  std::error_code error;
+  std::filesystem::copy_file(from, unfinished, std::filesystem::copy_options::overwrite_existing, error);
+  if (error) {
+    std::error_code ignored;
+    std::filesystem::remove(unfinished, ignored);
+    return failure(Error::posix(error.value(), to));
+  }
+  if (::rename(unfinished.c_str(), to.c_str()) != 0) return failure(Error::posix(errno, to));
+  ::unlink(from.c_str());
+  return {};
+}
+
+}  // namespace
+
+// Brings the contents of one item: asks the extension, checks what came, lets the replica know of a newer version, and
+// begins anew when the server's contents changed meanwhile or a program cannot wait behind the background.
+class ContentStore::Fetch final : public std::enable_shared_from_this<Fetch> {
+ public:
+  Fetch(std::shared_ptr<ContentStore> store, Inode inode, Request request)
+      : store_(std::move(store)), inode_(inode), request_(request) {}
+
+  void start() EXCLUDES(lock_) {
+    const auto attributes = replica().attributes(inode_);
+    const auto identifier = replica().identifierOf(inode_);
+    if (!attributes || attributes->isFolder || !identifier) return finish(failure(noSuchItem()));
+    tagAtStart_ = attributes->contentTag;
+    identifier_ = *identifier;
+    Request request;
+    {
+      MutexLock hold(lock_);
+      request = request_;
+      isReplaced_ = false;
+      progress_ = nullptr;
+      ++attempts_;
+    }
+    auto progress = store_->extension_.fetchContents(
+        *identifier, std::nullopt, request,
+        [self = shared_from_this()](Result<FetchedContents> result) { self->answered(std::move(result)); });
+    bool isUnwanted = false;
+    {
+      MutexLock hold(lock_);
+      progress_ = progress;
+      isUnwanted = isAbandoned_;
+    }
+    if (isUnwanted && progress) progress->cancel();
+  }
+
+  // Nobody waits any more.
+  void abandon() EXCLUDES(lock_) {
+    std::shared_ptr<Progress> progress;
+    {
+      MutexLock hold(lock_);
+      isAbandoned_ = true;
+      progress = progress_;
+    }
+    if (progress) progress->cancel();
+  }
+
+  // A program waits for it now.
+  void hurry(Request request) EXCLUDES(lock_) {
+    std::shared_ptr<Progress> progress;
+    {
+      MutexLock hold(lock_);
+      if (request_.isFileViewerRequest || !progress_) return;
+      if (progress_->fractionCompleted() >= WORTH_KEEPING) return;
+      request_ = request;
+      isReplaced_ = true;
+      progress = progress_;
+    }
+    progress->cancel();
+  }
+
+  [[nodiscard]] std::shared_ptr<Progress> progress() const EXCLUDES(lock_) {
+    MutexLock hold(lock_);
+    return progress_;
+  }
+
+ private:
+  Replica& replica() { return store_->tree_.replica(); }
+
+  void answered(Result<FetchedContents> result) EXCLUDES(lock_) {
+    if (result) {
+      store_->queue_->post(
+          [self = shared_from_this(), contents = std::move(*result)]() mutable { self->check(std::move(contents)); });
+      return;
+    }
+    bool isReplaced = false;
+    {
+      MutexLock hold(lock_);
+      isReplaced = isReplaced_ && !isAbandoned_;
+    }
+    // Through the queue, for an extension that answers at once.
+    if (isReplaced) return store_->queue_->post([self = shared_from_this()] { self->start(); });
+    if (!replica().attributes(inode_)) return finish(failure(noSuchItem()));
+    finish(failure(std::move(result.error())));
+  }
+
+  void check(FetchedContents contents) {
+    contents_ = std::move(contents);
+    struct stat status{};
+    if (::stat(contents_.path.c_str(), &status) != 0) return discard(Error::posix(errno, contents_.path));
+    const Item& item = contents_.item;
+    if (item.itemIdentifier != identifier_ || item.isFolder())
+      return discard(broken("The contents of another item were delivered."));
+    if (item.documentSize.value_or(status.st_size) != status.st_size)
+      return discard(broken(fmt::format("{} bytes were delivered instead of {}.", status.st_size, *item.documentSize)));
+    tag_ = TreeState::contentTag(item.itemIdentifier.text, item.itemVersion.contentVersion);
+    const auto attributes = replica().attributes(inode_);
+    if (!attributes) return discard(noSuchItem());
+    if (attributes->contentTag == tag_ || attributes->contentTag != tagAtStart_) return keep();
+    // Newer than what the replica knows, which has heard nothing since this began.
+    store_->tree_.applyUpdates({item},
+                               [self = shared_from_this()] { self->store_->queue_->post([self] { self->keep(); }); });
+  }
+
+  void keep() {
+    const auto attributes = replica().attributes(inode_);
+    if (!attributes) return discard(noSuchItem());
+    if (attributes->contentTag != tag_) return again();
+    const auto path = store_->pathOf(inode_, tag_);
+    if (auto moved = moveFile(contents_.path, path); !moved) return discard(std::move(moved.error()));
+    finish(ContentFile::open(path, tag_));
+  }
+
+  // The contents changed on the server while they were fetched.
+  void again() EXCLUDES(lock_) {
+    ::unlink(contents_.path.c_str());
+    bool isAbandoned = false;
+    int attempts = 0;
+    {
+      MutexLock hold(lock_);
+      isAbandoned = isAbandoned_;
+      attempts = attempts_;
+    }
+    if (isAbandoned) return finish(failure({COCOA_ERROR_DOMAIN, USER_CANCELLED}));
+    if (attempts >= MAX_ATTEMPTS) return finish(failure(broken("The contents changed too often to be fetched.")));
+    start();
+  }
+
+  void discard(Error error) {
+    ::unlink(contents_.path.c_str());
+    finish(failure(std::move(error)));
+  }
+
+  void finish(const Result<std::shared_ptr<const ContentFile>>& result) EXCLUDES(lock_) {
+    Request request;
+    bool isAbandoned = false;
+    {
+      MutexLock hold(lock_);
+      request = request_;
+      isAbandoned = isAbandoned_;
+    }
+    store_->finished(inode_, request, isAbandoned, result);
+  }
+
+  const std::shared_ptr<ContentStore> store_;
+  const Inode inode_;
+  // Touched by one step at a time.
+  ItemIdentifier identifier_;
+  std::uint64_t tagAtStart_ = 0;
+  FetchedContents contents_;
+  std::uint64_t tag_ = 0;
+
+  mutable Mutex lock_;
+  Request request_ GUARDED_BY(lock_);
+  std::shared_ptr<Progress> progress_ GUARDED_BY(lock_);
+  int attempts_ GUARDED_BY(lock_) = 0;
+  bool isAbandoned_ GUARDED_BY(lock_) = false;
+  bool isReplaced_ GUARDED_BY(lock_) = false;
+};
+
+ContentStore::ContentStore(std::string folder, Tree& tree, ReplicatedExtension& extension, LastErrors& errors,
+                           Scheduler& scheduler, const Clock& clock)
+    : folder_(std::move(folder)),
+      tree_(tree),
+      extension_(extension),
+      errors_(errors),
+      clock_(clock),
+      queue_(scheduler.makeSerialQueue("com.ferrow.vondle.service.contents")) {}
+
+Result<std::shared_ptr<ContentStore>> ContentStore::open(std::string folder, Tree& tree, ReplicatedExtension& extension,
+                                                         LastErrors& errors, Scheduler& scheduler, const Clock& clock) {
+  std::shared_ptr<ContentStore> store(new ContentStore(std::move(folder), tree, extension, errors, scheduler, clock));
+  store->waiting_ =
+      std::make_shared<WaitingRoom<std::shared_ptr<const ContentFile>>>([weak = std::weak_ptr(store)](Inode inode) {
+        if (const auto self = weak.lock()) self->abandoned(inode);
+      });
+  if (auto scanned = store->scan(); !scanned) return std::unexpected(scanned.error());
+  return store;
+}
+
+Result<void> ContentStore::scan() {
+  std::error_code error;
+  std::filesystem::create_directories(folder_, error);
+  if (error || ::chmod(folder_.c_str(), 0700) != 0)
+    return failure(Error::posix(error ? error.value() : errno, folder_));
+  std::filesystem::directory_iterator files(folder_, error);
+  if (error) return failure(Error::posix(error.value(), folder_));
+  for (; files != std::filesystem::directory_iterator(); files.increment(error)) {
+    if (error) return failure(Error::posix(error.value(), folder_));
+    std::error_code failed;
+    if (!files->is_regular_file(failed) || files->is_symlink(failed)) continue;
+    const auto name = parseName(files->path().filename().native());
+    const auto attributes = name ? tree_.replica().attributes(name->inode) : std::nullopt;
+    const auto size = static_cast<std::int64_t>(files->file_size(failed));
+    // The size shows a file that power loss has cut short.
+    if (attributes && !attributes->isFolder && attributes->contentTag == name->tag && attributes->size == size) {
+      MutexLock hold(lock_);
+      records_[name->inode] = {.state = ContentState::clean, .tag = name->tag, .size = size, .file = {}, .fetch = {}};
+      bytesHere_ += size;
+    } else if (name || files->path().native().ends_with(UNFINISHED)) {
+      std::filesystem::remove(files->path(), failed);
+    }
+  }
+  return {};
+}
+
+std::string ContentStore::pathOf(Inode inode, std::uint64_t tag) const {
+  return fmt::format("{}/{}-{:016x}", folder_, inode, tag);
+}
+
+std::shared_ptr<const ContentFile> ContentStore::current(Inode inode) {
+  const auto attributes = tree_.replica().attributes(inode);
+  if (!attributes) return nullptr;
+  {
+    MutexLock hold(lock_);
+    const auto found = records_.find(inode);
+    if (found == records_.end() || found->second.state != ContentState::clean ||
+        found->second.tag != attributes->contentTag)
+      return nullptr;
+    if (auto file = found->second.file.lock()) return file;
+  }
+  auto file = ContentFile::open(pathOf(inode, attributes->contentTag), attributes->contentTag);
+  MutexLock hold(lock_);
+  const auto found = records_.find(inode);
+  const bool isAsBefore = found != records_.end() && found->second.state == ContentState::clean &&
+                          found->second.tag == attributes->contentTag;
+  if (!file) {
+    slog.error("contents that should be here are not: %{public}@", file.error().localizedDescription());
+    if (isAsBefore) change(inode, ContentEvent::evicted);
+    return nullptr;
+  }
+  if (isAsBefore) found->second.file = *file;
+  return *file;
+}
+
+void ContentStore::require(Inode inode, Request request, const std::shared_ptr<Progress>& wait, ContentAnswer answer) {
+  std::optional<Error> closed;
+  {
+    MutexLock hold(lock_);
+    closed = closed_;
+  }
+  if (closed) return std::move(answer)(failure(std::move(*closed)));
+  const auto attributes = tree_.replica().attributes(inode);
+  if (!attributes || attributes->isFolder) return std::move(answer)(failure(noSuchItem()));
+  if (auto file = current(inode)) return std::move(answer)(std::move(file));
+  if (waiting_->enter(inode, wait, std::move(answer))) return begin(inode, request);
+  if (!request.isFileViewerRequest) return;
+  if (const auto fetch = fetchOf(inode)) fetch->hurry(request);
+}
+
+void ContentStore::begin(Inode inode, Request request) {
+  const auto fetch = std::make_shared<Fetch>(shared_from_this(), inode, request);
+  std::string stale;
+  {
+    MutexLock hold(lock_);
+    if (const auto found = records_.find(inode); found != records_.end()) {
+      stale = pathOf(inode, found->second.tag);
+      change(inode, ContentEvent::changed);
+    }
+    const bool isBegun = change(inode, ContentEvent::wanted);
+    assert(isBegun && "one fetch at a time for an item");
+    records_[inode].fetch = fetch;
+  }
+  if (!stale.empty()) removeLater(std::move(stale));
+  fetch->start();
+  if (waiting_->waitingFor(inode) == 0) fetch->abandon();
+}
+
+void ContentStore::abandoned(Inode inode) {
+  if (const auto fetch = fetchOf(inode)) fetch->abandon();
+}
+
+void ContentStore::finished(Inode inode, Request request, bool wasAbandoned,
+                            const Result<std::shared_ptr<const ContentFile>>& result) {
+  {
+    MutexLock hold(lock_);
+    change(inode, result ? ContentEvent::arrived : ContentEvent::failed);
+    if (result) {
+      auto& record = records_[inode];
+      record.tag = (*result)->tag();
+      record.size = (*result)->size();
+      record.file = *result;
+      record.fetch = nullptr;
+      bytesHere_ += record.size;
+    }
+  }
+  if (result) {
+    errors_.forget(inode);
+  } else if (wasAbandoned && waiting_->waitingFor(inode) > 0) {
+    // Somebody came after the last one had gone.
+    queue_->post([self = shared_from_this(), inode, request] { self->begin(inode, request); });
+    return;
+  } else if (!wasAbandoned) {
+    errors_.note(inode, result.error(), clock_.now());
+  }
+  waiting_->settle(inode, result);
+}
+
+std::optional<Error> ContentStore::evict(Inode inode) {
+  std::string path;
+  {
+    MutexLock hold(lock_);
+    const auto found = records_.find(inode);
+    if (found == records_.end()) return std::nullopt;
+    path = pathOf(inode, found->second.tag);
+    if (!change(inode, ContentEvent::evicted)) return Error::posix(EBUSY, "the contents are being fetched");
+  }
+  removeLater(std::move(path));
+  return std::nullopt;
+}
+
+void ContentStore::apply(const std::vector<ReplicaChange>& changes) {
+  std::vector<std::string> stale;
+  std::vector<std::shared_ptr<Fetch>> unwanted;
+  {
+    MutexLock hold(lock_);
+    for (const auto& [kind, parent, name, inode] : changes) {
+      if (kind != ReplicaChange::Kind::contentsChanged && kind != ReplicaChange::Kind::itemRemoved) continue;
+      const auto found = records_.find(inode);
+      if (found == records_.end()) continue;
+      if (found->second.state == ContentState::clean) stale.push_back(pathOf(inode, found->second.tag));
+      if (found->second.fetch && kind == ReplicaChange::Kind::itemRemoved) unwanted.push_back(found->second.fetch);
+      change(inode, ContentEvent::changed);
+    }
+  }
+  for (auto& path : stale) removeLater(std::move(path));
+  for (const auto& fetch : unwanted)
+    if (const auto progress = fetch->progress()) progress->cancel();
+}
+
+ContentState ContentStore::state(Inode inode) const {
+  MutexLock hold(lock_);
+  const auto found = records_.find(inode);
+  return found == records_.end() ? ContentState::absent : found->second.state;
+}
+
+std::int64_t ContentStore::bytesHere() const {
+  MutexLock hold(lock_);
+  return bytesHere_;
+}
+
+std::size_t ContentStore::filesHere() const {
+  MutexLock hold(lock_);
+  std::size_t count = 0;
+  for (const auto& [inode, record] : records_) count += record.state == ContentState::clean ? 1 : 0;
+  return count;
+}
+
+std::vector<ContentTransfer> ContentStore::transfers() const {
+  std::vector<std::pair<Inode, std::shared_ptr<Fetch>>> fetches;
+  {
+    MutexLock hold(lock_);
+    for (const auto& [inode, record] : records_)
+      if (record.fetch) fetches.emplace_back(inode, record.fetch);
+  }
+  std::vector<ContentTransfer> transfers;
+  for (const auto& [inode, fetch] : fetches)
+    transfers.push_back({inode, fetch->progress(), waiting_->waitingFor(inode) > 0});
+  return transfers;
+}
+
+std::shared_ptr<Progress> ContentStore::progressOf(Inode inode) const {
+  const auto fetch = fetchOf(inode);
+  return fetch ? fetch->progress() : nullptr;
+}
+
+void ContentStore::close(Error error) {
+  std::vector<std::shared_ptr<Fetch>> fetches;
+  {
+    MutexLock hold(lock_);
+    closed_ = error;
+    for (const auto& [inode, record] : records_)
+      if (record.fetch) fetches.push_back(record.fetch);
+  }
+  waiting_->settleAll(error);
+  for (const auto& fetch : fetches) fetch->abandon();
+}
+
+std::shared_ptr<ContentStore::Fetch> ContentStore::fetchOf(Inode inode) const {
+  MutexLock hold(lock_);
+  const auto found = records_.find(inode);
+  return found == records_.end() ? nullptr : found->second.fetch;
+}
+
+bool ContentStore::change(Inode inode, ContentEvent event) {
+  const auto found = records_.find(inode);
+  const auto before = found == records_.end() ? ContentState::absent : found->second.state;
+  const auto after = contentStateAfter(before, event);
+  if (!after) return false;
+  if (before == ContentState::clean && *after != ContentState::clean) bytesHere_ -= found->second.size;
+  if (*after == ContentState::absent)
+    records_.erase(inode);
+  else
+    records_[inode].state = *after;
+  return true;
+}
+
+void ContentStore::removeLater(std::string path) {
+  queue_->post([path = std::move(path)] { ::unlink(path.c_str()); });
+}
+
+}  // namespace vondle

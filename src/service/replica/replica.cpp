@@ -1,0 +1,266 @@
+#include "service/replica/replica.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "fileprovider/error_codes.h"
+#include "platform/log.h"
+#include "service/replica/tree_edit.h"
+
+namespace vondle {
+namespace {
+
+using Slot = ItemIndex::Slot;
+constexpr Slot NONE = ItemIndex::NONE;
+
+}  // namespace
+
+Replica::Replica(ReplicaStore store) : store_(std::move(store)), nextInode_(store_.firstFreeInode()) {}
+
+Replica::~Replica() = default;
+
+Result<std::unique_ptr<Replica>> Replica::open(const std::string& databasePath) {
+  for (int attempt = 0;; ++attempt) {
+    auto store = ReplicaStore::open(databasePath);
+    if (!store) return std::unexpected(store.error());
+    std::unique_ptr<Replica> replica(new Replica(std::move(*store)));
+    const auto loaded = replica->load();
+    if (loaded) return replica;
+    if (attempt > 0) return std::unexpected(loaded.error());
+    replica->store_.giveUp(loaded.error());
+  }
+}
+
+Result<void> Replica::load() {
+  MutexLock hold(lock_);
+  bool hasRoot = false;
+  bool isDamaged = false;
+  struct Place {
+    Slot slot;
+    Inode parent;
+    std::string oddServerName;
+  };
+  std::vector<Place> places;
+  const auto take = [&](const ReplicaStore::Row& row) REQUIRES(lock_) {
+    if (row.inode == ROOT_INODE) {
+      hasRoot = true;
+      state_.index.facts(state_.index.find(ROOT_INODE)).isListed = row.isListed;
+      return;
+    }
+    if (state_.index.find(row.inode) != NONE || state_.index.findIdentifier(row.identifier) != NONE ||
+        row.identifier.size() > ItemIndex::MAX_IDENTIFIER || row.localName.empty() ||
+        row.localName.size() > MAX_LOCAL_NAME) {
+      isDamaged = true;
+      return;
+    }
+    const ItemIndex::Facts facts{
+        .contentTag = TreeState::contentTag(row.identifier, row.contentVersion),
+        .size = row.isFolder ? 0 : std::max<std::int64_t>(0, row.size),
+        .modified = row.modified,
+        .capabilities = static_cast<std::uint8_t>(row.capabilities),
+        .fileSystemFlags = static_cast<std::uint8_t>(row.fileSystemFlags),
+        .isFolder = row.isFolder,
+        .isListed = row.isListed,
+        .keepDownloaded = row.contentPolicy == ContentPolicy::downloadEagerlyAndKeepDownloaded};
+    const Slot slot = state_.index.insert(row.inode, row.identifier, row.localName, facts);
+    places.push_back({slot, row.parent, row.localName == row.serverName ? std::string() : std::string(row.serverName)});
+    state_.index.facts(slot).isNamedDifferently = row.localName != row.serverName;
+  };
+  if (auto read = store_.read(take); !read) return read;
+  for (const auto& [slot, parentInode, oddServerName] : places) {
+    const Slot parent = state_.index.find(parentInode);
+    if (parent == NONE || !state_.index.facts(parent).isFolder || state_.index.isAtOrAbove(slot, parent) ||
+        state_.index.findChild(parent, state_.index.name(slot)) != NONE)
+      continue;
+    state_.index.attach(slot, parent, std::string(state_.index.name(slot)));
+    const bool isOdd = state_.index.facts(slot).isNamedDifferently;
+    state_.noteNames(slot, isOdd ? oddServerName : std::string(state_.index.name(slot)));
+  }
+  if (isDamaged || state_.index.subtree(state_.index.find(ROOT_INODE)).size() != state_.index.size())
+    return failure({sqlite::ERROR_DOMAIN, SQLITE_CORRUPT, "the kept tree has items that nothing leads to"});
+  if (!hasRoot) {
+    const Item root = TreeState::rootItem();
+    store_.write({.upserts = {{.inode = ROOT_INODE, .parent = 0, .localName = {}, .isListed = false, .item = &root}},
+                  .moves = {},
+                  .listed = {},
+                  .removals = {}});
+  }
+  return {};
+}
+
+std::optional<ItemAttributes> Replica::attributes(Inode inode) const {
+  MutexLock hold(lock_);
+  const Slot slot = state_.index.find(inode);
+  return slot == NONE ? std::nullopt : std::optional(state_.attributesOf(slot));
+}
+
+std::optional<ItemAttributes> Replica::lookup(Inode folder, std::string_view localName) const {
+  MutexLock hold(lock_);
+  const Slot parent = state_.index.find(folder);
+  if (parent == NONE || !state_.index.facts(parent).isListed) return std::nullopt;
+  const Slot slot = state_.index.findChild(parent, localName);
+  return slot == NONE ? std::nullopt : std::optional(state_.attributesOf(slot));
+}
+
+bool Replica::isListed(Inode folder) const {
+  MutexLock hold(lock_);
+  const Slot slot = state_.index.find(folder);
+  return slot != NONE && state_.index.facts(slot).isListed;
+}
+
+std::vector<Inode> Replica::children(Inode folder) const {
+  MutexLock hold(lock_);
+  std::vector<Inode> inodes;
+  const Slot slot = state_.index.find(folder);
+  if (slot == NONE || !state_.index.facts(slot).isListed) return inodes;
+  for (Slot child = state_.index.firstChild(slot); child != NONE; child = state_.index.nextSibling(child))
+    inodes.push_back(state_.index.inode(child));
+  return inodes;
+}
+
+std::vector<DirectoryEntry> Replica::entries(Inode folder, std::span<const Inode> inodes) const {
+  std::vector<DirectoryEntry> entries;
+  entries.reserve(inodes.size());
+  MutexLock hold(lock_);
+  const Slot parent = state_.index.find(folder);
+  for (const Inode inode : inodes) {
+    const Slot slot = state_.index.find(inode);
+    if (slot != NONE && parent != NONE && state_.index.parent(slot) == parent)
+      entries.push_back({std::string(state_.index.name(slot)), state_.attributesOf(slot)});
+  }
+  return entries;
+}
+
+std::optional<Inode> Replica::inodeOf(const ItemIdentifier& identifier) const {
+  MutexLock hold(lock_);
+  const Slot slot = state_.index.findIdentifier(identifier.text);
+  return slot == NONE ? std::nullopt : std::optional(state_.index.inode(slot));
+}
+
+std::optional<ItemIdentifier> Replica::identifierOf(Inode inode) const {
+  MutexLock hold(lock_);
+  const Slot slot = state_.index.find(inode);
+  return slot == NONE ? std::nullopt : std::optional(ItemIdentifier{std::string(state_.index.identifier(slot))});
+}
+
+std::optional<std::string> Replica::pathOf(Inode inode) const {
+  MutexLock hold(lock_);
+  Slot slot = state_.index.find(inode);
+  if (slot == NONE) return std::nullopt;
+  std::vector<std::string_view> names;
+  for (; state_.index.parent(slot) != NONE; slot = state_.index.parent(slot)) names.push_back(state_.index.name(slot));
+  if (names.empty()) return "/";
+  std::string path;
+  for (auto name = names.rbegin(); name != names.rend(); ++name) path.append("/").append(*name);
+  return path;
+}
+
+std::optional<Inode> Replica::inodeAtPath(std::string_view path) const {
+  MutexLock hold(lock_);
+  Slot slot = state_.index.find(ROOT_INODE);
+  while (!path.empty() && slot != NONE) {
+    const auto slash = std::min(path.find('/'), path.size());
+    if (const auto name = path.substr(0, slash); !name.empty())
+      slot = state_.index.facts(slot).isListed ? state_.index.findChild(slot, name) : NONE;
+    path.remove_prefix(std::min(slash + 1, path.size()));
+  }
+  return slot == NONE ? std::nullopt : std::optional(state_.index.inode(slot));
+}
+
+Result<Item> Replica::item(Inode inode) const {
+  auto item = ReplicaStore::readItem(store_.path(), inode);
+  if (!item) return item;
+  MutexLock hold(lock_);
+  const Slot slot = state_.index.find(inode);
+  if (slot == NONE) return failure({FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM});
+  const Slot parent = state_.index.parent(slot);
+  item->parentItemIdentifier =
+      parent == NONE ? ROOT_CONTAINER : ItemIdentifier{std::string(state_.index.identifier(parent))};
+  return item;
+}
+
+std::vector<NamedDifferently> Replica::problems() const {
+  MutexLock hold(lock_);
+  std::vector<NamedDifferently> problems;
+  for (const auto& [inode, odd] : state_.oddNames)
+    problems.push_back({inode, odd.serverName, std::string(state_.index.name(state_.index.find(inode))), odd.problem});
+  std::sort(problems.begin(), problems.end(), [](const auto& a, const auto& b) { return a.inode < b.inode; });
+  return problems;
+}
+
+std::size_t Replica::itemCount() const {
+  MutexLock hold(lock_);
+  return state_.index.size() - 1;
+}
+
+void Replica::beginListing(Inode folder) {
+  MutexLock hold(lock_);
+  listings_[folder] = {};
+}
+
+void Replica::abandonListing(Inode folder) {
+  MutexLock hold(lock_);
+  listings_.erase(folder);
+}
+
+void Replica::rememberNews(const std::vector<Item>& updates, const std::vector<ItemIdentifier>& deletions) {
+  for (auto& [folder, listing] : listings_) {
+    listing.count += updates.size() + deletions.size();
+    if (listing.count <= MAX_NEWS)
+      listing.news.push_back({updates, deletions});
+    else
+      listing.news.clear();
+  }
+}
+
+Result<std::vector<ReplicaChange>> Replica::applyListing(Inode folder, const std::vector<Item>& items) {
+  reserveInodesFor(items.size() + MAX_NEWS);
+  Listing listing;
+  std::vector<ReplicaChange> changes;
+  ReplicaStore::Batch batch;
+  {
+    MutexLock hold(lock_);
+    if (const auto found = listings_.find(folder); found != listings_.end()) {
+      listing = std::move(found->second);
+      listings_.erase(found);
+    }
+    const Slot slot = state_.index.find(folder);
+    if (slot == NONE || !state_.index.facts(slot).isFolder) return failure({FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM});
+    if (listing.count > MAX_NEWS)
+      return failure({COCOA_ERROR_DOMAIN, FILE_READ_UNKNOWN, "The folder changed too often while it was listed."});
+    TreeEdit edit(state_, nextInode_);
+    edit.takeListing(slot, items);
+    for (const auto& [updates, deletions] : listing.news) {
+      for (const Item& item : updates) edit.takeUpdate(item);
+      for (const auto& identifier : deletions) edit.takeDeletion(identifier);
+    }
+    changes = edit.finish(batch);
+  }
+  store_.write(batch);
+  return changes;
+}
+
+std::vector<ReplicaChange> Replica::applyNews(const std::vector<Item>& updates,
+                                              const std::vector<ItemIdentifier>& deletions) {
+  reserveInodesFor(updates.size());
+  std::vector<ReplicaChange> changes;
+  ReplicaStore::Batch batch;
+  {
+    MutexLock hold(lock_);
+    rememberNews(updates, deletions);
+    TreeEdit edit(state_, nextInode_);
+    for (const Item& item : updates) edit.takeUpdate(item);
+    for (const auto& identifier : deletions) edit.takeDeletion(identifier);
+    changes = edit.finish(batch);
+  }
+  store_.write(batch);
+  return changes;
+}
+
+void Replica::reserveInodesFor(std::size_t items) {
+  store_.reserveInodes(nextInode_ + items);
+}
+
+}  // namespace vondle

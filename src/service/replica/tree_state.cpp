@@ -1,0 +1,90 @@
+#include "service/replica/tree_state.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "platform/content_types.h"
+#include "service/stable_hash.h"
+
+namespace vondle {
+
+using Slot = ItemIndex::Slot;
+
+TreeState::TreeState() {
+  index.insert(ROOT_INODE, ROOT_CONTAINER.text, {}, factsOf(rootItem()));
+}
+
+Item TreeState::rootItem() {
+  Item root;
+  root.itemIdentifier = root.parentItemIdentifier = ROOT_CONTAINER;
+  root.contentType = FOLDER_CONTENT_TYPE;
+  root.capabilities = ALLOWS_READING | ALLOWS_WRITING;
+  root.fileSystemFlags = USER_EXECUTABLE | USER_READABLE | USER_WRITABLE;
+  return root;
+}
+
+std::uint64_t TreeState::contentTag(std::string_view identifier, std::string_view contentVersion) {
+  return stableHash(identifier, contentVersion);
+}
+
+ItemIndex::Facts TreeState::factsOf(const Item& item) {
+  const double modified = item.contentModificationDate ? item.contentModificationDate->secondsSince1970 : 0;
+  return {.contentTag = contentTag(item.itemIdentifier.text, item.itemVersion.contentVersion),
+          .size = item.isFolder() ? 0 : std::max<std::int64_t>(0, item.documentSize.value_or(0)),
+          .modified = std::isfinite(modified) ? modified : 0,
+          .capabilities = static_cast<std::uint8_t>(item.capabilities),
+          .fileSystemFlags = static_cast<std::uint8_t>(item.fileSystemFlags),
+          .isFolder = item.isFolder(),
+          .keepDownloaded = item.contentPolicy == ContentPolicy::downloadEagerlyAndKeepDownloaded};
+}
+
+ItemAttributes TreeState::attributesOf(Slot slot) const {
+  const auto& facts = index.facts(slot);
+  const Slot parent = index.parent(slot);
+  const Inode inode = index.inode(slot);
+  return {.inode = inode,
+          .parent = parent == ItemIndex::NONE ? inode : index.inode(parent),
+          .isFolder = facts.isFolder,
+          .isListed = facts.isListed,
+          .size = facts.size,
+          .modified = {facts.modified},
+          .capabilities = facts.capabilities,
+          .fileSystemFlags = facts.fileSystemFlags,
+          .keepDownloaded = facts.keepDownloaded,
+          .contentTag = facts.contentTag};
+}
+
+void TreeState::noteNames(Slot slot, std::string_view serverName) {
+  const bool isOdd = index.name(slot) != serverName;
+  index.facts(slot).isNamedDifferently = isOdd;
+  if (!isOdd) return;
+  const Inode inode = index.inode(slot);
+  const auto plain = localName(serverName, index.identifier(slot));
+  const bool isDuplicate = plain != index.name(slot);
+  if (isDuplicate) wanted[{index.inode(index.parent(slot)), plain}].insert(inode);
+  oddNames[inode] = {std::string(serverName),
+                     isDuplicate ? NameProblem::duplicate : nameProblem(serverName).value_or(NameProblem::duplicate)};
+}
+
+void TreeState::forgetNames(Slot slot) {
+  if (!index.facts(slot).isNamedDifferently) return;
+  const Inode inode = index.inode(slot);
+  const auto odd = oddNames.find(inode);
+  if (odd->second.problem == NameProblem::duplicate && index.parent(slot) != ItemIndex::NONE) {
+    const auto plain = localName(odd->second.serverName, index.identifier(slot));
+    const auto waiting = wanted.find({index.inode(index.parent(slot)), plain});
+    if (waiting != wanted.end()) {
+      waiting->second.erase(inode);
+      if (waiting->second.empty()) wanted.erase(waiting);
+    }
+  }
+  oddNames.erase(odd);
+  index.facts(slot).isNamedDifferently = false;
+}
+
+std::string TreeState::serverNameOf(Slot slot) const {
+  if (!index.facts(slot).isNamedDifferently) return std::string(index.name(slot));
+  return oddNames.at(index.inode(slot)).serverName;
+}
+
+}  // namespace vondle

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+
+#include "base/time.h"
+#include "fileprovider/item.h"
+#include "service/inode.h"
+#include "service/replica/item_index.h"
+#include "service/replica/local_name.h"
+
+namespace vondle {
+
+// What the kernel and the contents store need to know of an item.
+struct ItemAttributes {
+  Inode inode = 0;
+  Inode parent = 0;  // of the root: itself
+  bool isFolder = false;
+  bool isListed = false;  // of a folder: all its children are here
+  std::int64_t size = 0;
+  Timestamp modified;
+  std::uint32_t capabilities = 0;     // ItemCapabilities
+  std::uint32_t fileSystemFlags = 0;  // FileSystemFlags
+  bool keepDownloaded = false;
+  std::uint64_t contentTag = 0;  // changes with the content version, and differs between items
+};
+
+// The tree in memory, with the names that cannot stand as the server has them. Not thread-safe.
+struct TreeState {
+  struct OddName {
+    std::string serverName;
+    NameProblem problem;
+  };
+
+  ItemIndex index;
+  std::unordered_map<Inode, OddName> oddNames;
+  // Items that wait for the name that another item of their folder has, by folder and that name.
+  std::map<std::pair<Inode, std::string>, std::set<Inode>> wanted;
+
+  // With nothing but the root in it.
+  TreeState();
+
+  [[nodiscard]] ItemAttributes attributesOf(ItemIndex::Slot slot) const;
+  [[nodiscard]] std::string serverNameOf(ItemIndex::Slot slot) const;
+  // To be called after attaching, and before detaching or removing.
+  void noteNames(ItemIndex::Slot slot, std::string_view serverName);
+  void forgetNames(ItemIndex::Slot slot);
+
+  static ItemIndex::Facts factsOf(const Item& item);
+  static std::uint64_t contentTag(std::string_view identifier, std::string_view contentVersion);
+  // What is known of the root without asking.
+  static Item rootItem();
+};
+
+}  // namespace vondle
