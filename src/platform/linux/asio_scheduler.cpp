@@ -25,7 +25,6 @@ struct TimerClock {
   using rep = duration::rep;
   using period = duration::period;
   using time_point = std::chrono::time_point<TimerClock>;
-  static constexpr bool is_steady = true;
   static time_point now() { return time_point(LinuxClock::sinceBoot()); }
 };
 

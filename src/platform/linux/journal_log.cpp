@@ -5,9 +5,7 @@
 #include <unistd.h>
 
 #define SD_JOURNAL_SUPPRESS_LOCATION  // the place in this file would say nothing
-#include <array>
 #include <cstdlib>
-#include <string>
 #include <utility>
 
 #include <fmt/format.h>
@@ -40,13 +38,17 @@ bool JournalLog::isConnectedToStderr() {
   return stream && ::fstat(STDERR_FILENO, &found) == 0 && fmt::format("{}:{}", found.st_dev, found.st_ino) == stream;
 }
 
+std::array<std::string, 4> JournalLog::fields(LogLevel level, std::string_view subsystem, std::string_view category,
+                                              std::string_view message) {
+  return {fmt::format("MESSAGE={}", visibleText(message)), fmt::format("PRIORITY={}", priorityOf(level)),
+          fmt::format("SUBSYSTEM={}", subsystem), fmt::format("CATEGORY={}", category)};
+}
+
 void JournalLog::write(LogLevel level, std::string_view subsystem, std::string_view category,
                        std::string_view message) {
-  std::array<std::string, 4> fields = {fmt::format("MESSAGE={}", visibleText(message)),
-                                       fmt::format("PRIORITY={}", priorityOf(level)),
-                                       fmt::format("SUBSYSTEM={}", subsystem), fmt::format("CATEGORY={}", category)};
+  auto entry = fields(level, subsystem, category, message);
   std::array<iovec, 4> parts;
-  for (std::size_t i = 0; i < fields.size(); ++i) parts[i] = {fields[i].data(), fields[i].size()};
+  for (std::size_t i = 0; i < entry.size(); ++i) parts[i] = {entry[i].data(), entry[i].size()};
   sd_journal_sendv(parts.data(), static_cast<int>(parts.size()));
 }
 

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <array>
+#include <string>
+
 #include "platform/log.h"
 
 namespace vondle {
@@ -11,6 +14,10 @@ class JournalLog final : public LogSink {
  public:
   // Whether this process's stderr leads to the journal, as it does under systemd: then entries with fields are better.
   static bool isConnectedToStderr();
+
+  // An entry's fields as the journal takes them, NAME=value.
+  static std::array<std::string, 4> fields(LogLevel level, std::string_view subsystem, std::string_view category,
+                                           std::string_view message);
 
   void write(LogLevel level, std::string_view subsystem, std::string_view category, std::string_view message) override;
 };
