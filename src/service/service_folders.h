@@ -24,6 +24,10 @@ struct ServiceFolders {
   [[nodiscard]] Result<void> create() const;
 
   [[nodiscard]] std::string settingsFile() const { return configuration + "/service.json"; }
+  [[nodiscard]] std::string stateLock() const { return state + "/lock"; }
+  [[nodiscard]] std::string replicaDatabase() const { return state + "/replica.db"; }
+  [[nodiscard]] std::string anchorFile() const { return state + "/anchor.json"; }
+  [[nodiscard]] std::string contentFiles() const { return contents + "/contents"; }
   [[nodiscard]] std::string socket() const { return runtime + "/control"; }
   [[nodiscard]] std::string logFile() const { return state + "/service.log"; }
   [[nodiscard]] std::string defaultMountPoint() const { return home + "/Vondle"; }

@@ -1,0 +1,97 @@
+#include <algorithm>
+#include <iostream>
+#include <iterator>
+#include <memory>
+
+#include "cli/commands.h"
+#include "config/server_migration.h"
+#include "platform/url.h"
+
+namespace vondle {
+
+namespace {
+
+struct LoginOptions {
+  std::string server;
+  std::string keyFile;
+};
+
+constexpr std::size_t MAX_KEY = 4096;
+
+Outcome<std::string> readKeyText(const CommandContext& context, const std::string& keyFile) {
+  if (keyFile.empty()) return context.readSecret("Account key: ");
+  if (keyFile == "-") return std::string(std::istreambuf_iterator<char>(std::cin), {});
+  auto bytes = context.platform.files.read(keyFile);
+  if (!bytes) return fail(ExitCode::failed, "the key cannot be read: " + bytes.error().localizedDescription());
+  return std::move(*bytes);
+}
+
+// The key goes into a header line: it is one word of visible ASCII characters.
+Outcome<std::string> readKey(const CommandContext& context, const std::string& keyFile) {
+  auto text = readKeyText(context, keyFile);
+  if (!text) return text;
+  constexpr std::string_view BLANKS = " \t\r\n";
+  text->erase(0, std::min(text->find_first_not_of(BLANKS), text->size()));
+  text->erase(text->find_last_not_of(BLANKS) + 1);
+  if (text->empty()) return fail(ExitCode::usage, "the key is empty");
+  if (text->size() > MAX_KEY) return fail(ExitCode::usage, "the key is too long; is this the right file?");
+  if (!std::ranges::all_of(*text, [](unsigned char c) { return c > ' ' && c < 0x7f; })) {
+    return fail(ExitCode::usage, "the key must be one word; is this the right file?");
+  }
+  return text;
+}
+
+Outcome<std::string> chooseServer(const CommandContext& context, const std::string& asked) {
+  const ServerMigration directory(context.platform.files);
+  auto server = asked;
+  if (server.empty()) {
+    const auto known = context.account().summary();
+    if (!known) return fail(ExitCode::failed, known.error().localizedDescription());
+    server = known->server.value_or("");
+  }
+  server = directory.normaliseServer(server);
+  const auto parts = parseURL(server);
+  if (!parts || parts->host.empty() || (parts->scheme != "https" && parts->scheme != "http")) {
+    return fail(ExitCode::usage, "\"" + server + "\" is no server address; it looks like https://cloud.example.com");
+  }
+  return server;
+}
+
+Outcome<void> login(const CommandContext& context, const LoginOptions& options) {
+  const auto server = chooseServer(context, options.server);
+  if (!server) return std::unexpected(server.error());
+  const auto key = readKey(context, options.keyFile);
+  if (!key) return std::unexpected(key.error());
+
+  auto account = context.account();
+  const auto before = account.save();
+  if (!before) return fail(ExitCode::failed, before.error().localizedDescription());
+  const auto place = account.store(*server, *key);
+  if (!place) return fail(ExitCode::failed, "the account could not be stored: " + place.error().localizedDescription());
+
+  if (auto checked = context.checkAccount(); !checked) {
+    auto refusal = checked.error();
+    const auto restored = account.restore(*before);
+    refusal.message +=
+        restored ? "; nothing was changed"
+                 : "; what was stored before could not be put back: " + restored.error().localizedDescription();
+    return std::unexpected(refusal);
+  }
+  context.console.say("signed in to " + *server + "; the key is in " +
+                      (*place == KeyPlace::keyring ? "the keyring" : context.paths().config()));
+  return {};
+}
+
+}  // namespace
+
+void addLogin(CLI::App& app, CommandContext& context, Command& chosen) {
+  auto options = std::make_shared<LoginOptions>();
+  auto* command = app.add_subcommand("login", "Sign in: store the server and the account key, and check them");
+  command->add_option("--server", options->server, "Address of the server (default: the one known)");
+  command->add_option("--key-file", options->keyFile,
+                      "File to read the key from, - for standard input (default: ask on the terminal)");
+  command->callback(
+      [&context, &chosen, options] { chosen = [&context, options] { return login(context, *options); }; });
+}
+
+}  // namespace vondle

@@ -1,0 +1,73 @@
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <chrono>
+#include <memory>
+#include <thread>
+
+#include <fmt/format.h>
+
+#include "cli/commands.h"
+#include "cli/service_connection.h"
+#include "cli/service_program.h"
+#include "service/instance_lock.h"
+#include "service/service_settings.h"
+
+namespace vondle {
+
+namespace {
+
+constexpr auto POLL = std::chrono::milliseconds(50);
+
+bool isDeadMount(const std::string& path) {
+  struct stat status{};
+  return ::stat(path.c_str(), &status) != 0 && errno == ENOTCONN;
+}
+
+// A service that was killed leaves its mount behind, which answers nothing.
+Outcome<void> removeDeadMount(const CommandContext& context, Failure noService) {
+  const auto settings = ServiceSettings::load(context.folders.settingsFile(), context.folders.home);
+  const auto folder = settings && settings->mount ? *settings->mount : context.folders.defaultMountPoint();
+  if (!isDeadMount(folder)) return std::unexpected(std::move(noService));
+  const auto status = runProgram({"/usr/bin/fusermount3", "-u", "-z", "--", folder});
+  if (!status) return std::unexpected(status.error());
+  if (*status != 0) return fail(ExitCode::failed, folder + " could not be unmounted");
+  context.console.say("the service had ended; " + folder + " is unmounted");
+  return {};
+}
+
+// The service holds the state lock as long as it lives.
+bool isServiceGone(const CommandContext& context) {
+  return InstanceLock::acquire(context.folders.stateLock(), "").has_value();
+}
+
+Outcome<void> unmount(const CommandContext& context, double waitSeconds) {
+  auto service = ServiceConnection::open(context.folders.socket());
+  if (!service) return removeDeadMount(context, service.error());
+  const auto stopping = service->ask({{"command", "stop"}});
+  if (!stopping) return std::unexpected(stopping.error());
+
+  const auto deadline = std::chrono::steady_clock::now() + seconds(waitSeconds);
+  while (!isServiceGone(context)) {
+    if (std::chrono::steady_clock::now() >= deadline) {
+      return fail(ExitCode::workLeft, "the service is still unmounting; it goes on by itself");
+    }
+    std::this_thread::sleep_for(POLL);
+  }
+  context.console.say("unmounted");
+  return {};
+}
+
+}  // namespace
+
+void addUnmount(CLI::App& app, CommandContext& context, Command& chosen) {
+  auto waitSeconds = std::make_shared<double>(30);
+  auto* command = app.add_subcommand("unmount", "Take the folder away and end the service");
+  command->add_option("--wait", *waitSeconds, "Wait at most so many seconds for its end (30)")
+      ->check(CLI::Range(0.0, 1e6));
+  command->callback([&context, &chosen, waitSeconds] {
+    chosen = [&context, waitSeconds] { return unmount(context, *waitSeconds); };
+  });
+}
+
+}  // namespace vondle
