@@ -51,6 +51,45 @@ Answer<std::int64_t> countOf(const ApiRequest& request, const std::string& name)
   return value;
 }
 
+Answer<std::int64_t> integerOf(const json::Object& body, std::string_view key) {
+  const auto* value = json::find(body, key);
+  const auto number = value && value->is_int64() ? json::integer(*value) : std::nullopt;
+  if (!number) return refuse(400, fmt::format("\"{}\" is missing or not a whole number", key));
+  return *number;
+}
+
+// Absent counts as false.
+bool flagOf(const json::Object& body, std::string_view key) {
+  return json::boolean(body, key).value_or(false);
+}
+
+// After these, contents may lie around that belong to nobody.
+bool makesGarbage(std::string_view endpoint) {
+  return endpoint == "purge" || endpoint == "content-commit" || endpoint == "upload-abort" ||
+         endpoint == "upload-urls" || endpoint == "content-url";
+}
+
+// Where and how to send contents; the same for new files and for new contents of old ones.
+std::string targetText(const Upload& upload, bool withThumb, const Addresses& addresses) {
+  std::string out = "{\"key\":";
+  appendJson(out, upload.key);
+  out += ",\"content_type\":\"application/octet-stream\"";
+  if (upload.partSize > 0) {
+    out += ",\"upload_id\":";
+    appendJson(out, upload.uploadId);
+    out += fmt::format(",\"part_size\":{}", upload.partSize);
+  } else {
+    out += ",\"upload_url\":";
+    appendJson(out, addresses.signedFor("PUT", uploadPath(upload.key)));
+  }
+  if (withThumb) {
+    out += ",\"thumb_upload_url\":";
+    appendJson(out, addresses.signedFor("PUT", thumbPath(upload.key)));
+  }
+  out += '}';
+  return out;
+}
+
 std::string entryText(const View& view, const Addresses& addresses) {
   std::string out;
   appendEntry(out, view, addresses);
@@ -86,6 +125,16 @@ const std::map<std::string_view, ApiHandlers::Endpoint>& ApiHandlers::endpoints(
       {"purge", {"POST", &ApiHandlers::purge}},
       {"share", {"POST", &ApiHandlers::share}},
       {"unshare", {"POST", &ApiHandlers::unshare}},
+      {"register", {"POST", &ApiHandlers::registerFile}},
+      {"upload-urls", {"POST", &ApiHandlers::uploadUrls}},
+      {"upload-status", {"POST", &ApiHandlers::uploadStatus}},
+      {"upload-parts", {"POST", &ApiHandlers::uploadParts}},
+      {"upload-complete", {"POST", &ApiHandlers::uploadComplete}},
+      {"upload-abort", {"POST", &ApiHandlers::uploadAbort}},
+      {"notify-upload", {"POST", &ApiHandlers::notifyUpload}},
+      {"content-url", {"POST", &ApiHandlers::contentUrl}},
+      {"content-commit", {"POST", &ApiHandlers::contentCommit}},
+      {"thumb-urls", {"POST", &ApiHandlers::thumbUrls}},
   };
   return table;
 }
@@ -122,7 +171,7 @@ ApiReply ApiHandlers::handle(const ApiRequest& request) {
     answer = store->write<std::string>([&] { return run(*store, request, handler, std::move(body)); });
   }
   if (!answer) return errorReply(answer.error().status, answer.error().text);
-  if (request.endpoint == "purge") collectGarbage();
+  if (makesGarbage(request.endpoint)) collectGarbage();
   return {.status = 200, .body = std::move(*answer), .allow = {}};
 }
 
@@ -132,8 +181,10 @@ Answer<std::string> ApiHandlers::run(MetadataStore& store, const ApiRequest& req
   if (!account) return refuse(401, "the account key is not known");
   if (!handler) return refuse(404, "there is no such endpoint");
   const auto now = static_cast<std::int64_t>(clock_.now().secondsSince1970 * 1000);
+  Tree tree(store, std::move(*account), now);
   Call call{.store = store,
-            .tree = Tree(store, std::move(*account), now),
+            .tree = tree,
+            .uploads = Uploads(store, contents_, tree, now),
             .addresses = {.base = request.base, .signer = signer_, .now = now / 1000},
             .request = request,
             .body = std::move(body)};
@@ -330,6 +381,172 @@ Answer<std::string> ApiHandlers::unshare(Call& call) {
   const auto view = call.tree.byId(*id);
   if (!view) return refuse(view.error());
   return entryReply(call.tree.unshare(*view, *account), call.addresses);
+}
+
+Answer<std::string> ApiHandlers::registerFile(Call& call) {
+  const auto key = textOf(call.body, "key");
+  if (!key) return key;
+  const auto path = textOf(call.body, "path");
+  if (!path) return path;
+  return entryReply(call.uploads.registerFile(*key, *path), call.addresses);
+}
+
+Answer<std::string> ApiHandlers::uploadUrls(Call& call) {
+  const auto path = textOf(call.body, "path");
+  if (!path) return path;
+  const auto* files = json::listOfObjects(call.body, "files");
+  if (!files || files->empty()) return refuse(400, "\"files\" is missing or not a list of objects");
+  if (files->size() > MAX_BATCH) return refuse(400, fmt::format("\"files\" has more than {} members", MAX_BATCH));
+  call.uploads.sweep();
+  std::string out = "{\"urls\":[";
+  for (const auto& member : *files) {
+    const auto& file = member.get_object();
+    const auto name = textOf(file, "filename");
+    if (!name) return name;
+    const auto size = integerOf(file, "size");
+    if (!size) return refuse(size.error());
+    const auto upload = call.uploads.forNewFile(*path, *name, *size, flagOf(file, "multipart"));
+    if (!upload) return refuse(upload.error());
+    if (&member != &files->front()) out += ',';
+    out += targetText(*upload, flagOf(file, "thumb"), call.addresses);
+  }
+  out += "]}";
+  return out;
+}
+
+Answer<std::string> ApiHandlers::uploadStatus(Call& call) {
+  const auto key = textOf(call.body, "key");
+  if (!key) return key;
+  const auto id = textOf(call.body, "upload_id");
+  if (!id) return id;
+  const auto upload = call.uploads.find(*key, *id);
+  if (!upload) return refuse(upload.error());
+  std::string out = "{\"key\":";
+  appendJson(out, upload->key);
+  out += ",\"upload_id\":";
+  appendJson(out, upload->uploadId);
+  out += fmt::format(",\"part_size\":{},\"size\":{},\"parts\":[", upload->partSize, *upload->size);
+  const auto parts = call.store.parts(*key);
+  for (const auto& part : parts) {
+    if (&part != &parts.front()) out += ',';
+    out += fmt::format("{{\"part\":{},\"size\":{},\"etag\":", part.number, part.size);
+    appendJson(out, part.etag);
+    out += '}';
+  }
+  out += "]}";
+  return out;
+}
+
+Answer<std::string> ApiHandlers::uploadParts(Call& call) {
+  const auto key = textOf(call.body, "key");
+  if (!key) return key;
+  const auto id = textOf(call.body, "upload_id");
+  if (!id) return id;
+  const auto upload = call.uploads.find(*key, *id);
+  if (!upload) return refuse(upload.error());
+  const auto* numbers = json::list(call.body, "parts");
+  if (!numbers || numbers->empty()) return refuse(400, "\"parts\" is missing or not a list");
+  if (numbers->size() > MAX_BATCH) return refuse(400, fmt::format("\"parts\" has more than {} members", MAX_BATCH));
+  std::string out = "{\"parts\":[";
+  for (const auto& member : *numbers) {
+    const auto number = member.is_int64() ? member.get_int64() : 0;
+    if (number < 1 || number > partCount(*upload)) return refuse(400, "\"parts\" names a part that there is not");
+    if (&member != &numbers->front()) out += ',';
+    out += fmt::format("{{\"part\":{},\"url\":", number);
+    appendJson(out, call.addresses.signedFor("PUT", partPath(upload->key, number)));
+    out += '}';
+  }
+  out += "]}";
+  return out;
+}
+
+Answer<std::string> ApiHandlers::uploadComplete(Call& call) {
+  const auto key = textOf(call.body, "key");
+  if (!key) return key;
+  const auto id = textOf(call.body, "upload_id");
+  if (!id) return id;
+  const auto* list = json::listOfObjects(call.body, "parts");
+  if (!list) return refuse(400, "\"parts\" is missing or not a list of objects");
+  std::vector<std::pair<std::int64_t, std::string>> parts;
+  for (const auto& member : *list) {
+    const auto number = integerOf(member.get_object(), "part");
+    if (!number) return refuse(number.error());
+    auto etag = textOf(member.get_object(), "etag");
+    if (!etag) return etag;
+    parts.emplace_back(*number, std::move(*etag));
+  }
+  const auto file = call.uploads.complete(*key, *id, parts);
+  if (!file) return refuse(file.error());
+  return *file ? entryText(**file, call.addresses) : "{}";
+}
+
+Answer<std::string> ApiHandlers::uploadAbort(Call& call) {
+  const auto key = textOf(call.body, "key");
+  if (!key) return key;
+  const auto id = textOf(call.body, "upload_id");
+  if (!id) return id;
+  if (auto done = call.uploads.abort(*key, *id); !done) return refuse(done.error());
+  return "{}";
+}
+
+Answer<std::string> ApiHandlers::notifyUpload(Call& call) {
+  const auto keys = textsOf(call.body, "keys");
+  if (!keys) return refuse(keys.error());
+  const auto thumbs = json::find(call.body, "thumbs") ? textsOf(call.body, "thumbs") : std::vector<std::string>();
+  if (!thumbs) return refuse(thumbs.error());
+  for (const auto& key : *keys)
+    if (auto done = call.uploads.notify(key, false); !done) return refuse(done.error());
+  for (const auto& key : *thumbs)
+    if (auto done = call.uploads.notify(key, true); !done) return refuse(done.error());
+  return "{}";
+}
+
+Answer<std::string> ApiHandlers::contentUrl(Call& call) {
+  const auto id = textOf(call.body, "id");
+  if (!id) return id;
+  if (const auto version = integerOf(call.body, "base_version"); !version) return refuse(version.error());
+  std::optional<std::int64_t> size;
+  if (json::find(call.body, "size")) {
+    const auto given = integerOf(call.body, "size");
+    if (!given) return refuse(given.error());
+    size = *given;
+  }
+  const auto view = call.tree.byId(*id);
+  if (!view) return refuse(view.error());
+  call.uploads.sweep();
+  const auto upload = call.uploads.forContents(*view, size, flagOf(call.body, "multipart"));
+  if (!upload) return refuse(upload.error());
+  return targetText(*upload, flagOf(call.body, "thumb"), call.addresses);
+}
+
+Answer<std::string> ApiHandlers::contentCommit(Call& call) {
+  const auto id = textOf(call.body, "id");
+  if (!id) return id;
+  const auto version = integerOf(call.body, "base_version");
+  if (!version) return refuse(version.error());
+  const auto key = textOf(call.body, "key");
+  if (!key) return key;
+  const auto view = call.tree.byId(*id);
+  if (!view) return refuse(view.error());
+  return entryReply(call.uploads.commit(*view, *version, *key, flagOf(call.body, "thumb")), call.addresses);
+}
+
+Answer<std::string> ApiHandlers::thumbUrls(Call& call) {
+  const auto ids = textsOf(call.body, "ids");
+  if (!ids) return refuse(ids.error());
+  std::string out = "{\"urls\":{";
+  bool first = true;
+  for (const auto& id : *ids) {
+    const auto view = call.tree.byId(id);
+    if (!view || !view->item.hasThumb) continue;
+    if (!first) out += ',';
+    first = false;
+    appendJson(out, id);
+    out += ':';
+    appendJson(out, call.addresses.signedFor("GET", thumbPath(view->item.key)));
+  }
+  out += "},\"pending\":[]}";
+  return out;
 }
 
 }  // namespace vondle::storage

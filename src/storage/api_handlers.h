@@ -12,6 +12,7 @@
 #include "storage/signed_url.h"
 #include "storage/store_pool.h"
 #include "storage/tree.h"
+#include "storage/uploads.h"
 
 namespace vondle::storage {
 
@@ -54,7 +55,8 @@ class ApiHandlers {
   // What an endpoint works with; one transaction's worth.
   struct Call {
     MetadataStore& store;
-    Tree tree;
+    Tree& tree;
+    Uploads uploads;
     Addresses addresses;
     const ApiRequest& request;
     json::Object body;  // of a POST
@@ -81,6 +83,16 @@ class ApiHandlers {
   Answer<std::string> purge(Call& call);
   Answer<std::string> share(Call& call);
   Answer<std::string> unshare(Call& call);
+  Answer<std::string> registerFile(Call& call);
+  Answer<std::string> uploadUrls(Call& call);
+  Answer<std::string> uploadStatus(Call& call);
+  Answer<std::string> uploadParts(Call& call);
+  Answer<std::string> uploadComplete(Call& call);
+  Answer<std::string> uploadAbort(Call& call);
+  Answer<std::string> notifyUpload(Call& call);
+  Answer<std::string> contentUrl(Call& call);
+  Answer<std::string> contentCommit(Call& call);
+  Answer<std::string> thumbUrls(Call& call);
 
   StorePool& stores_;
   const ContentStore& contents_;

@@ -1,10 +1,15 @@
 #include "storage/content_handlers.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
+
+#include "platform/log.h"
 
 namespace vondle::storage {
 namespace {
+
+constexpr Log slog("com.ferrow.vondle.storage", "contents");
 
 const Refusal NO_CONTENTS{404, "there is nothing stored at this address"};
 
@@ -26,6 +31,28 @@ std::optional<std::int64_t> countOf(std::string_view text) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   if (error != std::errc() || end != text.data() + text.size() || value < 0) return std::nullopt;
   return value;
+}
+
+// The key and the number of "KEY/NUMBER" that follows the prefix.
+std::optional<std::pair<std::string, std::int64_t>> partAfter(std::string_view path, std::string_view prefix) {
+  const auto slash = path.rfind('/');
+  const auto key = slash == std::string_view::npos ? std::nullopt : keyAfter(path.substr(0, slash), prefix);
+  const auto number = key ? countOf(path.substr(slash + 1)) : std::nullopt;
+  if (!number) return std::nullopt;
+  return std::pair(std::string(*key), *number);
+}
+
+// What went wrong with the disk, as the client is told it.
+Refusal diskFailed(const Error& error) {
+  slog.error("%{public}@", error.localizedDescription());
+  if (error.isIn(POSIX_ERROR_DOMAIN) && (error.code == ENOSPC || error.code == EDQUOT))
+    return {507, "the service's disk is full"};
+  if (error.is(POSIX_ERROR_DOMAIN, ECANCELED)) return {409, "the part is being sent again by another request"};
+  return {500, "the service's disk failed"};
+}
+
+std::string quoted(const std::string& hash) {
+  return "\"" + hash + "\"";
 }
 
 }  // namespace
@@ -53,9 +80,8 @@ Answer<void> ContentHandlers::check(const ContentRequest& request) const {
     return refuse(400, "this address carries its own permission; never send the account key to it");
   const auto expires = queryOf(request, "expires");
   const auto signature = queryOf(request, "signature");
-  const auto now = static_cast<std::int64_t>(clock_.now().secondsSince1970);
   if (!expires || !signature || request.query.size() != 2 ||
-      !signer_.isValid(request.method, request.path, *expires, *signature, now))
+      !signer_.isValid(request.method, request.path, *expires, *signature, now() / 1000))
     return refuse(403, "the address is not signed for this request, or has expired");
   return {};
 }
@@ -86,6 +112,164 @@ Answer<Download> ContentHandlers::download(const ContentRequest& request) {
   return Download{.file = std::move(*file),
                   .contentType = contentsKey ? "application/octet-stream" : "image/jpeg",
                   .etag = "\"" + key + "\""};
+}
+
+std::int64_t ContentHandlers::now() const {
+  return static_cast<std::int64_t>(clock_.now().secondsSince1970 * 1000);
+}
+
+template <class T>
+Answer<T> ContentHandlers::withUpload(const std::string& key,
+                                      const std::function<Answer<T>(MetadataStore&, Uploads&, Upload&)>& work) {
+  auto store = stores_.writer();
+  return store->write<T>([&]() -> Answer<T> {
+    auto upload = store->upload(key);
+    auto account = upload ? store->account(upload->account) : std::nullopt;
+    if (!account) return refuse(NO_CONTENTS);
+    Tree tree(*store, std::move(*account), now());
+    Uploads uploads(*store, contents_, tree, now());
+    return work(*store, uploads, *upload);
+  });
+}
+
+// Contents in one request.
+class ContentHandlers::WholeReceiver final : public Receiver {
+ public:
+  WholeReceiver(ContentHandlers& handlers, std::string key, std::unique_ptr<ContentStore::Incoming> incoming)
+      : handlers_(handlers), key_(std::move(key)), incoming_(std::move(incoming)) {}
+
+  Answer<void> write(std::string_view bytes) override {
+    if (auto written = incoming_->write(bytes); !written) return refuse(diskFailed(written.error()));
+    return {};
+  }
+
+  Answer<std::string> finish() override {
+    const auto hash = incoming_->seal();
+    if (!hash) return refuse(diskFailed(hash.error()));
+    return handlers_.withUpload<std::string>(
+        key_, [&](MetadataStore&, Uploads& uploads, Upload& upload) -> Answer<std::string> {
+          if (auto storable = uploads.checkStorable(upload, incoming_->size()); !storable)
+            return refuse(storable.error());
+          if (auto placed = incoming_->place(); !placed) return refuse(diskFailed(placed.error()));
+          uploads.stored(upload, incoming_->size(), *hash);
+          return quoted(*hash);
+        });
+  }
+
+ private:
+  ContentHandlers& handlers_;
+  std::string key_;
+  std::unique_ptr<ContentStore::Incoming> incoming_;
+};
+
+class ContentHandlers::PartReceiver final : public Receiver {
+ public:
+  PartReceiver(ContentHandlers& handlers, std::string key, std::int64_t number,
+               std::unique_ptr<ContentStore::IncomingPart> incoming)
+      : handlers_(handlers), key_(std::move(key)), number_(number), incoming_(std::move(incoming)) {}
+
+  Answer<void> write(std::string_view bytes) override {
+    if (auto written = incoming_->write(bytes); !written) return refuse(diskFailed(written.error()));
+    return {};
+  }
+
+  Answer<std::string> finish() override {
+    const auto hash = incoming_->seal();
+    if (!hash) return refuse(diskFailed(hash.error()));
+    return handlers_.withUpload<std::string>(
+        key_, [&](MetadataStore& store, Uploads&, Upload& upload) -> Answer<std::string> {
+          if (!incoming_->isCurrent()) return refuse(409, "the part is being sent again by another request");
+          if (upload.stored) return refuse(409, "the parts were joined already");
+          store.setPart(key_, {.number = number_, .size = incoming_->size(), .etag = quoted(*hash)});
+          upload.touched = handlers_.now();
+          store.setUpload(upload);
+          return quoted(*hash);
+        });
+  }
+
+ private:
+  ContentHandlers& handlers_;
+  std::string key_;
+  std::int64_t number_;
+  std::unique_ptr<ContentStore::IncomingPart> incoming_;
+};
+
+class ContentHandlers::ThumbReceiver final : public Receiver {
+ public:
+  ThumbReceiver(ContentHandlers& handlers, std::string key, std::unique_ptr<ContentStore::Incoming> incoming)
+      : handlers_(handlers), key_(std::move(key)), incoming_(std::move(incoming)) {}
+
+  Answer<void> write(std::string_view bytes) override {
+    constexpr std::string_view JPEG_START = "\xff\xd8\xff";
+    if (start_.size() < JPEG_START.size()) start_ += bytes.substr(0, JPEG_START.size() - start_.size());
+    if (!JPEG_START.starts_with(start_)) return refuse(400, "the preview is not a JPEG picture");
+    if (auto written = incoming_->write(bytes); !written) return refuse(diskFailed(written.error()));
+    return {};
+  }
+
+  Answer<std::string> finish() override {
+    if (start_.size() < 3) return refuse(400, "the preview is not a JPEG picture");
+    const auto hash = incoming_->seal();
+    if (!hash) return refuse(diskFailed(hash.error()));
+    auto store = handlers_.stores_.writer();
+    // In a transaction, so that it cannot come after the removal of its contents.
+    return store->write<std::string>([&]() -> Answer<std::string> {
+      if (!store->upload(key_) && !store->itemWithKey(key_)) return refuse(NO_CONTENTS);
+      if (auto placed = incoming_->place(); !placed) return refuse(diskFailed(placed.error()));
+      return quoted(*hash);
+    });
+  }
+
+ private:
+  ContentHandlers& handlers_;
+  std::string key_;
+  std::string start_;
+  std::unique_ptr<ContentStore::Incoming> incoming_;
+};
+
+Answer<std::unique_ptr<Receiver>> ContentHandlers::upload(const ContentRequest& request,
+                                                          std::optional<std::int64_t> length,
+                                                          std::string_view contentType) {
+  if (auto allowed = check(request); !allowed) return refuse(std::move(allowed.error()));
+  if (!length) return refuse(411, "the length of the body is not told");
+
+  if (const auto thumb = keyAfter(request.path, "/vondle/thumbs/")) {
+    if (contentType != "image/jpeg") return refuse(415, "a preview is sent as image/jpeg");
+    if (*length > MAX_THUMB_BYTES) return refuse(413, "a preview has at most 4 MiB");
+    auto incoming = contents_.receive(ContentStore::Kind::thumb, *thumb);
+    if (!incoming) return refuse(diskFailed(incoming.error()));
+    return std::make_unique<ThumbReceiver>(*this, std::string(*thumb), std::move(*incoming));
+  }
+
+  if (const auto whole = keyAfter(request.path, "/vondle/uploads/")) {
+    const std::string key(*whole);
+    const auto storable = withUpload<bool>(key, [&](MetadataStore&, Uploads& uploads, Upload& upload) -> Answer<bool> {
+      if (upload.partSize > 0) return refuse(409, "these contents are sent in parts");
+      if (auto checked = uploads.checkStorable(upload, *length); !checked) return refuse(checked.error());
+      return true;
+    });
+    if (!storable) return refuse(storable.error());
+    auto incoming = contents_.receive(ContentStore::Kind::contents, key);
+    if (!incoming) return refuse(diskFailed(incoming.error()));
+    return std::make_unique<WholeReceiver>(*this, key, std::move(*incoming));
+  }
+
+  const auto part = partAfter(request.path, "/vondle/uploads/");
+  if (!part) return refuse(NO_CONTENTS);
+  const auto& [key, number] = *part;
+  std::unique_ptr<ContentStore::IncomingPart> incoming;
+  const auto begun = withUpload<bool>(key, [&](MetadataStore& store, Uploads&, Upload& upload) -> Answer<bool> {
+    if (number < 1 || number > partCount(upload)) return refuse(404, "the upload has no such part");
+    if (upload.stored) return refuse(409, "the parts were joined already");
+    if (*length != partLength(upload, number)) return refuse(400, "the part has not the length that it has to have");
+    auto receiving = contents_.receivePart(key, number, (number - 1) * upload.partSize);
+    if (!receiving) return refuse(diskFailed(receiving.error()));
+    incoming = std::move(*receiving);
+    store.removePart(key, number);  // its bytes are about to be overwritten
+    return true;
+  });
+  if (!begun) return refuse(begun.error());
+  return std::make_unique<PartReceiver>(*this, key, number, std::move(incoming));
 }
 
 }  // namespace vondle::storage

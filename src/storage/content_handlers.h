@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -11,6 +12,7 @@
 #include "storage/refusal.h"
 #include "storage/signed_url.h"
 #include "storage/store_pool.h"
+#include "storage/uploads.h"
 
 namespace vondle::storage {
 
@@ -33,6 +35,15 @@ struct Download {
 // it is of a form that is not served (several ranges), so that everything is sent; 416 when nothing of it exists.
 Answer<std::optional<std::pair<std::int64_t, std::int64_t>>> rangeOf(std::string_view header, std::int64_t size);
 
+// Takes the body of one PUT, piece by piece.
+class Receiver {
+ public:
+  virtual ~Receiver() = default;  // what was not finished is forgotten
+  virtual Answer<void> write(std::string_view bytes) = 0;
+  // The body is whole; answers the ETag with its quotes.
+  virtual Answer<std::string> finish() = 0;
+};
+
 // Answers requests to signed addresses: GET of contents and previews, PUT of contents, parts and previews. Any thread.
 class ContentHandlers {
  public:
@@ -40,10 +51,21 @@ class ContentHandlers {
       : stores_(stores), contents_(contents), signer_(signer), clock_(clock) {}
 
   Answer<Download> download(const ContentRequest& request);
+  // `length`: of the body, as announced by its header; 411 without.
+  Answer<std::unique_ptr<Receiver>> upload(const ContentRequest& request, std::optional<std::int64_t> length,
+                                           std::string_view contentType);
 
  private:
+  class WholeReceiver;
+  class PartReceiver;
+  class ThumbReceiver;
+
   // 400 for a key in the header, 403 unless the address was signed by the service and has not expired.
   [[nodiscard]] Answer<void> check(const ContentRequest& request) const;
+  [[nodiscard]] std::int64_t now() const;  // milliseconds since 1970
+  // Runs `work` in one transaction, with the upload of the key and the uploads of the account that asked for it.
+  template <class T>
+  Answer<T> withUpload(const std::string& key, const std::function<Answer<T>(MetadataStore&, Uploads&, Upload&)>& work);
 
   StorePool& stores_;
   const ContentStore& contents_;

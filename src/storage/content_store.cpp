@@ -91,7 +91,7 @@ Result<std::size_t> StoredFile::readAt(std::int64_t offset, std::span<char> buff
 
 ContentStore::Incoming::~Incoming() {
   ::close(descriptor_);
-  if (!finished_) ::unlink(path_.c_str());
+  if (!placed_) ::unlink(path_.c_str());
 }
 
 Result<void> ContentStore::Incoming::flush() {
@@ -107,14 +107,54 @@ Result<void> ContentStore::Incoming::write(std::string_view bytes) {
   return buffer_.size() >= WRITE_BUFFER ? flush() : Result<void>();
 }
 
-Result<std::string> ContentStore::Incoming::finish(bool sync) {
+Result<std::string> ContentStore::Incoming::seal(bool sync) {
   if (auto written = flush(); !written) return failure(std::move(written.error()));
   if (sync && ::fsync(descriptor_) != 0) return failure(Error::posix(errno, "cannot sync " + path_));
-  if (auto made = makeFoldersFor(target_); !made) return failure(std::move(made.error()));
+  return hexadecimal(hasher_.finish());
+}
+
+Result<void> ContentStore::Incoming::place(bool sync) {
+  if (auto made = makeFoldersFor(target_); !made) return made;
   if (::rename(path_.c_str(), target_.c_str()) != 0) return failure(Error::posix(errno, "cannot store " + target_));
-  finished_ = true;
-  if (sync)
-    if (auto synced = syncFolder(folderOf(target_)); !synced) return failure(std::move(synced.error()));
+  placed_ = true;
+  return sync ? syncFolder(folderOf(target_)) : Result<void>();
+}
+
+ContentStore::IncomingPart::IncomingPart(std::shared_ptr<Turn> turn, int descriptor, std::int64_t offset)
+    : turn_(std::move(turn)), descriptor_(descriptor), offset_(offset) {
+  const MutexLock lock(turn_->lock);
+  ticket_ = ++turn_->holder;
+}
+
+ContentStore::IncomingPart::~IncomingPart() {
+  ::close(descriptor_);
+}
+
+bool ContentStore::IncomingPart::isCurrent() const {
+  const MutexLock lock(turn_->lock);
+  return turn_->holder == ticket_;
+}
+
+Result<void> ContentStore::IncomingPart::flush() {
+  // The lock is held while writing, so that a transfer that was taken over cannot write after the one that took over;
+  // nobody else uses it.
+  const MutexLock lock(turn_->lock);
+  if (turn_->holder != ticket_) return failure(Error::posix(ECANCELED, "the part is being sent again"));
+  auto written = writeAll(descriptor_, buffer_, offset_ + size_ - static_cast<std::int64_t>(buffer_.size()), "a part");
+  buffer_.clear();
+  return written;
+}
+
+Result<void> ContentStore::IncomingPart::write(std::string_view bytes) {
+  hasher_.add(bytes);
+  size_ += static_cast<std::int64_t>(bytes.size());
+  buffer_ += bytes;
+  return buffer_.size() >= WRITE_BUFFER ? flush() : Result<void>();
+}
+
+Result<std::string> ContentStore::IncomingPart::seal() {
+  if (auto written = flush(); !written) return failure(std::move(written.error()));
+  if (::fsync(descriptor_) != 0) return failure(Error::posix(errno, "cannot sync a part"));
   return hexadecimal(hasher_.finish());
 }
 
@@ -165,25 +205,26 @@ Result<void> ContentStore::remove(std::string_view key) const {
   return {};
 }
 
-Result<void> ContentStore::beginParts(std::string_view key) const {
+Result<std::unique_ptr<ContentStore::IncomingPart>> ContentStore::receivePart(std::string_view key, std::int64_t number,
+                                                                              std::int64_t offset) const {
   const std::string path = partsPath(key);
-  const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-  if (!file.isOpen()) return failure(Error::posix(errno, "cannot make " + path));
-  return syncFolder(folderOf(path));
-}
-
-Result<void> ContentStore::writePart(std::string_view key, std::int64_t offset, std::string_view bytes) const {
-  const std::string path = partsPath(key);
-  const Descriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-  if (!file.isOpen()) return failure(Error::posix(errno, "cannot open " + path));
-  return writeAll(file.get(), bytes, offset, path);
-}
-
-Result<void> ContentStore::syncParts(std::string_view key) const {
-  const std::string path = partsPath(key);
-  const Descriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-  if (!file.isOpen() || ::fsync(file.get()) != 0) return failure(Error::posix(errno, "cannot sync " + path));
-  return {};
+  const bool isFirst = ::access(path.c_str(), F_OK) != 0;
+  const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+  if (descriptor < 0) return failure(Error::posix(errno, "cannot open " + path));
+  if (isFirst)
+    if (auto synced = syncFolder(folderOf(path)); !synced) {
+      ::close(descriptor);
+      return failure(std::move(synced.error()));
+    }
+  std::shared_ptr<IncomingPart::Turn> turn;
+  {
+    const MutexLock lock(turns_->lock);
+    std::erase_if(turns_->byPart, [](const auto& entry) { return entry.second.expired(); });
+    auto& known = turns_->byPart[{std::string(key), number}];
+    turn = known.lock();
+    if (!turn) known = turn = std::make_shared<IncomingPart::Turn>();
+  }
+  return std::unique_ptr<IncomingPart>(new IncomingPart(std::move(turn), descriptor, offset));
 }
 
 Result<void> ContentStore::assemble(std::string_view key, std::int64_t size) const {

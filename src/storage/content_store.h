@@ -1,13 +1,16 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "base/error.h"
+#include "base/mutex.h"
 #include "storage/crypto.h"
 
 namespace vondle::storage {
@@ -44,9 +47,11 @@ class ContentStore {
 
     Result<void> write(std::string_view bytes);
     [[nodiscard]] std::int64_t size() const { return size_; }
-    // Puts the bytes on the disk under the key, in the place of earlier ones. Answers their SHA-256 in hexadecimal
-    // digits. With `sync` false the caller sees to the disk with syncAll.
-    Result<std::string> finish(bool sync = true);
+    // No more bytes come: they are on the disk, still out of sight. Answers their SHA-256 in hexadecimal digits. With
+    // `sync` false the caller sees to the disk with syncAll.
+    Result<std::string> seal(bool sync = true);
+    // Puts them under the key, in the place of earlier ones. After seal.
+    Result<void> place(bool sync = true);
 
    private:
     friend class ContentStore;
@@ -60,7 +65,38 @@ class ContentStore {
     std::int64_t size_ = 0;
     std::string buffer_;
     Sha256 hasher_;
-    bool finished_ = false;
+    bool placed_ = false;
+  };
+
+  // One part on its way into a file of several. A later transfer of the same part takes over: this one fails from then
+  // on, and cannot mix its bytes with the other's.
+  class IncomingPart {
+   public:
+    ~IncomingPart();
+    IncomingPart(const IncomingPart&) = delete;
+    IncomingPart& operator=(const IncomingPart&) = delete;
+
+    Result<void> write(std::string_view bytes);
+    [[nodiscard]] std::int64_t size() const { return size_; }
+    Result<std::string> seal();  // as Incoming::seal
+    [[nodiscard]] bool isCurrent() const;
+
+   private:
+    friend class ContentStore;
+    struct Turn {
+      Mutex lock;
+      std::uint64_t holder GUARDED_BY(lock) = 0;
+    };
+    IncomingPart(std::shared_ptr<Turn> turn, int descriptor, std::int64_t offset);
+    Result<void> flush();
+
+    std::shared_ptr<Turn> turn_;
+    std::uint64_t ticket_;
+    int descriptor_;
+    std::int64_t offset_;
+    std::int64_t size_ = 0;
+    std::string buffer_;
+    Sha256 hasher_;
   };
 
   // Makes the folders below `root` when they are missing and clears what a crash left of single uploads.
@@ -73,20 +109,26 @@ class ContentStore {
   Result<void> remove(std::string_view key) const;
 
   // Contents that arrive in parts, in any order, into one file that is not visible under its key before assemble.
-  Result<void> beginParts(std::string_view key) const;
-  Result<void> writePart(std::string_view key, std::int64_t offset, std::string_view bytes) const;
-  Result<void> syncParts(std::string_view key) const;
+  // Part `number` starts at `offset`.
+  Result<std::unique_ptr<IncomingPart>> receivePart(std::string_view key, std::int64_t number,
+                                                    std::int64_t offset) const;
   Result<void> assemble(std::string_view key, std::int64_t size) const;
 
   // Everything written so far is on the disk when this returns.
   Result<void> syncAll() const;
 
  private:
-  explicit ContentStore(std::string root) : root_(std::move(root)) {}
+  struct Turns {
+    Mutex lock;
+    std::map<std::pair<std::string, std::int64_t>, std::weak_ptr<IncomingPart::Turn>> byPart GUARDED_BY(lock);
+  };
+
+  explicit ContentStore(std::string root) : root_(std::move(root)), turns_(std::make_unique<Turns>()) {}
   [[nodiscard]] std::string pathOf(Kind kind, std::string_view key) const;
   [[nodiscard]] std::string partsPath(std::string_view key) const;
 
   std::string root_;
+  std::unique_ptr<Turns> turns_;
 };
 
 }  // namespace vondle::storage

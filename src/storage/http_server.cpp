@@ -120,6 +120,7 @@ std::multimap<std::string, std::string> queryOf(const httplib::Request& request)
 void send(httplib::Response& response, ApiReply reply) {
   response.status = reply.status;
   if (!reply.allow.empty()) response.set_header("Allow", reply.allow);
+  response.set_header("Cache-Control", "no-store");
   response.set_content(std::move(reply.body), "application/json");
 }
 
@@ -154,6 +155,9 @@ class HttpServer::Implementation final : public httplib::Server {
       receiveApi(request, response, reader);
     };
     Post("/vondle/api/.*", post);
+    Put("/vondle/.*", [this](const auto& request, auto& response, const auto& reader) {
+      receiveContents(request, response, reader);
+    });
     set_error_handler([](const httplib::Request&, httplib::Response& response) {
       if (response.body.empty()) send(response, errorReply(response.status, "the request is not understood"));
     });
@@ -172,6 +176,7 @@ class HttpServer::Implementation final : public httplib::Server {
                       fmt::format("cannot listen on {}:{}: is the port taken, or the address not of this machine?",
                                   options_.host, options_.port)});
     }
+    port_ = port;
     return port;
   }
 
@@ -222,10 +227,14 @@ class HttpServer::Implementation final : public httplib::Server {
     } else if (isApi) {
       if (request.method == "POST") return HandlerResponse::Unhandled;
       send(response, api_.handle(apiRequest(request)));
-    } else if (!reads) {
-      send(response, errorReply(405, "this address does not take such requests"));
-    } else {
+    } else if (!request.path.starts_with("/vondle/")) {
+      send(response, errorReply(404, "there is nothing at this address"));
+    } else if (reads) {
       sendContents(request, response);
+    } else if (request.method == "PUT") {
+      return HandlerResponse::Unhandled;
+    } else {
+      send(response, errorReply(405, "this address does not take such requests"));
     }
     return HandlerResponse::Handled;
   }
@@ -236,8 +245,61 @@ class HttpServer::Implementation final : public httplib::Server {
     made.endpoint = request.path.substr(std::strlen("/vondle/api/"));
     made.query = queryOf(request);
     if (request.has_header("X-API-Key")) made.key = request.get_header_value("X-API-Key");
-    made.base = options_.publicUrl.empty() ? "http://" + request.get_header_value("Host") : options_.publicUrl;
+    made.base = baseFor(request);
     return made;
+  }
+
+  // Only names of this machine are taken over from the client; others could lead it anywhere.
+  std::string baseFor(const httplib::Request& request) const {
+    if (!options_.publicUrl.empty()) return options_.publicUrl;
+    const std::string named = request.get_header_value("Host");
+    const std::string host = named.substr(0, named.rfind(':'));
+    if (host == "127.0.0.1" || host == "localhost") return "http://" + named;
+    return fmt::format("http://{}:{}", options_.host, port_);
+  }
+
+  static ContentRequest contentRequest(const httplib::Request& request) {
+    return {.method = request.method,
+            .path = request.path,
+            .query = queryOf(request),
+            .hasApiKey = request.has_header("X-API-Key")};
+  }
+
+  void receiveContents(const httplib::Request& request, httplib::Response& response,
+                       const httplib::ContentReader& reader) {
+    if (request.has_header("Content-Encoding") || request.is_multipart_form_data()) {
+      send(response, errorReply(415, "contents are sent as they are"));
+      return;
+    }
+    std::optional<std::int64_t> length;
+    if (request.has_header("Content-Length") && !request.has_header("Transfer-Encoding"))
+      length = request.get_header_value<std::uint64_t>("Content-Length");
+    auto receiver = contents_.upload(contentRequest(request), length, request.get_header_value("Content-Type"));
+    if (!receiver) {
+      send(response, receiver.error());
+      return;
+    }
+    Answer<void> written;
+    const bool whole = reader([&](const char* bytes, std::size_t count) {
+      written = (*receiver)->write({bytes, count});
+      return written.has_value();
+    });
+    if (!written) {
+      send(response, written.error());
+      return;
+    }
+    if (!whole) {
+      send(response, errorReply(400, "the body ended early"));
+      return;
+    }
+    bodyIsLeft = false;
+    const auto etag = (*receiver)->finish();
+    if (!etag) {
+      send(response, etag.error());
+      return;
+    }
+    response.status = 200;
+    response.set_header("ETag", *etag);
   }
 
   void receiveApi(const httplib::Request& request, httplib::Response& response, const httplib::ContentReader& reader) {
@@ -263,10 +325,7 @@ class HttpServer::Implementation final : public httplib::Server {
   }
 
   void sendContents(const httplib::Request& request, httplib::Response& response) {
-    auto download = contents_.download({.method = request.method,
-                                        .path = request.path,
-                                        .query = queryOf(request),
-                                        .hasApiKey = request.has_header("X-API-Key")});
+    auto download = contents_.download(contentRequest(request));
     if (!download) {
       send(response, download.error());
       return;
@@ -305,6 +364,7 @@ class HttpServer::Implementation final : public httplib::Server {
   }
 
   const HttpOptions options_;
+  int port_ = 0;
   ApiHandlers& api_;
   ContentHandlers& contents_;
   Mutex lock_;

@@ -195,8 +195,9 @@ class Importer {
       if (auto written = (*incoming)->write({buffer.data(), *count}); !written) return written;
     }
     file.size = (*incoming)->size();
-    auto hash = (*incoming)->finish(false);
+    auto hash = (*incoming)->seal(false);
     if (!hash) return failure(hash.error());
+    if (auto placed = (*incoming)->place(false); !placed) return placed;
     file.hash = std::move(*hash);
     return {};
   }

@@ -59,6 +59,7 @@ CREATE UNIQUE INDEX feed_in_order ON feed(account, seq);
 CREATE TABLE uploads(
   key TEXT PRIMARY KEY,
   account INTEGER NOT NULL,
+  owner INTEGER NOT NULL,
   parent INTEGER,
   name TEXT NOT NULL,
   item INTEGER,
@@ -68,9 +69,9 @@ CREATE TABLE uploads(
   stored INTEGER NOT NULL,
   stored_size INTEGER NOT NULL,
   hash TEXT NOT NULL,
-  has_thumb INTEGER NOT NULL,
   touched INTEGER NOT NULL) WITHOUT ROWID;
 CREATE INDEX uploads_by_age ON uploads(touched);
+CREATE INDEX uploads_by_owner ON uploads(owner);
 
 CREATE TABLE parts(
   key TEXT NOT NULL,
@@ -86,7 +87,7 @@ CREATE TABLE garbage(key TEXT PRIMARY KEY) WITHOUT ROWID;
   "id, account, parent, name, is_folder, size, modified, version, key, hash, has_thumb, trashed, trashed_path"
 #define ACCOUNT_COLUMNS "id, name, root, quota, used, head"
 #define UPLOAD_COLUMNS \
-  "key, account, parent, name, item, size, upload_id, part_size, stored, stored_size, hash, has_thumb, touched"
+  "key, account, owner, parent, name, item, size, upload_id, part_size, stored, stored_size, hash, touched"
 
 Item itemOf(const sqlite::Statement& row) {
   return {.id = row.integer(0),
@@ -120,16 +121,16 @@ Share shareOf(const sqlite::Statement& row) {
 Upload uploadOf(const sqlite::Statement& row) {
   return {.key = row.text(0),
           .account = row.integer(1),
-          .parent = row.optionalInteger(2),
-          .name = row.text(3),
-          .item = row.optionalInteger(4),
-          .size = row.optionalInteger(5),
-          .uploadId = row.text(6),
-          .partSize = row.integer(7),
-          .stored = row.boolean(8),
-          .storedSize = row.integer(9),
-          .hash = row.text(10),
-          .hasThumb = row.boolean(11),
+          .owner = row.integer(2),
+          .parent = row.optionalInteger(3),
+          .name = row.text(4),
+          .item = row.optionalInteger(5),
+          .size = row.optionalInteger(6),
+          .uploadId = row.text(7),
+          .partSize = row.integer(8),
+          .stored = row.boolean(9),
+          .storedSize = row.integer(10),
+          .hash = row.text(11),
           .touched = row.integer(12)};
 }
 
@@ -395,8 +396,8 @@ void MetadataStore::setUpload(const Upload& upload) {
   run(Query(*this,
             "INSERT OR REPLACE INTO uploads(" UPLOAD_COLUMNS
             ") VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13)",
-            upload.key, upload.account, upload.parent, upload.name, upload.item, upload.size, upload.uploadId,
-            upload.partSize, upload.stored, upload.storedSize, upload.hash, upload.hasThumb, upload.touched));
+            upload.key, upload.account, upload.owner, upload.parent, upload.name, upload.item, upload.size,
+            upload.uploadId, upload.partSize, upload.stored, upload.storedSize, upload.hash, upload.touched));
 }
 
 void MetadataStore::removeUpload(std::string_view key) {
@@ -411,11 +412,11 @@ std::vector<Upload> MetadataStore::uploadsBefore(std::int64_t touched) {
   return uploads;
 }
 
-std::int64_t MetadataStore::waitingBytes(AccountId account) {
+std::int64_t MetadataStore::waitingBytes(AccountId owner) {
   Query query(*this,
               "SELECT coalesce(sum(CASE WHEN stored THEN stored_size WHEN part_size > 0 THEN size ELSE 0 END), 0) "
-              "FROM uploads WHERE account = ?1",
-              account);
+              "FROM uploads WHERE owner = ?1",
+              owner);
   return query.next() ? query->integer(0) : 0;
 }
 

@@ -58,6 +58,7 @@ struct Change {
 struct Upload {
   std::string key = {};
   AccountId account = 0;                  // who asked for it
+  AccountId owner = 0;                    // whose room it takes
   std::optional<ItemId> parent = {};      // of a new file: the folder …
   std::string name = {};                  // … and the name that it will have
   std::optional<ItemId> item = {};        // of new contents: the file
@@ -67,7 +68,6 @@ struct Upload {
   bool stored = false;  // all bytes are here
   std::int64_t storedSize = 0;
   std::string hash = {};
-  bool hasThumb = false;
   std::int64_t touched = 0;  // milliseconds since 1970: made, or last part
 };
 
@@ -143,7 +143,7 @@ class MetadataStore {
   void setUpload(const Upload& upload);
   void removeUpload(std::string_view key);  // with its parts
   std::vector<Upload> uploadsBefore(std::int64_t touched);
-  std::int64_t waitingBytes(AccountId account);  // of uploads that are stored or sent in parts
+  std::int64_t waitingBytes(AccountId owner);  // of uploads that are stored or sent in parts
   void setPart(std::string_view key, const Part& part);
   void removePart(std::string_view key, std::int64_t number);
   std::vector<Part> parts(std::string_view key);
