@@ -24,20 +24,22 @@ struct URLHeader {
 std::optional<std::string_view> findHeader(const std::vector<URLHeader>& headers, std::string_view name);
 
 struct URLRequest {
-  std::string url;  // absolute; only http and https are ever spoken
+  std::string url{};  // absolute; only http and https are ever spoken
   std::string method = "GET";
-  std::vector<URLHeader> headers;
-  std::optional<std::string> body;  // in memory; empty is sent as an empty body. Not with an upload file.
-  std::optional<Duration> timeout;  // idle time; overrides the session's
+  std::vector<URLHeader> headers{};
+  std::optional<std::string> body{};  // in memory; empty is sent as an empty body. Not with an upload file.
+  std::optional<Duration> timeout{};  // idle time; overrides the session's
 };
 
 struct URLResponse {
-  int status = 0;  // 0: not an HTTP response
-  std::string url;  // where the answer came from, after redirects
-  std::vector<URLHeader> headers;
+  int status = 0;     // 0: not an HTTP response
+  std::string url{};  // where the answer came from, after redirects
+  std::vector<URLHeader> headers{};
   std::int64_t expectedContentLength = -1;  // -1: not announced
 
-  [[nodiscard]] std::optional<std::string_view> header(std::string_view name) const { return findHeader(headers, name); }
+  [[nodiscard]] std::optional<std::string_view> header(std::string_view name) const {
+    return findHeader(headers, name);
+  }
 };
 
 using URLTaskID = std::int64_t;

@@ -19,11 +19,11 @@ namespace vondle {
 // A server's whole answer to one request.
 struct ScriptedReply {
   int status = 200;  // 0: no answer at all, only the error
-  std::string body;
-  std::vector<URLHeader> headers;
-  std::optional<std::int64_t> announcedLength;  // absent: the body's; -1: none is announced
-  std::optional<Error> error;                   // what the task ends with after the body, in place of success
-  Duration delay{0};                            // before the first byte of it
+  std::string body{};
+  std::vector<URLHeader> headers{};
+  std::optional<std::int64_t> announcedLength{};  // absent: the body's; -1: none is announced
+  std::optional<Error> error{};                   // what the task ends with after the body, in place of success
+  Duration delay{0};                              // before the first byte of it
 };
 
 class ScriptedURLLoading;

@@ -76,18 +76,23 @@ CurlTask::CurlTask(CurlNetwork& network, std::shared_ptr<CurlCommandQueue> comma
 CurlTask::~CurlTask() = default;
 
 void CurlTask::resume() {
-  if (suspended_.exchange(false)) commands_->push(shared_from_this());
+  if (suspended_.exchange(false)) callNetwork();
 }
 
 void CurlTask::suspend() {
-  if (!suspended_.exchange(true)) commands_->push(shared_from_this());
+  if (!suspended_.exchange(true)) callNetwork();
 }
 
 void CurlTask::cancel() {
-  if (!cancelled_.exchange(true)) commands_->push(shared_from_this());
+  if (!cancelled_.exchange(true)) callNetwork();
+}
+
+void CurlTask::callNetwork() {
+  if (!called_.exchange(true)) commands_->push(shared_from_this());
 }
 
 void CurlTask::sync() {
+  called_ = false;  // before the flags are read
   if (completed_) return;
   if (cancelled_) return finish(cancelledError());
   if (suspended_) {
@@ -175,7 +180,8 @@ void CurlTask::conclude(CURLcode code) {
     return;
   }
   if (code != CURLE_OK) return finish(urlError(code, attempt.handle.errorText()));
-  if (!attempt.responded) return finish(Error(URL_ERROR_DOMAIN, URL_BAD_SERVER_RESPONSE, "bad server response"));
+  if (!attempt.responded)
+    return finish(urlError(CURLE_GOT_NOTHING, "The server closed the connection amid its answer's headers."));
   finish(std::nullopt);
 }
 

@@ -55,6 +55,7 @@ class CurlTask final : public URLSessionTask, public std::enable_shared_from_thi
  private:
   struct Attempt;
 
+  void callNetwork();
   void begin();
   void startAttempt(bool onFreshConnection);
   void conclude(CURLcode code);
@@ -84,6 +85,7 @@ class CurlTask final : public URLSessionTask, public std::enable_shared_from_thi
   const std::string uploadPath_;
   std::atomic<bool> suspended_ = true;
   std::atomic<bool> cancelled_ = false;
+  std::atomic<bool> called_ = false;  // the network thread will look at the flags
 
   bool begun_ = false;
   bool completed_ = false;

@@ -88,6 +88,7 @@ RedirectDecision decideRedirect(const URLRequest& request, int status, std::opti
   if (!isSameOrigin(request.url, *target)) {
     if (next.method != "GET" && next.method != "HEAD") return {};
     next.headers.clear();
+    next.body.reset();
   }
   if (followed >= MAX_REDIRECTS)
     return {.follow = std::nullopt,

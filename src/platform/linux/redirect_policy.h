@@ -19,7 +19,7 @@ struct RedirectDecision {
 // Whether an answer's status and Location lead to another request. Followed are 301, 302, 303, 307 and 308, at most
 // MAX_REDIRECTS of them in a row (`followed` so far), to http and https, never from https to http. 303, and 301 or 302
 // to a POST, ask for a GET without body. Only GET and HEAD leave the origin (scheme, host and port), and then without
-// any header of the request, since a header may be a secret. What may not be followed is the task's answer, so that
+// any header or body of the request, since they may be secret. What may not be followed is the task's answer, so that
 // its status can be seen.
 RedirectDecision decideRedirect(const URLRequest& request, int status, std::optional<std::string_view> location,
                                 int followed);
