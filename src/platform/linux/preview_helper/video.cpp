@@ -196,10 +196,10 @@ const std::int32_t* Video::displayMatrix() const {
   return size >= 9 * sizeof(std::int32_t) ? reinterpret_cast<const std::int32_t*>(data) : nullptr;
 }
 
-// How a frame must be turned to be upright: first mirrored left to right, then by quarter turns clockwise.
+// How a frame must be turned to be upright: first by quarter turns clockwise, then mirrored left to right.
 struct Turn {
-  bool mirrored = false;
   int quarters = 0;
+  bool mirrored = false;
 };
 
 Turn turnOf(const std::int32_t* matrix) {
@@ -210,8 +210,8 @@ Turn turnOf(const std::int32_t* matrix) {
   const bool mirrored = determinant < 0;
   if (mirrored) av_display_matrix_flip(upright.data(), 1, 0);
   const double angle = av_display_rotation_get(upright.data());
-  if (std::isnan(angle)) return {.mirrored = mirrored};
-  return {.mirrored = mirrored, .quarters = (static_cast<int>(std::lround(-angle / 90)) % 4 + 4) % 4};
+  if (std::isnan(angle)) return {.quarters = 0, .mirrored = mirrored};
+  return {.quarters = (static_cast<int>(std::lround(-angle / 90)) % 4 + 4) % 4, .mirrored = mirrored};
 }
 
 struct Size {
@@ -286,12 +286,12 @@ ImageHandle imageOf(const AVFrame& frame, Size size) {
 }
 
 ImageHandle turned(ImageHandle image, Turn turn) {
-  if (image && turn.mirrored)
-    image = made([&](VipsImage** out) { return vips_flip(image.get(), out, VIPS_DIRECTION_HORIZONTAL, nullptr); });
   if (image && turn.quarters != 0)
     image = made([&](VipsImage** out) {
       return vips_rot(image.get(), out, static_cast<VipsAngle>(VIPS_ANGLE_D0 + turn.quarters), nullptr);
     });
+  if (image && turn.mirrored)
+    image = made([&](VipsImage** out) { return vips_flip(image.get(), out, VIPS_DIRECTION_HORIZONTAL, nullptr); });
   return image;
 }
 
