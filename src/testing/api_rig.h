@@ -1,13 +1,13 @@
 #pragma once
 
 #include <cstring>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "api/vondle_api.h"
 #include "config/config_loader.h"
+#include "testing/captured.h"
 #include "testing/captured_log.h"
 #include "testing/scripted_url_session.h"
 #include "testing/simulated_files.h"
@@ -16,20 +16,6 @@
 #include "testing/virtual_scheduler.h"
 
 namespace vondle {
-
-// Keeps the answer that a completion is called with.
-template <class T>
-class Captured {
- public:
-  Completion<T> completion() {
-    return [this](T value) { value_.emplace(std::move(value)); };
-  }
-  [[nodiscard]] bool hasValue() const { return value_.has_value(); }
-  T& value() { return value_.value(); }
-
- private:
-  std::optional<T> value_;
-};
 
 // The API client with a configuration, before a server that the test plays.
 struct ApiRig {
