@@ -5,6 +5,8 @@
 #include <span>
 #include <vector>
 
+#include "base/utf8.h"
+
 namespace vondle {
 namespace {
 
@@ -60,18 +62,17 @@ std::optional<std::string> join(std::span<const std::string_view> words) {
   return out;
 }
 
-// The number of Han or Hangul signs that the word is made of; 0 when it holds anything else.
+// The number of Han or Hangul signs (three bytes each) that the word is made of; 0 when it holds anything else.
 std::size_t eastAsianSigns(std::string_view word) {
-  if (word.empty() || word.size() % 3 != 0) return 0;
-  for (std::size_t i = 0; i < word.size(); i += 3) {
-    const auto byte = [&](std::size_t k) { return static_cast<unsigned char>(word[i + k]); };
-    if ((byte(0) & 0xF0) != 0xE0) return 0;
-    const unsigned sign = (byte(0) & 0x0FU) << 12 | (byte(1) & 0x3FU) << 6 | (byte(2) & 0x3FU);
-    const bool isHan = sign >= 0x3400 && sign <= 0x9FFF;
-    const bool isHangul = sign >= 0xAC00 && sign <= 0xD7A3;
+  std::size_t count = 0;
+  for (; !word.empty(); ++count) {
+    const auto [code, length] = firstUTF8Character(word);
+    const bool isHan = code >= 0x3400 && code <= 0x9FFF;
+    const bool isHangul = code >= 0xAC00 && code <= 0xD7A3;
     if (!isHan && !isHangul) return 0;
+    word.remove_prefix(length);
   }
-  return word.size() / 3;
+  return count;
 }
 
 // Titles in front and suffixes behind go to the components; what is left is the name proper.
