@@ -58,6 +58,7 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
   // What the changes mean for the contents; subscribe it to the Tree.
   void apply(const std::vector<ReplicaChange>& changes) EXCLUDES(lock_);
 
+  [[nodiscard]] const std::string& folder() const { return folder_; }
   [[nodiscard]] ContentState state(Inode inode) const EXCLUDES(lock_);
   [[nodiscard]] std::int64_t bytesHere() const EXCLUDES(lock_);
   [[nodiscard]] std::size_t filesHere() const EXCLUDES(lock_);

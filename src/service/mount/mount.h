@@ -8,26 +8,30 @@
 #include "platform/clock.h"
 #include "platform/scheduler.h"
 #include "service/contents/content_store.h"
-#include "service/last_errors.h"
 #include "service/listing/folder_listing.h"
 #include "service/replica/tree.h"
 
 namespace vondle {
 
 struct MountOptions {
-  std::string path;             // absolute; an empty folder
+  std::string path;             // absolute
   std::string name = "Vondle";  // what mount and df call it
 };
+
+class Filesystem;
+class FuseSession;
+class KernelNotifier;
+class MountPoint;
 
 // The folder that programs see: from the mount on the file system to the answers to the kernel. Made and ended on one
 // thread. The parts given outlive it.
 class Mount {
  public:
-  // Returns when the folder answers. A dead mount at the path (of a process that was killed) is cleaned up first; a
-  // folder that is not empty, not a folder or another live mount is refused with an error that says what to do.
+  // Mounts for reading, and returns when the folder answers. A missing folder is made. A dead mount at the path (of a
+  // process that was killed) is cleaned up first; a folder that is not empty, not a folder or another live mount is
+  // refused with an error that says what to do. Call it before anything changes the tree.
   static Result<std::unique_ptr<Mount>> start(const MountOptions& options, Tree& tree, FolderListing& listing,
-                                              ContentStore& contents, LastErrors& errors, Scheduler& scheduler,
-                                              const Clock& clock);
+                                              ContentStore& contents, Scheduler& scheduler, const Clock& clock);
   // Stops if that has not been done.
   ~Mount();
 
@@ -39,13 +43,21 @@ class Mount {
   // stop from elsewhere then.
   void onUnmountedByOthers(std::function<void()> handler);
 
+  // Returns when the folder shows what the tree was told before.
+  void waitUntilShown();
+
   // When a program last used the folder.
   [[nodiscard]] MonotonicTime lastUse() const;
 
  private:
-  class Parts;
-  explicit Mount(std::unique_ptr<Parts> parts);
-  std::unique_ptr<Parts> parts_;
+  class EndSignal;
+  Mount();
+
+  std::shared_ptr<EndSignal> endSignal_;
+  std::shared_ptr<Filesystem> filesystem_;
+  std::unique_ptr<MountPoint> mountPoint_;
+  std::unique_ptr<FuseSession> session_;
+  std::shared_ptr<KernelNotifier> notifier_;
 };
 
 }  // namespace vondle

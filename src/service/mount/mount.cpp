@@ -1,0 +1,100 @@
+#include "service/mount/mount.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "base/mutex.h"
+#include "service/mount/filesystem.h"
+#include "service/mount/fuse_session.h"
+#include "service/mount/kernel_notifier.h"
+#include "service/mount/mount_point.h"
+
+namespace vondle {
+
+// Passes on, once, that the mount was ended from outside.
+class Mount::EndSignal {
+ public:
+  void ended() EXCLUDES(lock_) {
+    std::function<void()> handler;
+    {
+      MutexLock hold(lock_);
+      hasEnded_ = true;
+      handler = std::exchange(handler_, nullptr);
+    }
+    if (handler) handler();
+  }
+
+  void set(std::function<void()> handler) EXCLUDES(lock_) {
+    {
+      MutexLock hold(lock_);
+      if (!hasEnded_) {
+        handler_ = std::move(handler);
+        return;
+      }
+    }
+    if (handler) handler();
+  }
+
+ private:
+  Mutex lock_;
+  bool hasEnded_ GUARDED_BY(lock_) = false;
+  std::function<void()> handler_ GUARDED_BY(lock_);
+};
+
+Mount::Mount() : endSignal_(std::make_shared<EndSignal>()) {}
+
+Mount::~Mount() {
+  stop();
+}
+
+Result<std::unique_ptr<Mount>> Mount::start(const MountOptions& options, Tree& tree, FolderListing& listing,
+                                            ContentStore& contents, Scheduler& scheduler, const Clock& clock) {
+  std::unique_ptr<Mount> mount(new Mount);
+  mount->filesystem_ = std::make_shared<Filesystem>(tree, listing, contents, clock);
+  auto mountPoint = MountPoint::mount(options.path, options.name);
+  if (!mountPoint) return std::unexpected(mountPoint.error());
+  mount->mountPoint_ = std::move(*mountPoint);
+  auto session = FuseSession::start(mount->mountPoint_->takeDevice(), *mount->filesystem_, scheduler,
+                                    [signal = mount->endSignal_] { signal->ended(); });
+  if (!session) return std::unexpected(session.error());
+  mount->session_ = std::move(*session);
+  mount->notifier_ = std::make_shared<KernelNotifier>(*mount->session_);
+  mount->filesystem_->onLater([weak = std::weak_ptr(mount->notifier_)](const std::vector<ReplicaChange>& changes) {
+    if (const auto notifier = weak.lock()) notifier->tell(changes);
+  });
+  tree.subscribe([filesystem = std::weak_ptr(mount->filesystem_),
+                  notifier = std::weak_ptr(mount->notifier_)](const std::vector<ReplicaChange>& changes) {
+    const auto answering = filesystem.lock();
+    const auto telling = notifier.lock();
+    if (answering && telling) telling->tell(answering->apply(changes));
+  });
+  struct stat status{};
+  if (::stat(options.path.c_str(), &status) != 0) return failure(Error::posix(errno, options.path));
+  return mount;
+}
+
+void Mount::stop() {
+  endSignal_->set(nullptr);
+  if (filesystem_) filesystem_->close();
+  if (mountPoint_) mountPoint_->unmount();
+  // The requests that the notifier may be waiting for are still being answered.
+  if (notifier_) notifier_->stop();
+  if (session_) session_->stop();
+  session_ = nullptr;
+}
+
+void Mount::onUnmountedByOthers(std::function<void()> handler) {
+  endSignal_->set(std::move(handler));
+}
+
+void Mount::waitUntilShown() {
+  notifier_->drain();
+}
+
+MonotonicTime Mount::lastUse() const {
+  return filesystem_->lastUse();
+}
+
+}  // namespace vondle

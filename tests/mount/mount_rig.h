@@ -1,0 +1,91 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/linux/asio_scheduler.h"
+#include "platform/linux/linux_clock.h"
+#include "service/contents/content_store.h"
+#include "service/listing/folder_listing.h"
+#include "service/mount/mount.h"
+#include "service/replica/tree.h"
+#include "testing/fake_extension.h"
+
+namespace vondle {
+
+// A folder below /tmp that goes with the test, and what is mounted in it.
+class ScratchFolder {
+ public:
+  ScratchFolder();
+  ~ScratchFolder();
+  ScratchFolder(const ScratchFolder&) = delete;
+  ScratchFolder& operator=(const ScratchFolder&) = delete;
+  [[nodiscard]] const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+// A program that runs beside the test; killed at the end if it still runs.
+class Program {
+ public:
+  // Its output goes to a file.
+  Program(std::vector<std::string> arguments, const std::string& output);
+  ~Program();
+  Program(const Program&) = delete;
+  Program& operator=(const Program&) = delete;
+
+  [[nodiscard]] pid_t pid() const { return pid_; }
+  // The exit status, minus the signal that ended it, or none after ten seconds.
+  std::optional<int> wait();
+  [[nodiscard]] std::string output() const;
+
+ private:
+  pid_t pid_ = 0;
+  std::string output_;
+  std::optional<int> status_;
+};
+
+// True as soon as the condition holds; false after ten seconds.
+bool eventually(const std::function<bool()>& condition);
+
+// The service's half that faces the kernel, real but for the extension.
+class MountRig {
+ public:
+  explicit MountRig(const ScratchFolder& scratch);
+  ~MountRig();
+
+  // Stops the service and starts it again on the same state.
+  void restart();
+  void start();
+  void stop();
+
+  // Tells the tree what the server says changed, and waits until the mount shows it.
+  void announce(std::vector<Item> updates, std::vector<ItemIdentifier> deletions = {});
+
+  [[nodiscard]] std::string path(const std::string& below = {}) const { return mountPoint_ + below; }
+  // Of a shell command run in the mounted folder, with a limit of ten seconds.
+  std::string shell(const std::string& command);
+
+  FakeExtension extension;
+  std::unique_ptr<Replica> replica;
+  std::unique_ptr<Tree> tree;
+  std::shared_ptr<FolderListing> listing;
+  std::shared_ptr<ContentStore> contents;
+  std::unique_ptr<Mount> mount;
+
+ private:
+  const std::string folder_;
+  const std::string mountPoint_;
+  LinuxClock clock_;
+  std::unique_ptr<AsioScheduler> scheduler_;
+  std::unique_ptr<LastErrors> errors_;
+  int programs_ = 0;
+};
+
+}  // namespace vondle
