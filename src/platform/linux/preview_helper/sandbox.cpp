@@ -15,14 +15,6 @@
 namespace vondle {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define VONDLE_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define VONDLE_SANITIZED 1
-#endif
-#endif
-
 // Every accepted format was seen to work within half of it.
 constexpr rlim_t MAX_ADDRESS_SPACE = 1536ull << 20;
 constexpr rlim_t MAX_FILE_BYTES = 8u << 20;
