@@ -29,4 +29,11 @@ std::optional<LastErrors::Entry> LastErrors::of(Inode inode) const {
   return found->second->second;
 }
 
+std::vector<std::pair<Inode, LastErrors::Entry>> LastErrors::newest(std::size_t count) const {
+  MutexLock hold(lock_);
+  std::vector<std::pair<Inode, Entry>> result;
+  for (auto entry = order_.rbegin(); entry != order_.rend() && result.size() < count; ++entry) result.push_back(*entry);
+  return result;
+}
+
 }  // namespace vondle

@@ -4,6 +4,7 @@
 #include <optional>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "base/error.h"
 #include "base/mutex.h"
@@ -26,6 +27,8 @@ class LastErrors {
   void note(Inode inode, Error error, Timestamp when) EXCLUDES(lock_);
   void forget(Inode inode) EXCLUDES(lock_);
   [[nodiscard]] std::optional<Entry> of(Inode inode) const EXCLUDES(lock_);
+  // Newest first.
+  [[nodiscard]] std::vector<std::pair<Inode, Entry>> newest(std::size_t count) const EXCLUDES(lock_);
 
  private:
   using Order = std::list<std::pair<Inode, Entry>>;  // oldest first

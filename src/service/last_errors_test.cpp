@@ -30,5 +30,16 @@ TEST(LastErrorsTest, OnlyTheNewestAreKept) {
   EXPECT_TRUE(errors.of(3));
 }
 
+TEST(LastErrorsTest, TheNewestComeFirst) {
+  LastErrors errors;
+  for (Inode inode = 1; inode <= 3; ++inode) errors.note(inode, FIRST, {1});
+  errors.note(1, SECOND, {2});
+  const auto newest = errors.newest(2);
+  ASSERT_EQ(newest.size(), 2u);
+  EXPECT_EQ(newest[0].first, 1u);
+  EXPECT_EQ(newest[0].second.error, SECOND);
+  EXPECT_EQ(newest[1].first, 3u);
+}
+
 }  // namespace
 }  // namespace vondle

@@ -1,7 +1,8 @@
 #include "service/follow/follower.h"
 
 #include <algorithm>
-#include <atomic>
+#include <cerrno>
+#include <iterator>
 #include <utility>
 
 #include "platform/log.h"
@@ -18,32 +19,37 @@ Error endlessFeed() {
 
 }  // namespace
 
-// Brings one page to the tree as it comes in. Updates may still arrive after the finish: they are applied like others.
+// Gathers one page, so that the tree takes its updates and deletions as one change. Updates may still arrive after the
+// finish: they are applied as they come.
 class Follower::PageObserver : public ChangeObserver, public std::enable_shared_from_this<PageObserver> {
  public:
   PageObserver(std::weak_ptr<Follower> follower, Tree& tree) : follower_(std::move(follower)), tree_(tree) {}
 
-  void didUpdateItems(std::vector<Item> items) override {
+  void didUpdateItems(std::vector<Item> items) override EXCLUDES(lock_) {
     const auto follower = follower_.lock();
-    if (!follower || items.empty()) return;
-    hadNews = true;
-    const auto count = static_cast<std::int64_t>(items.size());
+    if (!follower) return;
+    follower->publish([&](Status& status) { status.updates += static_cast<std::int64_t>(items.size()); });
+    {
+      const MutexLock guard(lock_);
+      if (!finished_) return (void)std::ranges::move(items, std::back_inserter(updates_));
+    }
     tree_.applyUpdates(std::move(items), [] {});
-    follower->publish([count](Status& status) { status.updates += count; });
   }
 
-  void didDeleteItemsWithIdentifiers(std::vector<ItemIdentifier> identifiers) override {
+  void didDeleteItemsWithIdentifiers(std::vector<ItemIdentifier> identifiers) override EXCLUDES(lock_) {
     const auto follower = follower_.lock();
-    if (!follower || identifiers.empty()) return;
-    hadNews = true;
-    const auto count = static_cast<std::int64_t>(identifiers.size());
+    if (!follower) return;
+    follower->publish([&](Status& status) { status.deletions += static_cast<std::int64_t>(identifiers.size()); });
+    {
+      const MutexLock guard(lock_);
+      if (!finished_) return (void)std::ranges::move(identifiers, std::back_inserter(deletions_));
+    }
     tree_.applyDeletions(std::move(identifiers), [] {});
-    follower->publish([count](Status& status) { status.deletions += count; });
   }
 
   void finishEnumeratingChangesUpToSyncAnchor(SyncAnchor anchor, bool moreComing) override {
     finish([self = shared_from_this(), anchor = std::move(anchor), moreComing](Follower& follower) mutable {
-      follower.pageRead(self, std::move(anchor), moreComing);
+      follower.pageRead(*self, std::move(anchor), moreComing);
     });
   }
 
@@ -51,12 +57,23 @@ class Follower::PageObserver : public ChangeObserver, public std::enable_shared_
     finish([error = std::move(error)](Follower& follower) mutable { follower.finishRun(std::move(error)); });
   }
 
-  std::atomic<bool> hadNews = false;
+  // After the finish; once.
+  [[nodiscard]] std::vector<Item> takeUpdates() EXCLUDES(lock_) {
+    const MutexLock guard(lock_);
+    return std::exchange(updates_, {});
+  }
+  [[nodiscard]] std::vector<ItemIdentifier> takeDeletions() EXCLUDES(lock_) {
+    const MutexLock guard(lock_);
+    return std::exchange(deletions_, {});
+  }
 
  private:
   template <class Step>
-  void finish(Step step) {
-    if (finished_.exchange(true)) return;
+  void finish(Step step) EXCLUDES(lock_) {
+    {
+      const MutexLock guard(lock_);
+      if (std::exchange(finished_, true)) return;
+    }
     if (const auto follower = follower_.lock()) {
       follower->queue_->post([follower, step = std::move(step)]() mutable {
         if (!follower->stopped_) step(*follower);
@@ -66,7 +83,10 @@ class Follower::PageObserver : public ChangeObserver, public std::enable_shared_
 
   const std::weak_ptr<Follower> follower_;
   Tree& tree_;
-  std::atomic<bool> finished_ = false;
+  Mutex lock_;
+  bool finished_ GUARDED_BY(lock_) = false;
+  std::vector<Item> updates_ GUARDED_BY(lock_);
+  std::vector<ItemIdentifier> deletions_ GUARDED_BY(lock_);
 };
 
 Follower::Follower(ReplicatedExtension& extension, Tree& tree, Scheduler& scheduler, const Clock& clock, Files& files,
@@ -167,14 +187,16 @@ void Follower::readPage() {
   enumerator_->enumerateChanges(std::make_shared<PageObserver>(weak_from_this(), tree_), followed_->anchor);
 }
 
-void Follower::pageRead(const std::shared_ptr<PageObserver>& page, SyncAnchor anchor, bool moreComing) {
-  // The tree takes news in order, so this comes after the page's.
-  tree_.applyUpdates({}, [self = shared_from_this(), hadNews = page->hadNews.load(), anchor = std::move(anchor),
-                          moreComing]() mutable {
-    self->queue_->post([self, hadNews, anchor = std::move(anchor), moreComing] {
-      if (!self->stopped_) self->pageApplied(anchor, hadNews, moreComing);
-    });
-  });
+void Follower::pageRead(PageObserver& page, SyncAnchor anchor, bool moreComing) {
+  auto updates = page.takeUpdates();
+  auto deletions = page.takeDeletions();
+  const bool hadNews = !updates.empty() || !deletions.empty();
+  tree_.applyNews(std::move(updates), std::move(deletions),
+                  [self = shared_from_this(), hadNews, anchor = std::move(anchor), moreComing]() mutable {
+                    self->queue_->post([self, hadNews, anchor = std::move(anchor), moreComing] {
+                      if (!self->stopped_) self->pageApplied(anchor, hadNews, moreComing);
+                    });
+                  });
 }
 
 void Follower::pageApplied(const SyncAnchor& anchor, bool hadNews, bool moreComing) {

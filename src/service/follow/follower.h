@@ -73,7 +73,7 @@ class Follower : public std::enable_shared_from_this<Follower> {
   void beginRun();
   void firstAnchorRead(std::optional<SyncAnchor> anchor);
   void readPage();
-  void pageRead(const std::shared_ptr<PageObserver>& page, SyncAnchor anchor, bool moreComing);
+  void pageRead(PageObserver& page, SyncAnchor anchor, bool moreComing);
   void pageApplied(const SyncAnchor& anchor, bool hadNews, bool moreComing);
   void listEverythingAgain(Completion<> completion);
   void pageKept(const SyncAnchor& anchor, bool moreComing, bool mustSave);

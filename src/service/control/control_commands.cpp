@@ -1,0 +1,246 @@
+#include "service/control/control_commands.h"
+
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "base/time.h"
+#include "fileprovider/error_codes.h"
+#include "service/control/control_protocol.h"
+#include "service/control/control_text.h"
+#include "service/control/fetch_operation.h"
+
+namespace vondle {
+
+namespace {
+
+constexpr std::string_view problemText(NameProblem problem) {
+  switch (problem) {
+    case NameProblem::empty:
+      return "an empty name";
+    case NameProblem::dots:
+      return "a name of dots";
+    case NameProblem::separator:
+      return "a name that holds a slash or a zero byte";
+    case NameProblem::tooLong:
+      return "a name of more than 255 bytes";
+    case NameProblem::notUTF8:
+      return "a name that is not UTF-8";
+    case NameProblem::reserved:
+      return "a name that begins like a substitute";
+    case NameProblem::duplicate:
+      return "a name that stands twice in its folder";
+  }
+  return "an unusable name";
+}
+
+constexpr std::string_view stateText(ContentState state) {
+  switch (state) {
+    case ContentState::absent:
+      return "on the server only";
+    case ContentState::fetching:
+      return "being fetched";
+    case ContentState::clean:
+      return "here";
+  }
+  return "";
+}
+
+constexpr std::string_view policyText(ContentPolicy policy) {
+  switch (policy) {
+    case ContentPolicy::inherited:
+      return "as its folder";
+    case ContentPolicy::downloadLazily:
+      return "downloaded when read";
+    case ContentPolicy::downloadEagerlyAndKeepDownloaded:
+      return "kept downloaded";
+  }
+  return "";
+}
+
+json::Array rights(std::uint32_t capabilities) {
+  constexpr std::pair<ItemCapabilities, std::string_view> NAMES[] = {
+      {ALLOWS_READING, "read"},    {ALLOWS_WRITING, "write"},  {ALLOWS_REPARENTING, "move"},
+      {ALLOWS_RENAMING, "rename"}, {ALLOWS_TRASHING, "trash"}, {ALLOWS_DELETING, "delete"}};
+  json::Array result;
+  for (const auto& [bit, name] : NAMES) {
+    if (capabilities & bit) result.push_back(json::Value(name));
+  }
+  return result;
+}
+
+std::string ownerText(const PersonNameComponents& owner) {
+  std::string text;
+  for (const auto* part :
+       {&owner.namePrefix, &owner.givenName, &owner.middleName, &owner.familyName, &owner.nameSuffix}) {
+    if (!*part) continue;
+    if (!text.empty()) text += ' ';
+    text += **part;
+  }
+  return text.empty() ? owner.nickname.value_or("") : text;
+}
+
+// Absent for a request whose "inodes" is no list of numbers.
+std::optional<std::vector<Inode>> inodesOf(const json::Object& request) {
+  const auto* list = json::list(request, "inodes");
+  if (!list) return std::nullopt;
+  std::vector<Inode> inodes;
+  for (const auto& value : *list) {
+    const auto number = json::integer(value);
+    if (!number || *number <= 0) return std::nullopt;
+    inodes.push_back(static_cast<Inode>(*number));
+  }
+  return inodes;
+}
+
+void refuse(const std::shared_ptr<ControlReply>& reply, std::string_view why) {
+  reply->fail(control::CODE_MALFORMED, why);
+}
+
+json::Object followStatus(const Follower::Status& status) {
+  json::Object object{{"anchor", controlText(status.anchor)},
+                      {"running", status.isRunning},
+                      {"updates", status.updates},
+                      {"deletions", status.deletions}};
+  if (status.lastSuccess) object["last_success"] = status.lastSuccess->secondsSince1970;
+  if (status.lastError) object["error"] = controlText(status.lastError->localizedDescription());
+  if (status.nextIn) object["next_in"] = inSeconds(*status.nextIn);
+  return object;
+}
+
+}  // namespace
+
+ControlCommands::ControlCommands(Parts parts)
+    : parts_(std::move(parts)),
+      waiting_(parts_.scheduler.makeSerialQueue("control")),
+      started_(parts_.clock.monotonic()) {}
+
+void ControlCommands::handle(const json::Object& request, const std::shared_ptr<ControlReply>& reply) {
+  const auto command = json::text(request, "command").value_or("");
+  if (command == "status") return reply->finish(status());
+  if (command == "sync") return sync(reply);
+  if (command == "info") return info(request, reply);
+  if (command == "fetch") return fetch(request, reply);
+  if (command == "evict") return evict(request, reply);
+  if (command == "stop") {
+    reply->finish({});
+    return parts_.stop();
+  }
+  refuse(reply, "unknown command");
+}
+
+json::Object ControlCommands::status() const {
+  const auto& replica = parts_.tree.replica();
+  const auto pathText = [&](Inode inode) { return controlText(replica.pathOf(inode).value_or("?")); };
+
+  json::Array transfers;
+  for (const auto& transfer : parts_.contents->transfers()) {
+    transfers.push_back(json::Object{{"inode", transfer.inode},
+                                     {"path", pathText(transfer.inode)},
+                                     {"direction", "down"},
+                                     {"completed", transfer.progress ? transfer.progress->completedUnitCount() : 0},
+                                     {"total", transfer.progress ? transfer.progress->totalUnitCount() : 0},
+                                     {"waited_for", transfer.isWaitedFor}});
+  }
+  const auto problems = replica.problems();
+  json::Array names;
+  for (const auto& problem : problems) {
+    if (names.size() == MAX_PROBLEMS) break;
+    names.push_back(json::Object{{"path", pathText(problem.inode)},
+                                 {"server_name", controlText(problem.serverName)},
+                                 {"local_name", controlText(problem.localName)},
+                                 {"reason", problemText(problem.problem)}});
+  }
+  json::Array errors;
+  for (const auto& [inode, entry] : parts_.errors.newest(MAX_PROBLEMS)) {
+    errors.push_back(json::Object{{"path", pathText(inode)},
+                                  {"error", controlText(entry.error.localizedDescription())},
+                                  {"at", entry.when.secondsSince1970}});
+  }
+  return {{"pid", parts_.pid},
+          {"mount", controlText(parts_.mountPath)},
+          {"read_only", parts_.readOnly},
+          {"uptime", inSeconds(parts_.clock.monotonic() - started_)},
+          {"follow", followStatus(parts_.follower->status())},
+          {"items", replica.itemCount()},
+          {"files_here", parts_.contents->filesHere()},
+          {"bytes_here", parts_.contents->bytesHere()},
+          {"transfers", std::move(transfers)},
+          {"names", std::move(names)},
+          {"names_total", problems.size()},
+          {"errors", std::move(errors)}};
+}
+
+void ControlCommands::sync(const std::shared_ptr<ControlReply>& reply) {
+  parts_.follower->sync([this, reply](const std::optional<Error>& error) {
+    if (error) return reply->fail(controlCode(*error), controlText(error->localizedDescription()));
+    waiting_->post([this, reply] {
+      parts_.waitUntilShown();
+      reply->finish(followStatus(parts_.follower->status()));
+    });
+  });
+}
+
+void ControlCommands::info(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const {
+  const auto number = json::integer(request, "inode");
+  if (!number || *number <= 0) return refuse(reply, "expected \"inode\"");
+  const auto inode = static_cast<Inode>(*number);
+  const auto& replica = parts_.tree.replica();
+  const auto attributes = replica.attributes(inode);
+  const auto path = replica.pathOf(inode);
+  if (!attributes || !path) return reply->fail(control::CODE_NO_SUCH_ITEM, "there is no such item any more");
+
+  json::Object object{{"inode", inode},
+                      {"path", controlText(parts_.mountPath + (*path == "/" ? "" : *path))},
+                      {"name", controlText(path->substr(path->rfind('/') + 1))},
+                      {"folder", attributes->isFolder},
+                      {"rights", rights(attributes->capabilities)}};
+  if (attributes->isFolder) {
+    object["listed"] = attributes->isListed;
+  } else {
+    const auto state = parts_.contents->state(inode);
+    object["state"] = stateText(state);
+    if (const auto progress = parts_.contents->progressOf(inode)) object["fraction"] = progress->fractionCompleted();
+  }
+  if (const auto item = replica.item(inode)) {
+    object["identifier"] = controlText(item->itemIdentifier.text);
+    object["server_name"] = controlText(item->filename);
+    object["content_type"] = controlText(item->contentType);
+    object["policy"] = policyText(item->contentPolicy);
+    object["content_version"] = controlText(item->itemVersion.contentVersion);
+    object["metadata_version"] = controlText(item->itemVersion.metadataVersion);
+    object["shared"] = item->isShared;
+    object["shared_by_me"] = item->isSharedByCurrentUser;
+    if (item->documentSize) object["size"] = *item->documentSize;
+    if (item->contentModificationDate) object["modified"] = formatISO8601(*item->contentModificationDate);
+    if (item->ownerNameComponents) object["owner"] = controlText(ownerText(*item->ownerNameComponents));
+  }
+  if (const auto last = parts_.errors.of(inode)) {
+    object["last_error"] = controlText(last->error.localizedDescription());
+    object["last_error_at"] = formatISO8601(last->when);
+  }
+  reply->finish(object);
+}
+
+void ControlCommands::fetch(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const {
+  auto inodes = inodesOf(request);
+  if (!inodes) return refuse(reply, "expected \"inodes\", a list of numbers");
+  std::make_shared<FetchOperation>(parts_.tree, parts_.contents, parts_.scheduler, std::move(*inodes), reply)->start();
+}
+
+void ControlCommands::evict(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const {
+  const auto inodes = inodesOf(request);
+  if (!inodes) return refuse(reply, "expected \"inodes\", a list of numbers");
+  std::int64_t done = 0;
+  json::Array failures;
+  for (const auto inode : *inodes) {
+    if (const auto error = parts_.contents->evict(inode)) {
+      failures.push_back(itemFailure(parts_.tree.replica(), inode, *error));
+    } else {
+      ++done;
+    }
+  }
+  reply->finish({{"done", done}, {"failures", std::move(failures)}});
+}
+
+}  // namespace vondle

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "base/json.h"
+#include "platform/clock.h"
+#include "platform/scheduler.h"
+#include "service/contents/content_store.h"
+#include "service/control/control_server.h"
+#include "service/follow/follower.h"
+#include "service/last_errors.h"
+#include "service/replica/tree.h"
+
+namespace vondle {
+
+// What the control socket can be asked for, each with its own keys:
+//   status                      the mount, changes, items, transfers, problems
+//   sync                        reads the server's changes now; answers when the folder shows them
+//   info     inode: N           what is known of an item
+//   fetch    inodes: [N, …]     downloads files, with progress; ends with how many are done and which failed
+//   evict    inodes: [N, …]     drops local copies
+//   stop                        unmounts and ends the service; answers before it does
+// Any thread; answers at once or from the threads of those it asks.
+class ControlCommands {
+ public:
+  struct Parts {
+    Tree& tree;
+    std::shared_ptr<ContentStore> contents;
+    LastErrors& errors;
+    std::shared_ptr<Follower> follower;
+    Scheduler& scheduler;
+    const Clock& clock;
+    std::function<void()> waitUntilShown;  // blocks until the folder shows what the tree knows
+    std::function<void()> stop;
+    std::string mountPath;
+    bool readOnly = false;
+    int pid = 0;
+  };
+
+  // Names and errors that a status lists at most.
+  static constexpr std::size_t MAX_PROBLEMS = 100;
+  // Files that one fetch has under way at a time.
+  static constexpr std::size_t FETCHES_AT_ONCE = 8;
+  static constexpr Duration PROGRESS_INTERVAL = seconds(0.5);
+
+  explicit ControlCommands(Parts parts);
+
+  void handle(const json::Object& request, const std::shared_ptr<ControlReply>& reply);
+
+ private:
+  [[nodiscard]] json::Object status() const;
+  void sync(const std::shared_ptr<ControlReply>& reply);
+  void info(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const;
+  void fetch(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const;
+  void evict(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const;
+
+  const Parts parts_;
+  const std::shared_ptr<Queue> waiting_;  // for what blocks: one at a time, so that it takes up one thread at most
+  const MonotonicTime started_;
+};
+
+}  // namespace vondle

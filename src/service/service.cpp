@@ -1,0 +1,112 @@
+#include "service/service.h"
+
+#include <utility>
+
+#include <fmt/format.h>
+
+#include "platform/log.h"
+#include "service/stable_hash.h"
+
+namespace vondle {
+
+namespace {
+
+constexpr Log LOG("com.ferrow.vondle.service", "service");
+constexpr std::string_view DOMAIN_IDENTIFIER = "com.ferrow.vondle.account";
+
+Error stopping() {
+  return {COCOA_ERROR_DOMAIN, USER_CANCELLED, "the service is ending"};
+}
+
+}  // namespace
+
+void Service::Managers::set(std::shared_ptr<Manager> manager) {
+  const MutexLock guard(lock_);
+  manager_ = std::move(manager);
+}
+
+std::shared_ptr<Manager> Service::Managers::get() {
+  const MutexLock guard(lock_);
+  return manager_;
+}
+
+Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, const ServiceFolders& folders,
+                                                const Platform& platform, const ExtensionMaker& makeExtension,
+                                                std::function<void()> stop) {
+  if (auto made = folders.create(); !made) return failure(made.error());
+  std::unique_ptr<Service> service(new Service());
+
+  auto stateLock = InstanceLock::acquire(folders.stateLock(), "the state folder " + folders.state);
+  if (!stateLock) return failure(stateLock.error());
+  service->locks_.push_back(std::move(*stateLock));
+  const auto mountLockPath = fmt::format("{}/mount-{:016x}.lock", folders.runtime, stableHash(options.mountPath));
+  auto mountLock = InstanceLock::acquire(mountLockPath, "the folder " + options.mountPath);
+  if (!mountLock) return failure(mountLock.error());
+  service->locks_.push_back(std::move(*mountLock));
+
+  auto replica = Replica::open(folders.replicaDatabase());
+  if (!replica) return failure(replica.error());
+  service->replica_ = std::move(*replica);
+  service->tree_ = std::make_unique<Tree>(*service->replica_, platform.scheduler);
+
+  service->extension_ = makeExtension({.identifier = std::string(DOMAIN_IDENTIFIER), .displayName = options.name},
+                                      [managers = service->managers_](const Domain& domain) {
+                                        return domain.identifier == DOMAIN_IDENTIFIER ? managers->get() : nullptr;
+                                      });
+  auto contents = ContentStore::open(folders.contentFiles(), *service->tree_, *service->extension_, service->errors_,
+                                     platform.scheduler, platform.clock);
+  if (!contents) return failure(contents.error());
+  service->contents_ = std::move(*contents);
+  service->tree_->subscribe([store = service->contents_](const auto& changes) { store->apply(changes); });
+  service->listing_ =
+      std::make_shared<FolderListing>(*service->tree_, *service->extension_, service->errors_, platform.clock);
+
+  auto mount = Mount::start({.path = options.mountPath, .name = options.name}, *service->tree_, *service->listing_,
+                            *service->contents_, platform.scheduler, platform.clock);
+  if (!mount) return failure(mount.error());
+  service->mount_ = std::move(*mount);
+  service->mount_->onUnmountedByOthers(stop);
+
+  service->follower_ = std::make_shared<Follower>(*service->extension_, *service->tree_, platform.scheduler,
+                                                  platform.clock, platform.files, folders.anchorFile(),
+                                                  [mounted = service->mount_.get()] { return mounted->lastUse(); });
+  service->managers_->set(std::make_shared<ServiceManager>(options.mountPath, *service->tree_, service->contents_,
+                                                           service->follower_, platform.scheduler));
+  service->follower_->start();
+
+  service->commands_ = std::make_unique<ControlCommands>(
+      ControlCommands::Parts{.tree = *service->tree_,
+                             .contents = service->contents_,
+                             .errors = service->errors_,
+                             .follower = service->follower_,
+                             .scheduler = platform.scheduler,
+                             .clock = platform.clock,
+                             .waitUntilShown = [mounted = service->mount_.get()] { mounted->waitUntilShown(); },
+                             .stop = std::move(stop),
+                             .mountPath = options.mountPath,
+                             .readOnly = options.readOnly,
+                             .pid = platform.process.pid()});
+  auto control = ControlServer::listen(
+      folders.socket(),
+      [commands = service->commands_.get()](const json::Object& request, const std::shared_ptr<ControlReply>& reply) {
+        commands->handle(request, reply);
+      });
+  if (!control) {
+    service->stop();
+    return failure(control.error());
+  }
+  service->control_ = std::move(*control);
+  LOG.log("mounted at %{public}@", options.mountPath);
+  return service;
+}
+
+void Service::stop() {
+  control_.reset();
+  follower_->stop();
+  listing_->close(stopping());
+  contents_->close(stopping());
+  mount_->stop();
+  LOG.log("unmounted");
+}
+
+}  // namespace vondle

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/error.h"
+#include "base/mutex.h"
+#include "fileprovider/domain.h"
+#include "fileprovider/replicated_extension.h"
+#include "platform/platform.h"
+#include "service/contents/content_store.h"
+#include "service/control/control_commands.h"
+#include "service/control/control_server.h"
+#include "service/follow/follower.h"
+#include "service/instance_lock.h"
+#include "service/last_errors.h"
+#include "service/listing/folder_listing.h"
+#include "service/manager/service_manager.h"
+#include "service/mount/mount.h"
+#include "service/replica/replica.h"
+#include "service/replica/tree.h"
+#include "service/service_folders.h"
+
+namespace vondle {
+
+struct ServiceOptions {
+  std::string mountPath;  // absolute
+  std::string name = "Vondle";
+  bool readOnly = false;
+};
+
+// The file-provider service of one account: the tree, the contents, the folder, the change feed and the control socket
+// over one extension. There is one per process.
+//
+// It is made to be killed: everything that must last is on disk when it counts, and the next start takes it from there.
+// So the way to end the process after stop() is _exit, with the threads still there.
+class Service {
+ public:
+  using ExtensionMaker = std::function<std::shared_ptr<ReplicatedExtension>(Domain, ManagerForDomain)>;
+
+  // Returns when the folder answers. Errors say what to do. `stop` is called on any thread when the service is to end:
+  // by the control socket, or because somebody unmounted the folder.
+  static Result<std::unique_ptr<Service>> start(const ServiceOptions& options, const ServiceFolders& folders,
+                                                const Platform& platform, const ExtensionMaker& makeExtension,
+                                                std::function<void()> stop);
+
+  // Takes the folder away and ends what waits.
+  void stop();
+
+ private:
+  // The extension may ask for its manager before that is there.
+  class Managers {
+   public:
+    void set(std::shared_ptr<Manager> manager) EXCLUDES(lock_);
+    std::shared_ptr<Manager> get() EXCLUDES(lock_);
+
+   private:
+    Mutex lock_;
+    std::shared_ptr<Manager> manager_ GUARDED_BY(lock_);
+  };
+
+  Service() = default;
+
+  std::vector<InstanceLock> locks_;
+  LastErrors errors_;
+  std::shared_ptr<Managers> managers_ = std::make_shared<Managers>();
+  std::unique_ptr<Replica> replica_;
+  std::unique_ptr<Tree> tree_;
+  std::shared_ptr<ReplicatedExtension> extension_;
+  std::shared_ptr<ContentStore> contents_;
+  std::shared_ptr<FolderListing> listing_;
+  std::unique_ptr<Mount> mount_;
+  std::shared_ptr<Follower> follower_;
+  std::unique_ptr<ControlCommands> commands_;
+  std::unique_ptr<ControlServer> control_;
+};
+
+}  // namespace vondle
