@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <memory>
-#include <thread>
 
 #include <libsecret/secret.h>
 
@@ -55,92 +54,156 @@ bool isLocked(gpointer item) {
 
 }  // namespace
 
-// One exchange with the keyring: cancelled when the deadline has passed.
+// One exchange with the keyring, in an event loop of its own, which a source ends when the deadline has passed. The
+// loop goes last, so that what the libraries leave in it (they clean up after themselves in idle tasks) still runs.
 class LibsecretKeychain::Call {
  public:
   explicit Call(LibsecretKeychain& keychain)
-      : keychain_(keychain), cancellable_(g_cancellable_new()), watchdog_([this](const std::stop_token& stop) {
-          const MutexLock lock(lock_);
-          wake_.wait_for(lock_, stop, keychain_.deadline_, [] { return false; });
-          if (!stop.stop_requested()) g_cancellable_cancel(cancellable_.get());
-        }) {}
+      : keychain_(keychain), context_(g_main_context_new()), cancellable_(g_cancellable_new()) {
+    g_main_context_push_thread_default(context_.get());
+    deadline_.reset(g_timeout_source_new(static_cast<guint>(keychain.deadline_ / std::chrono::milliseconds(1))));
+    g_source_set_callback(deadline_.get(), &Call::deadlinePassed, this, nullptr);
+    g_source_attach(deadline_.get(), context_.get());
+    if (usesSecretService()) connect();
+  }
 
   ~Call() {
-    if (error_) g_error_free(error_);
+    g_source_destroy(deadline_.get());
+    result_.reset();
+    while (g_main_context_iteration(context_.get(), FALSE) != 0) {
+    }
+    g_main_context_pop_thread_default(context_.get());
+    g_clear_error(&error_);
   }
   Call(const Call&) = delete;
   Call& operator=(const Call&) = delete;
 
-  [[nodiscard]] GCancellable* cancellable() { return cancellable_.get(); }
-  [[nodiscard]] GError** error() {
-    g_clear_error(&error_);
-    return &error_;
-  }
-
   // What the last step's failure means.
-  [[nodiscard]] KeychainStatus status() {
+  [[nodiscard]] KeychainStatus status() const {
     if (!error_) return KEYCHAIN_SUCCESS;
-    if (g_cancellable_is_cancelled(cancellable_.get())) keychain_.leaveAlone();
     const bool isAnswer = error_->domain == SECRET_ERROR && error_->code != SECRET_ERROR_IS_LOCKED;
     return isAnswer ? KEYCHAIN_INTERNAL_ERROR : KEYCHAIN_NOT_AVAILABLE;
   }
 
   // Every item of the service and group, secrets loaded where they are not locked.
   [[nodiscard]] Items search(std::string_view service, std::string_view accessGroup) {
-    return Items(secret_password_search_sync(
-        &SCHEMA, static_cast<SecretSearchFlags>(SECRET_SEARCH_ALL | SECRET_SEARCH_LOAD_SECRETS), cancellable(), error(),
-        "service", std::string(service).c_str(), "access-group", std::string(accessGroup).c_str(), nullptr));
+    if (error_) return nullptr;
+    wait([&] {
+      secret_password_search(&SCHEMA, static_cast<SecretSearchFlags>(SECRET_SEARCH_ALL | SECRET_SEARCH_LOAD_SECRETS),
+                             cancellable_.get(), &Call::finished, this, "service", std::string(service).c_str(),
+                             "access-group", std::string(accessGroup).c_str(), nullptr);
+    });
+    return Items(secret_password_search_finish(result_.get(), error()));
+  }
+
+  [[nodiscard]] Secret secretOf(gpointer item) {
+    auto* const retrievable = SECRET_RETRIEVABLE(item);
+    wait([&] { secret_retrievable_retrieve_secret(retrievable, cancellable_.get(), &Call::finished, this); });
+    return Secret(secret_retrievable_retrieve_secret_finish(retrievable, result_.get(), error()));
   }
 
   // Storing into a locked keyring, or into one that is yet to be made, would prompt.
   [[nodiscard]] bool canStore() {
-    if (!usesSecretService()) return true;
-    const std::unique_ptr<SecretService, Unref> service(
-        secret_service_get_sync(SECRET_SERVICE_NONE, cancellable(), error()));
+    if (error_ || !usesSecretService()) return !error_;
+    wait([&] { secret_service_get(SECRET_SERVICE_NONE, cancellable_.get(), &Call::finished, this); });
+    const std::unique_ptr<SecretService, Unref> service(secret_service_get_finish(result_.get(), error()));
     if (!service) return false;
-    const std::unique_ptr<SecretCollection, Unref> collection(secret_collection_for_alias_sync(
-        service.get(), SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, cancellable(), error()));
+    wait([&] {
+      secret_collection_for_alias(service.get(), SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, cancellable_.get(),
+                                  &Call::finished, this);
+    });
+    const std::unique_ptr<SecretCollection, Unref> collection(
+        secret_collection_for_alias_finish(result_.get(), error()));
     return collection && secret_collection_get_locked(collection.get()) == 0;
   }
 
+  void store(const Item& item) {
+    const Secret secret(secret_value_new(item.data.data(), static_cast<gssize>(item.data.size()), "text/plain"));
+    wait([&] {
+      secret_password_store_binary(&SCHEMA, SECRET_COLLECTION_DEFAULT, item.label.c_str(), secret.get(),
+                                   cancellable_.get(), &Call::finished, this, "service", item.service.c_str(),
+                                   "access-group", item.accessGroup.c_str(), "account", item.account.c_str(), nullptr);
+    });
+    secret_password_store_finish(result_.get(), error());
+  }
+
+  void clear(std::string_view service, std::string_view accessGroup) {
+    wait([&] {
+      secret_password_clear(&SCHEMA, cancellable_.get(), &Call::finished, this, "service", std::string(service).c_str(),
+                            "access-group", std::string(accessGroup).c_str(), nullptr);
+    });
+    secret_password_clear_finish(result_.get(), error());
+  }
+
  private:
+  static gboolean deadlinePassed(gpointer self) {
+    auto& call = *static_cast<Call*>(self);
+    call.keychain_.leaveAlone();
+    g_cancellable_cancel(call.cancellable_.get());
+    return G_SOURCE_REMOVE;
+  }
+
+  static void finished(GObject* /*source*/, GAsyncResult* result, gpointer self) {
+    static_cast<Call*>(self)->result_.reset(G_ASYNC_RESULT(g_object_ref(result)));
+  }
+
+  // The libraries share this connection. By default its end would end the process.
+  void connect() {
+    wait([&] { g_bus_get(G_BUS_TYPE_SESSION, cancellable_.get(), &Call::finished, this); });
+    const std::unique_ptr<GDBusConnection, Unref> connection(g_bus_get_finish(result_.get(), error()));
+    if (connection) g_dbus_connection_set_exit_on_close(connection.get(), FALSE);
+  }
+
+  template <class Start>
+  void wait(Start start) {
+    result_.reset();
+    start();
+    while (!result_) g_main_context_iteration(context_.get(), TRUE);
+  }
+
+  [[nodiscard]] GError** error() {
+    g_clear_error(&error_);
+    return &error_;
+  }
+
   LibsecretKeychain& keychain_;
-  std::unique_ptr<GCancellable, Unref> cancellable_;
-  GError* error_ = nullptr;
-  Mutex lock_;
-  ConditionVariable wake_;
-  std::jthread watchdog_;  // last: ends first
+  const std::unique_ptr<GMainContext, decltype([](GMainContext* context) { g_main_context_unref(context); })> context_;
+  const std::unique_ptr<GCancellable, Unref> cancellable_;
+  std::unique_ptr<GSource, decltype([](GSource* source) { g_source_unref(source); })> deadline_;
+  std::unique_ptr<GAsyncResult, Unref> result_;  // of the last step
+  GError* error_ = nullptr;                      // of the last step
 };
 
 Keychain::Found LibsecretKeychain::copyMatching(std::string_view service, std::string_view accessGroup) {
-  if (!isAvailable()) return {.status = KEYCHAIN_NOT_AVAILABLE, .data = {}};
+  for (int attempt = 0; attempt < 2 && isAvailable(); ++attempt) {
+    if (auto found = find(service, accessGroup)) return *std::move(found);
+    // Perhaps the keyring's program was started anew since: what is remembered of the old one is of no use.
+    secret_service_disconnect();
+  }
+  return {.status = KEYCHAIN_NOT_AVAILABLE, .data = {}};
+}
+
+// None when the exchange failed.
+std::optional<Keychain::Found> LibsecretKeychain::find(std::string_view service, std::string_view accessGroup) {
   Call call(*this);
   const Items items = call.search(service, accessGroup);
-  if (const auto status = call.status(); status != KEYCHAIN_SUCCESS) return {.status = status, .data = {}};
   for (const GList* item = items.get(); item; item = item->next) {
     if (isLocked(item->data)) continue;
-    const Secret secret(
-        secret_retrievable_retrieve_secret_sync(SECRET_RETRIEVABLE(item->data), call.cancellable(), call.error()));
+    const Secret secret = call.secretOf(item->data);
     if (!secret) continue;
     gsize length = 0;
     const gchar* bytes = secret_value_get(secret.get(), &length);
-    return {.status = KEYCHAIN_SUCCESS, .data = std::string(bytes, length)};
+    return Found{.status = KEYCHAIN_SUCCESS, .data = std::string(bytes, length)};
   }
-  if (const auto status = call.status(); status != KEYCHAIN_SUCCESS) return {.status = status, .data = {}};
-  return {.status = items ? KEYCHAIN_NOT_AVAILABLE : KEYCHAIN_ITEM_NOT_FOUND, .data = {}};
+  if (call.status() != KEYCHAIN_SUCCESS) return std::nullopt;
+  return Found{.status = items ? KEYCHAIN_NOT_AVAILABLE : KEYCHAIN_ITEM_NOT_FOUND, .data = {}};
 }
 
 KeychainStatus LibsecretKeychain::add(const Item& item) {
   if (!isAvailable()) return KEYCHAIN_NOT_AVAILABLE;
   Call call(*this);
-  if (!call.canStore()) {
-    const auto status = call.status();
-    return status == KEYCHAIN_SUCCESS ? KEYCHAIN_NOT_AVAILABLE : status;
-  }
-  const Secret secret(secret_value_new(item.data.data(), static_cast<gssize>(item.data.size()), "text/plain"));
-  secret_password_store_binary_sync(&SCHEMA, SECRET_COLLECTION_DEFAULT, item.label.c_str(), secret.get(),
-                                    call.cancellable(), call.error(), "service", item.service.c_str(), "access-group",
-                                    item.accessGroup.c_str(), "account", item.account.c_str(), nullptr);
+  if (!call.canStore()) return call.status() == KEYCHAIN_SUCCESS ? KEYCHAIN_NOT_AVAILABLE : call.status();
+  call.store(item);
   return call.status();
 }
 
@@ -148,13 +211,12 @@ KeychainStatus LibsecretKeychain::remove(std::string_view service, std::string_v
   if (!isAvailable()) return KEYCHAIN_NOT_AVAILABLE;
   Call call(*this);
   const Items items = call.search(service, accessGroup);
-  if (const auto status = call.status(); status != KEYCHAIN_SUCCESS) return status;
+  if (call.status() != KEYCHAIN_SUCCESS) return call.status();
   if (!items) return KEYCHAIN_ITEM_NOT_FOUND;
   for (const GList* item = items.get(); item; item = item->next) {
     if (isLocked(item->data)) return KEYCHAIN_NOT_AVAILABLE;  // removing it would prompt
   }
-  secret_password_clear_sync(&SCHEMA, call.cancellable(), call.error(), "service", std::string(service).c_str(),
-                             "access-group", std::string(accessGroup).c_str(), nullptr);
+  call.clear(service, accessGroup);
   return call.status();
 }
 

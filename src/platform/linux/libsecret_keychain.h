@@ -23,6 +23,7 @@ class LibsecretKeychain : public Keychain {
  private:
   class Call;
 
+  std::optional<Found> find(std::string_view service, std::string_view accessGroup);
   [[nodiscard]] bool isAvailable() EXCLUDES(lock_);
   void leaveAlone() EXCLUDES(lock_);
 
