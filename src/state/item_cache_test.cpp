@@ -1,5 +1,9 @@
 #include "state/item_cache.h"
 
+#include <string>
+#include <thread>
+#include <vector>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -106,6 +110,23 @@ TEST_F(ItemCacheTest, FallsBackToTheRecordAsItWasWhenAsked) {
   scheduler.runUntilIdle();
   EXPECT_EQ(answer.value()->name, "before");
   EXPECT_EQ(cache.get("7"), std::nullopt);
+}
+
+TEST_F(ItemCacheTest, IsUsedFromManyThreads) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([this, t] {
+      for (int i = 0; i < 500; ++i) {
+        const std::string id = std::to_string((i + t) % 7);
+        Entry made;
+        made.id = id;
+        made.name = "name of " + id;
+        cache.store({made});
+        EXPECT_EQ(cache.get(id).value_or(made).name, "name of " + id);
+        cache.forget(std::to_string(i % 5));
+      }
+    });
+  for (auto& thread : threads) thread.join();
 }
 
 }  // namespace
