@@ -1,7 +1,9 @@
 #include "items/listing_gate.h"
 
+#include <atomic>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -97,6 +99,40 @@ TEST_F(ListingGateTest, NeedsNoDeepStackForManyJobsThatEndAtOnce) {
   finish("1");
   EXPECT_EQ(count, 200'000);
   finishAll();
+}
+
+// Runs tasks where they are posted.
+class InlineQueue final : public Queue {
+ public:
+  void post(Task task) override { task(); }
+  TimerID after(Duration, Task task) override {
+    task();
+    return 0;
+  }
+  bool cancel(TimerID) override { return false; }
+};
+
+TEST(ListingGate, NeverRunsMoreThanItsLimitWhenManyThreadsCall) {
+  InlineQueue queue;
+  ListingGate gate(queue);
+  std::atomic<int> running = 0;
+  std::atomic<int> most = 0;
+  std::atomic<int> finished = 0;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t)
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 500; ++i)
+        gate.run(t % 2 == 0, [&](ListingGate::Done done) {
+          const int now = ++running;
+          for (int seen = most; seen < now && !most.compare_exchange_weak(seen, now);) continue;
+          --running;
+          ++finished;
+          std::move(done)();
+        });
+    });
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(finished, 8 * 500);
+  EXPECT_LE(most, ListingGate::LIMIT);
 }
 
 }  // namespace
