@@ -24,7 +24,11 @@ bool RecordingDelegate::waitUntil(const std::function<bool()>& condition) {
 }
 
 bool RecordingDelegate::waitForCompletion(const URLSessionTask& task) {
-  return waitUntil([&] { return of(task).completed; });
+  return waitUntil([&] {
+    MutexLock hold(lock_);
+    const auto found = records_.find(task.identifier());
+    return found != records_.end() && found->second.completed;
+  });
 }
 
 RecordingDelegate::Record& RecordingDelegate::noted(const URLSessionTask& task, const char* call) {

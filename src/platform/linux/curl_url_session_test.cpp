@@ -310,7 +310,7 @@ TEST_F(CurlURLSessionTest, FoldersPipesAndForbiddenFilesAreNotUploaded) {
 // Suspension
 
 TEST_F(CurlURLSessionTest, ASuspendedDownloadStandsStillAndItsServerIsHeldBack) {
-  constexpr std::size_t SIZE = 100 * MEGABYTE;
+  constexpr std::size_t SIZE = 60 * MEGABYTE;
   const std::string bytes = pattern(SIZE);
   server.handle("/", [&](HttpTestExchange& exchange) { exchange.reply(200, bytes); });
   std::int64_t seenWhenSuspended = 0;
