@@ -1,6 +1,5 @@
 #include "state/pending.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <map>
 #include <optional>
@@ -72,13 +71,12 @@ class Pending::Registry : public std::enable_shared_from_this<Registry> {
       const MutexLock lock(lock_);
       if (ops_.empty()) return timer_.reset();
       now = clock_.monotonic();
-      for (const auto& [id, op] : ops_) {
-        if (now - op.at > warnAfter) stale.push_back(op);
-      }
       inFlight = ops_.size();
+      for (const auto& [id, op] : ops_) {  // ids are handed out in the order of time: oldest first
+        if (now - op.at <= warnAfter || stale.size() == MAX_REPORTS) break;
+        stale.push_back(op);
+      }
     }
-    std::ranges::stable_sort(stale, {}, &Op::at);
-    stale.resize(std::min(stale.size(), MAX_REPORTS));
     for (const auto& op : stale) {
       plog.log("still waiting after %.0fs: %{public}@ (%d of %d done, %d in flight)", inSeconds(now - op.at), op.what,
                op.done, op.total, inFlight);
