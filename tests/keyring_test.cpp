@@ -2,9 +2,12 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <thread>
+#include <vector>
 
 #include <libsecret/secret.h>
 
@@ -25,6 +28,22 @@ struct Keyring {
   Keychain& keychain() { return real; }
 };
 INSTANTIATE_TYPED_TEST_SUITE_P(SessionBus, KeychainContract, Keyring);
+
+TEST(SharedKeyring, AnswersManyThreadsAtOnce) {
+  VirtualScheduler clock;
+  LibsecretKeychain keychain(clock);
+  ASSERT_EQ(keychain.add({"s", "g", "a", "l", "d"}), KEYCHAIN_SUCCESS);
+  std::atomic<int> found = 0;
+  {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 8; ++i) {
+      threads.emplace_back([&] {
+        for (int k = 0; k < 25; ++k) found += keychain.copyMatching("s", "g").data == "d" ? 1 : 0;
+      });
+    }
+  }
+  EXPECT_EQ(found, 200);
+}
 
 TEST(RestartedKeyring, IsFoundAgain) {
   VirtualScheduler clock;

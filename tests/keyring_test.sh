@@ -12,6 +12,6 @@ export HOME="$home" XDG_DATA_HOME="$home/data" XDG_CONFIG_HOME="$home/config" XD
 "$program" --gtest_brief=1 --gtest_filter='*SessionBus.*'
 dbus-run-session -- sh -c '
   printf "password\n" | gnome-keyring-daemon --unlock --components=secrets >/dev/null
-  for tests in "SessionBus/*" "RestartedKeyring.*" "LockedKeyring.*"; do
+  for tests in "SessionBus/*" "SharedKeyring.*" "RestartedKeyring.*" "LockedKeyring.*"; do
     "$1" --gtest_brief=1 --gtest_filter="$tests" || exit
   done' _ "$program"
