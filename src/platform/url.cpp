@@ -4,8 +4,6 @@
 
 #include <algorithm>
 
-#include <boost/url/parse.hpp>
-
 namespace vondle {
 namespace {
 
