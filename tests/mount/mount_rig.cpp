@@ -85,6 +85,11 @@ MountRig::~MountRig() {
 }
 
 void MountRig::start() {
+  const auto error = tryToStart();
+  ASSERT_FALSE(error) << error->localizedDescription();
+}
+
+std::optional<Error> MountRig::tryToStart() {
   scheduler_ = std::make_unique<AsioScheduler>();
   errors_ = std::make_unique<LastErrors>();
   replica = *Replica::open(folder_ + "/replica.sqlite");
@@ -93,8 +98,17 @@ void MountRig::start() {
   contents = *ContentStore::open(folder_ + "/contents", *tree, extension, *errors_, *scheduler_, clock_);
   tree->subscribe([store = contents](const std::vector<ReplicaChange>& changes) { store->apply(changes); });
   auto started = Mount::start({.path = mountPoint_}, *tree, *listing, *contents, *scheduler_, clock_);
-  ASSERT_TRUE(started) << started.error().localizedDescription();
-  mount = std::move(*started);
+  if (started) {
+    mount = std::move(*started);
+    return std::nullopt;
+  }
+  stop();
+  return started.error();
+}
+
+std::optional<Error> MountRig::tryToMountAgain() {
+  auto second = Mount::start({.path = mountPoint_}, *tree, *listing, *contents, *scheduler_, clock_);
+  return second ? std::nullopt : std::optional(second.error());
 }
 
 void MountRig::stop() {

@@ -63,6 +63,9 @@ class MountRig {
   // Stops the service and starts it again on the same state.
   void restart();
   void start();
+  // The error of a start that fails.
+  std::optional<Error> tryToStart();
+  std::optional<Error> tryToMountAgain();
   void stop();
 
   // Tells the tree what the server says changed, and waits until the mount shows it.

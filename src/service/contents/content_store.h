@@ -60,6 +60,7 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
 
   [[nodiscard]] const std::string& folder() const { return folder_; }
   [[nodiscard]] ContentState state(Inode inode) const EXCLUDES(lock_);
+  [[nodiscard]] std::size_t waitersFor(Inode inode) const { return waiting_->waitingFor(inode); }
   [[nodiscard]] std::int64_t bytesHere() const EXCLUDES(lock_);
   [[nodiscard]] std::size_t filesHere() const EXCLUDES(lock_);
   [[nodiscard]] std::vector<ContentTransfer> transfers() const EXCLUDES(lock_);

@@ -28,6 +28,8 @@ class FolderListing : public std::enable_shared_from_this<FolderListing> {
   void require(Inode folder, Request request, const std::shared_ptr<Progress>& wait,
                Completion<std::optional<Error>> completion);
 
+  [[nodiscard]] std::size_t waitersFor(Inode folder) const { return waiting_->waitingFor(folder); }
+
   // Ends every wait with the error; later calls fail with it too.
   void close(Error error) EXCLUDES(lock_);
 

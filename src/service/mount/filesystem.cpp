@@ -32,15 +32,18 @@ NodeAttributes nodeOf(const ItemAttributes& item) {
 
 }  // namespace
 
-Filesystem::Filesystem(Tree& tree, FolderListing& listing, ContentStore& contents, const Clock& clock)
+Filesystem::Filesystem(Tree& tree, FolderListing& listing, ContentStore& contents, const Clock& clock,
+                       std::function<void()> used)
     : tree_(tree),
       listing_(listing),
       contents_(contents),
       clock_(clock),
+      used_(std::move(used)),
       lastUse_(clock.monotonic().sinceStart.count()) {}
 
 bool Filesystem::begin(FuseRequest& request) {
   lastUse_ = clock_.monotonic().sinceStart.count();
+  if (used_) used_();
   if (!isClosed_) return true;
   std::move(request).fail(ENOTCONN);
   return false;
@@ -81,6 +84,7 @@ void Filesystem::open(FuseRequest request, Inode inode) {
   if (!item) return std::move(request).fail(ENOENT);
   if (item->isFolder) return std::move(request).fail(EISDIR);
   auto file = contents_.current(inode);
+  const bool isHere = file != nullptr;
   bool keepCache = false;
   {
     MutexLock hold(lock_);
@@ -92,17 +96,18 @@ void Filesystem::open(FuseRequest request, Inode inode) {
     keepCache = !isNew && cached->second == item->contentTag;
     cached->second = item->contentTag;
   }
-  std::move(request).answerOpened(0, keepCache);
+  std::move(request).answerOpenedFile(keepCache, !isHere);
 }
 
 void Filesystem::read(FuseRequest request, Inode inode, std::int64_t offset, std::size_t size) {
   if (!begin(request)) return;
   if (const auto file = fileFor(inode)) return std::move(request).answerContents(*file, offset, size);
   auto wait = Progress::make();
+  const int pid = request.pid();
   const auto number = park(request, wait);
   {
     MutexLock hold(lock_);
-    ++parkedReads_[inode];
+    parkedReads_[inode].push_back({number, pid});
   }
   contents_.require(inode, VIEWER, wait,
                     [self = shared_from_this(), request = std::move(request), inode, offset, size,
@@ -114,7 +119,7 @@ void Filesystem::read(FuseRequest request, Inode inode, std::int64_t offset, std
                       } else {
                         std::move(request).fail(errorNumber);
                       }
-                      self->readIsAnswered(inode);
+                      self->readIsAnswered(inode, number);
                     });
 }
 
@@ -138,6 +143,22 @@ void Filesystem::keepOpen(Inode inode, const std::shared_ptr<const ContentFile>&
   if (const auto open = openFiles_.find(inode); open != openFiles_.end()) open->second.file = file;
 }
 
+// A program that is killed while the kernel reads ahead for it does not interrupt that read: all that is heard of it is
+// that it closes the file. So a thread that closes while a read of its own is parked no longer waits for it.
+void Filesystem::flush(FuseRequest request, Inode inode) {
+  const int pid = request.pid();
+  std::vector<std::shared_ptr<Progress>> waits;
+  {
+    MutexLock hold(lock_);
+    if (const auto reads = parkedReads_.find(inode); reads != parkedReads_.end())
+      for (const auto& read : reads->second)
+        if (const auto wait = parked_.find(read.number); pid != 0 && read.pid == pid && wait != parked_.end())
+          waits.push_back(wait->second);
+  }
+  std::move(request).succeed();
+  for (const auto& wait : waits) wait->cancel();
+}
+
 void Filesystem::release(FuseRequest request, Inode inode) {
   {
     MutexLock hold(lock_);
@@ -156,7 +177,7 @@ void Filesystem::openFolder(FuseRequest request, Inode folder) {
       handle = ++self.lastFolder_;
       self.openFolders_[handle] = nullptr;
     }
-    std::move(listed).answerOpened(handle, false);
+    std::move(listed).answerOpenedFolder(handle);
   });
 }
 
@@ -266,12 +287,13 @@ int Filesystem::unpark(std::uint64_t number, const Error* error) {
   return error ? errorNumber(*error) : 0;
 }
 
-void Filesystem::readIsAnswered(Inode inode) {
+void Filesystem::readIsAnswered(Inode inode, std::uint64_t number) {
   bool tell = false;
   {
     MutexLock hold(lock_);
     const auto reads = parkedReads_.find(inode);
-    if (--reads->second > 0) return;
+    std::erase_if(reads->second, [number](const ParkedRead& read) { return read.number == number; });
+    if (!reads->second.empty()) return;
     parkedReads_.erase(reads);
     tell = heldBack_.erase(inode) > 0;
   }

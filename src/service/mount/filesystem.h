@@ -24,12 +24,15 @@ namespace vondle {
 // an interrupted program gets EINTR.
 class Filesystem final : public FuseHandler, public std::enable_shared_from_this<Filesystem> {
  public:
-  Filesystem(Tree& tree, FolderListing& listing, ContentStore& contents, const Clock& clock);
+  // `used` is called for each request; it must be cheap, and may be empty.
+  Filesystem(Tree& tree, FolderListing& listing, ContentStore& contents, const Clock& clock,
+             std::function<void()> used = {});
 
   void lookup(FuseRequest request, Inode folder, std::string name) override;
   void attributes(FuseRequest request, Inode inode) override;
   void open(FuseRequest request, Inode inode) override;
   void read(FuseRequest request, Inode inode, std::int64_t offset, std::size_t size) override;
+  void flush(FuseRequest request, Inode inode) override;
   void release(FuseRequest request, Inode inode) override;
   void openFolder(FuseRequest request, Inode folder) override;
   void readFolder(FuseRequest request, Inode folder, std::uint64_t handle, std::int64_t offset,
@@ -55,6 +58,10 @@ class Filesystem final : public FuseHandler, public std::enable_shared_from_this
     ItemAttributes attributes;                // the latest known, for when the item is gone
     std::shared_ptr<const ContentFile> file;  // what it reads, once it has read
   };
+  struct ParkedRead {
+    std::uint64_t number;  // in parked_
+    int pid;
+  };
   using Snapshot = std::shared_ptr<const std::vector<Inode>>;
 
   // False, and the request failed, when the mount is closed.
@@ -67,12 +74,13 @@ class Filesystem final : public FuseHandler, public std::enable_shared_from_this
   std::uint64_t park(FuseRequest& request, const std::shared_ptr<Progress>& wait) EXCLUDES(lock_);
   // The number for errno of a wait that failed.
   int unpark(std::uint64_t number, const Error* error) EXCLUDES(lock_);
-  void readIsAnswered(Inode inode) EXCLUDES(lock_);
+  void readIsAnswered(Inode inode, std::uint64_t number) EXCLUDES(lock_);
 
   Tree& tree_;
   FolderListing& listing_;
   ContentStore& contents_;
   const Clock& clock_;
+  const std::function<void()> used_;
   std::function<void(std::vector<ReplicaChange>)> later_;
   std::atomic<std::int64_t> lastUse_;
   std::atomic<bool> isClosed_ = false;
@@ -84,7 +92,7 @@ class Filesystem final : public FuseHandler, public std::enable_shared_from_this
   std::uint64_t lastFolder_ GUARDED_BY(lock_) = 0;
   std::unordered_map<std::uint64_t, std::shared_ptr<Progress>> parked_ GUARDED_BY(lock_);
   std::uint64_t lastParked_ GUARDED_BY(lock_) = 0;
-  std::unordered_map<Inode, std::size_t> parkedReads_ GUARDED_BY(lock_);
+  std::unordered_map<Inode, std::vector<ParkedRead>> parkedReads_ GUARDED_BY(lock_);
   std::unordered_set<Inode> heldBack_ GUARDED_BY(lock_);  // contents changed, while a read is parked
 };
 

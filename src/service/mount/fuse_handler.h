@@ -17,6 +17,8 @@ class FuseHandler {
   virtual void attributes(FuseRequest request, Inode inode) = 0;
   virtual void open(FuseRequest request, Inode inode) = 0;
   virtual void read(FuseRequest request, Inode inode, std::int64_t offset, std::size_t size) = 0;
+  // A program closed a descriptor of the file, perhaps by dying; others may still have it open.
+  virtual void flush(FuseRequest request, Inode inode) = 0;
   virtual void release(FuseRequest request, Inode inode) = 0;  // once for each open
   virtual void openFolder(FuseRequest request, Inode folder) = 0;
   virtual void readFolder(FuseRequest request, Inode folder, std::uint64_t handle, std::int64_t offset,

@@ -57,11 +57,15 @@ class FuseRequest {
   void answerEntry(const NodeAttributes& attributes) &&;
   void answerNoEntry() &&;  // the kernel remembers that the name leads nowhere
   void answerAttributes(const NodeAttributes& attributes) &&;
-  // keepCache: what the kernel still has of the contents is still true.
-  void answerOpened(std::uint64_t handle, bool keepCache) &&;
+  void answerOpenedFolder(std::uint64_t handle) &&;
+  // keepCache: what the kernel still has of the contents is still true. tellOfClosing: flush is wanted.
+  void answerOpenedFile(bool keepCache, bool tellOfClosing) &&;
   void answerContents(const ContentFile& file, std::int64_t offset, std::size_t size) &&;
   void answerFolder(const FolderPage& page) &&;
   void answerStatistics(const SpaceStatistics& statistics) &&;
+
+  // The thread on whose behalf the kernel asks; 0 when that cannot be told.
+  [[nodiscard]] int pid() const;
 
   // Called at most once, on another thread, when the program no longer wants the answer (which must still be given).
   void onInterrupt(std::function<void()> interrupted);

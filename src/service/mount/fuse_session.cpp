@@ -220,6 +220,9 @@ fuse_lowlevel_ops FuseChannel::operations() {
   ops.read = [](fuse_req_t request, fuse_ino_t inode, std::size_t size, off_t offset, fuse_file_info*) {
     of(request).handler_.read(wrap(request), inode, offset, size);
   };
+  ops.flush = [](fuse_req_t request, fuse_ino_t inode, fuse_file_info*) {
+    of(request).handler_.flush(wrap(request), inode);
+  };
   ops.release = [](fuse_req_t request, fuse_ino_t inode, fuse_file_info*) {
     of(request).handler_.release(wrap(request), inode);
   };
@@ -296,11 +299,21 @@ void FuseRequest::answerAttributes(const NodeAttributes& attributes) && {
   fuse_reply_attr(libfuseRequest(take()), &status, VALID_SECONDS);
 }
 
-void FuseRequest::answerOpened(std::uint64_t handle, bool keepCache) && {
+void FuseRequest::answerOpenedFolder(std::uint64_t handle) && {
   fuse_file_info info{};
   info.fh = handle;
-  info.keep_cache = keepCache ? 1 : 0;
   fuse_reply_open(libfuseRequest(take()), &info);
+}
+
+void FuseRequest::answerOpenedFile(bool keepCache, bool tellOfClosing) && {
+  fuse_file_info info{};
+  info.keep_cache = keepCache ? 1 : 0;
+  info.noflush = tellOfClosing ? 0 : 1;
+  fuse_reply_open(libfuseRequest(take()), &info);
+}
+
+int FuseRequest::pid() const {
+  return fuse_req_ctx(libfuseRequest(request_))->pid;
 }
 
 void FuseRequest::answerContents(const ContentFile& file, std::int64_t offset, std::size_t size) && {

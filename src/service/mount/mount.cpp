@@ -52,7 +52,7 @@ Mount::~Mount() {
 Result<std::unique_ptr<Mount>> Mount::start(const MountOptions& options, Tree& tree, FolderListing& listing,
                                             ContentStore& contents, Scheduler& scheduler, const Clock& clock) {
   std::unique_ptr<Mount> mount(new Mount);
-  mount->filesystem_ = std::make_shared<Filesystem>(tree, listing, contents, clock);
+  mount->filesystem_ = std::make_shared<Filesystem>(tree, listing, contents, clock, options.used);
   auto mountPoint = MountPoint::mount(options.path, options.name);
   if (!mountPoint) return std::unexpected(mountPoint.error());
   mount->mountPoint_ = std::move(*mountPoint);

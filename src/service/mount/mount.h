@@ -16,6 +16,8 @@ namespace vondle {
 struct MountOptions {
   std::string path;             // absolute
   std::string name = "Vondle";  // what mount and df call it
+  // Called for each request of a program's, on the threads that answer: must be cheap. May be empty.
+  std::function<void()> used = {};
 };
 
 class Filesystem;

@@ -5,6 +5,7 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -103,10 +104,21 @@ void detach(const std::string& path) {
   slog.error("%{public}@ could not be unmounted", path);
 }
 
+// 0 or the error number. The kernel may still know the attributes of a dead mount's root, so a mount of ours is asked
+// something that it never remembers.
+int lookAt(const std::string& path, struct stat& status) {
+  if (::lstat(path.c_str(), &status) != 0) return errno;
+  const auto mount = mountAt(path);
+  if (!mount || mount->type != FILE_SYSTEM_TYPE) return 0;
+  struct statfs answer{};
+  return ::statfs(path.c_str(), &answer) == 0 ? 0 : errno;
+}
+
 Result<void> makeReady(const std::string& path) {
   struct stat status{};
-  for (int i = 0; ::lstat(path.c_str(), &status) != 0; ++i) {
-    const int number = errno;
+  for (int i = 0;; ++i) {
+    const int number = lookAt(path, status);
+    if (number == 0) break;
     if (number == ENOENT) {
       if (::mkdir(path.c_str(), 0700) != 0) return failure(Error::posix(errno, path));
       continue;

@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include "base/utf8.h"
 #include "service/stable_hash.h"
 
 namespace vondle {
@@ -12,42 +13,11 @@ namespace {
 constexpr std::string_view TAG_MARK = "%#";
 constexpr std::size_t MAX_EXTENSION = 16;  // of a cut name, bytes with the dot; a longer one is no extension
 
-// Bytes of the UTF-8 character at the front; 0 when there is none.
-std::size_t characterLength(std::string_view text) {
-  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-  const auto isContinuation = [&](std::size_t i) { return i < text.size() && (byte(i) & 0xc0) == 0x80; };
-  const unsigned first = byte(0);
-  if (first < 0x80) return 1;
-  if (first >= 0xc2 && first <= 0xdf) return isContinuation(1) ? 2 : 0;
-  if (first >= 0xe0 && first <= 0xef) {
-    if (!isContinuation(1) || !isContinuation(2)) return 0;
-    if (first == 0xe0 && byte(1) < 0xa0) return 0;  // overlong
-    if (first == 0xed && byte(1) > 0x9f) return 0;  // surrogates
-    return 3;
-  }
-  if (first >= 0xf0 && first <= 0xf4) {
-    if (!isContinuation(1) || !isContinuation(2) || !isContinuation(3)) return 0;
-    if (first == 0xf0 && byte(1) < 0x90) return 0;  // overlong
-    if (first == 0xf4 && byte(1) > 0x8f) return 0;  // past the last character
-    return 4;
-  }
-  return 0;
-}
-
-bool isUTF8(std::string_view text) {
-  while (!text.empty()) {
-    const auto length = characterLength(text);
-    if (length == 0) return false;
-    text.remove_prefix(length);
-  }
-  return true;
-}
-
 // The text with what cannot stand written in hexadecimal, as far as it fits: a character is never cut.
 std::string escaped(std::string_view text, std::size_t room) {
   std::string result;
   while (!text.empty()) {
-    const auto length = characterLength(text);
+    const auto length = firstUTF8Character(text).length;
     const bool stands = length != 0 && text[0] != '%' && text[0] != '/' && text[0] != '\0';
     const auto piece =
         stands ? std::string(text.substr(0, length)) : fmt::format("%{:02X}", static_cast<unsigned char>(text[0]));
