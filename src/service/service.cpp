@@ -61,15 +61,18 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
   service->listing_ =
       std::make_shared<FolderListing>(*service->tree_, *service->extension_, service->errors_, platform.clock);
 
-  auto mount = Mount::start({.path = options.mountPath, .name = options.name}, *service->tree_, *service->listing_,
-                            *service->contents_, platform.scheduler, platform.clock);
+  // It starts when the folder is mounted.
+  service->follower_ = std::make_shared<Follower>(*service->extension_, *service->tree_, platform.scheduler,
+                                                  platform.clock, platform.files, folders.anchorFile(),
+                                                  [mounted = &service->mount_] { return (*mounted)->lastUse(); });
+  auto mount =
+      Mount::start({.path = options.mountPath,
+                    .name = options.name,
+                    .used = [follower = service->follower_] { follower->noteUse(); }},
+                   *service->tree_, *service->listing_, *service->contents_, platform.scheduler, platform.clock);
   if (!mount) return failure(mount.error());
   service->mount_ = std::move(*mount);
   service->mount_->onUnmountedByOthers(stop);
-
-  service->follower_ = std::make_shared<Follower>(*service->extension_, *service->tree_, platform.scheduler,
-                                                  platform.clock, platform.files, folders.anchorFile(),
-                                                  [mounted = service->mount_.get()] { return mounted->lastUse(); });
   service->managers_->set(std::make_shared<ServiceManager>(options.mountPath, *service->tree_, service->contents_,
                                                            service->follower_, platform.scheduler));
   service->follower_->start();
@@ -84,7 +87,7 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
                              .waitUntilShown = [mounted = service->mount_.get()] { mounted->waitUntilShown(); },
                              .stop = std::move(stop),
                              .mountPath = options.mountPath,
-                             .readOnly = options.readOnly,
+                             .readOnly = true,  // the mount serves reading alone
                              .pid = platform.process.pid()});
   auto control = ControlServer::listen(
       folders.socket(),

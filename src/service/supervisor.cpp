@@ -161,7 +161,8 @@ int Supervisor::run() {
       const auto decision = policy.afterEnd(end, now() - worker->started, stopping);
       worker.reset();
       if (!decision.restart) {
-        if (decision.exitStatus != 0) events_.ended(describe(end));
+        const bool hasSaidWhy = end.exited && end.status == WORKER_REFUSED;
+        if (decision.exitStatus != 0 && !hasSaidWhy) events_.ended(describe(end));
         return decision.exitStatus;
       }
       events_.ended(describe(end) + "; starting it again");
