@@ -54,6 +54,10 @@ Outcome<std::string> chooseServer(const CommandContext& context, const std::stri
   if (!parts || parts->host.empty() || (parts->scheme != "https" && parts->scheme != "http")) {
     return fail(ExitCode::usage, "\"" + server + "\" is no server address; it looks like https://cloud.example.com");
   }
+  if (isUnprotected(server) && !context.account().allowsHTTP()) {
+    return fail(ExitCode::usage, "\"" + server + "\" would get the key unprotected: use https, or put \"allow_http\": true into " +
+                                     context.paths().config());
+  }
   return server;
 }
 

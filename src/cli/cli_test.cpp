@@ -1,0 +1,531 @@
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "api/api_error.h"
+#include "cli/command_line.h"
+#include "cli/config_editor.h"
+#include "cli/console.h"
+#include "cli/item_locator.h"
+#include "cli/server_check.h"
+#include "cli/service_connection.h"
+#include "cli/transfer_settings.h"
+#include "cli/words.h"
+#include "service/control/control_protocol.h"
+#include "service/control/control_server.h"
+#include "service/instance_lock.h"
+#include "testing/simulated_platform.h"
+
+namespace vondle {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr const char* CONFIG = "/home/tester/.vondle/config.json";
+
+// The command over a simulated machine; the service's folders are real, below a throw-away home.
+class CommandLineTest : public testing::Test {
+ protected:
+  CommandLineTest() {
+    char pattern[] = "/tmp/vondle-cli-XXXXXX";
+    realHome_ = ::mkdtemp(pattern);
+    machine_.users.home = SimulatedFiles::HOME;
+    struct RealHome : UserDatabase {
+      std::string home;
+      std::optional<std::string> homeOfCurrentUser() const override { return home; }
+      std::string fallbackHome() const override { return home; }
+    } users;
+    users.home = realHome_;
+    folders_ = ServiceFolders::locate(users, std::nullopt);
+    EXPECT_TRUE(folders_.create());
+  }
+  ~CommandLineTest() override { std::filesystem::remove_all(realHome_); }
+
+  int run(std::vector<std::string> arguments) {
+    out_.str("");
+    err_.str("");
+    Console console(out_, err_, {});
+    CommandContext context{.console = console,
+                           .platform = machine_.platform(),
+                           .folders = folders_,
+                           .serviceProgram = "/nowhere/vondle-service",
+                           .readSecret = [this](const std::string& prompt) -> Outcome<std::string> {
+                             prompts_.push_back(prompt);
+                             return secret_;
+                           },
+                           .checkAccount = [this]() -> Outcome<void> {
+                             ++checks_;
+                             if (refusal_) return std::unexpected(*refusal_);
+                             return {};
+                           }};
+    return runCommandLine(std::move(arguments), context, out_, err_);
+  }
+
+  json::Object config() { return json::parseObject(machine_.files.contents(CONFIG).value_or("{}")).value(); }
+
+  SimulatedPlatform machine_;
+  std::string realHome_;
+  ServiceFolders folders_;
+  std::ostringstream out_;
+  std::ostringstream err_;
+  std::string secret_ = "the-secret-key";
+  std::vector<std::string> prompts_;
+  int checks_ = 0;
+  std::optional<Failure> refusal_;
+};
+
+TEST_F(CommandLineTest, WrongUsageExitsWithTwo) {
+  const std::vector<std::vector<std::string>> cases = {
+      {},
+      {"nonsense"},
+      {"status", "--nonsense"},
+      {"info"},
+      {"fetch"},
+      {"evict"},
+      {"limits", "--down", "-1"},
+      {"limits", "--down", "fast"},
+      {"limits", "--transfers", "0"},
+      {"sync", "--wait", "soon"},
+      {"unmount", "--wait", "-1"},
+      {"login", "--key-file"},
+      {"mount", "a", "b"},
+  };
+  for (const auto& arguments : cases) {
+    EXPECT_EQ(run(arguments), 2) << testing::PrintToString(arguments);
+    EXPECT_NE(err_.str(), "") << testing::PrintToString(arguments);
+    EXPECT_EQ(out_.str(), "") << testing::PrintToString(arguments);
+  }
+}
+
+TEST_F(CommandLineTest, EveryCommandHasHelp) {
+  for (const auto* command : {"login", "logout", "mount", "unmount", "status", "sync", "info", "fetch", "evict",
+                              "limits", "pause", "resume", "restart"}) {
+    EXPECT_EQ(run({command, "--help"}), 0) << command;
+    EXPECT_THAT(out_.str(), HasSubstr(command));
+    EXPECT_EQ(err_.str(), "") << command;
+  }
+  EXPECT_EQ(run({"--help"}), 0);
+  EXPECT_THAT(out_.str(), HasSubstr("Exit status"));
+}
+
+TEST_F(CommandLineTest, WhatNeedsTheServiceSaysThatItIsNotRunning) {
+  const std::vector<std::vector<std::string>> cases = {{"status"},     {"sync"},    {"info", "a"}, {"fetch", "a"},
+                                                       {"evict", "a"}, {"unmount"}, {"restart"}};
+  for (const auto& arguments : cases) {
+    EXPECT_EQ(run(arguments), 4) << arguments[0];
+    EXPECT_THAT(err_.str(), HasSubstr("vondle mount")) << arguments[0];
+  }
+}
+
+TEST_F(CommandLineTest, MountNeedsAnAccount) {
+  EXPECT_EQ(run({"mount"}), 3);
+  EXPECT_THAT(err_.str(), HasSubstr("vondle login"));
+  machine_.files.put(CONFIG, R"({"server":"https://a.example"})");
+  EXPECT_EQ(run({"mount"}), 3);
+  machine_.files.put(CONFIG, R"({"server":)");
+  EXPECT_EQ(run({"mount"}), 3);
+  EXPECT_THAT(err_.str(), HasSubstr("is not a JSON object"));
+  machine_.files.put(CONFIG, R"({"server":"https://a.example","api_key":"k"})");
+  EXPECT_EQ(run({"mount", realHome_ + "/m"}), 1) << "the program of the service is missing";
+  EXPECT_THAT(err_.str(), HasSubstr("/nowhere/vondle-service cannot be started"));
+}
+
+TEST_F(CommandLineTest, LoginPutsTheKeyIntoTheKeyringAndTheServerIntoTheFile) {
+  machine_.files.put(CONFIG, R"({"api_key":"old","max_upload_kbps":7})");
+  EXPECT_EQ(run({"login", "--server", "a.example/"}), 0);
+  EXPECT_EQ(config(), (json::Object{{"max_upload_kbps", 7}, {"server", "https://a.example"}}));
+  ASSERT_EQ(machine_.keychain.items().size(), 1u);
+  EXPECT_EQ(machine_.keychain.items()[0].data, "the-secret-key");
+  EXPECT_EQ(prompts_.size(), 1u);
+  EXPECT_EQ(checks_, 1);
+  EXPECT_THAT(err_.str(), HasSubstr("keyring"));
+}
+
+TEST_F(CommandLineTest, LoginWithoutAKeyringPutsTheKeyIntoThePrivateFile) {
+  machine_.keychain.setAvailable(false);
+  machine_.files.put(CONFIG, "{}", 0644);
+  EXPECT_EQ(run({"login", "--server", "https://a.example"}), 0);
+  EXPECT_EQ(config(), (json::Object{{"api_key", "the-secret-key"}, {"server", "https://a.example"}}));
+  EXPECT_EQ(machine_.files.attributes(CONFIG)->permissions, 0600u);
+}
+
+TEST_F(CommandLineTest, LoginNeverShowsTheKey) {
+  for (const bool keyring : {true, false}) {
+    machine_.keychain.setAvailable(keyring);
+    EXPECT_EQ(run({"login", "--server", "https://a.example"}), 0);
+    EXPECT_EQ(out_.str(), "");
+    EXPECT_THAT(err_.str(), Not(HasSubstr("the-secret-key")));
+  }
+}
+
+TEST_F(CommandLineTest, LoginReadsTheKeyFromAFile) {
+  machine_.files.put("/home/tester/key", "  file-key\r\n");
+  EXPECT_EQ(run({"login", "--server", "https://a.example", "--key-file", "/home/tester/key"}), 0);
+  EXPECT_EQ(machine_.keychain.items()[0].data, "file-key");
+  EXPECT_TRUE(prompts_.empty());
+  EXPECT_EQ(run({"login", "--key-file", "/home/tester/none"}), 1);
+}
+
+TEST_F(CommandLineTest, LoginRefusesWhatIsNoKeyOrNoServer) {
+  for (const auto& key : {std::string(), std::string(" \n "), std::string("two words"), std::string("a\nb"),
+                          std::string("a\r\nX-Evil: 1"), std::string("schl\xc3\xbcssel"), std::string("a\0b", 3),
+                          std::string(5000, 'k')}) {
+    secret_ = key;
+    EXPECT_EQ(run({"login", "--server", "https://a.example"}), 2) << key;
+  }
+  secret_ = "k";
+  for (const auto* server : {"ftp://a.example", "https://", "https://a b", "file:///etc/passwd"}) {
+    EXPECT_EQ(run({"login", "--server", server}), 2) << server;
+  }
+  EXPECT_FALSE(machine_.files.contents(CONFIG));
+  EXPECT_TRUE(machine_.keychain.items().empty());
+  EXPECT_EQ(checks_, 0);
+}
+
+TEST_F(CommandLineTest, ARefusedLoginChangesNothing) {
+  const struct {
+    ExitCode code;
+    bool keyring;
+    std::optional<std::string> file;
+  } cases[] = {{ExitCode::notAuthenticated, true, std::nullopt},
+               {ExitCode::notAuthenticated, false, std::nullopt},
+               {ExitCode::serverUnreachable, true, R"({"server":"https://old.example","x":1})"},
+               {ExitCode::failed, false, R"({ "server":"https://old.example", "api_key":"old" })"}};
+  for (const auto& each : cases) {
+    machine_.keychain.setAvailable(true);
+    machine_.keychain.remove("com.ferrow.vondle.api-key", "group.com.ferrow.vondle");
+    if (each.keyring) {
+      machine_.keychain.add({.service = "com.ferrow.vondle.api-key",
+                             .accessGroup = "group.com.ferrow.vondle",
+                             .account = "Vondle",
+                             .label = "",
+                             .data = "old-key"});
+    }
+    machine_.keychain.setAvailable(each.keyring);
+    if (each.file)
+      machine_.files.put(CONFIG, *each.file);
+    else
+      (void)machine_.files.remove(CONFIG);
+    refusal_ = Failure{each.code, "no"};
+    EXPECT_EQ(run({"login", "--server", "https://new.example"}), static_cast<int>(each.code));
+    EXPECT_THAT(err_.str(), HasSubstr("nothing was changed"));
+    EXPECT_EQ(machine_.files.contents(CONFIG), each.file);
+    machine_.keychain.setAvailable(true);
+    const auto items = machine_.keychain.items();
+    ASSERT_EQ(items.size(), each.keyring ? 1u : 0u);
+    if (each.keyring) {
+      EXPECT_EQ(items[0].data, "old-key");
+    }
+  }
+}
+
+TEST_F(CommandLineTest, ABrokenConfigurationIsNotOverwritten) {
+  machine_.files.put(CONFIG, "{\"server\": oops");
+  EXPECT_EQ(run({"login", "--server", "https://a.example"}), 1);
+  EXPECT_EQ(run({"limits", "--down", "5"}), 1);
+  EXPECT_EQ(run({"pause"}), 1);
+  EXPECT_EQ(machine_.files.contents(CONFIG), "{\"server\": oops");
+  EXPECT_THAT(err_.str(), HasSubstr(CONFIG));
+}
+
+TEST_F(CommandLineTest, LogoutForgetsTheKeyAndTheLocalCopies) {
+  EXPECT_EQ(run({"login", "--server", "https://a.example"}), 0);
+  machine_.files.put(CONFIG, R"({"server":"https://a.example","api_key":"k","x":1})");
+  machine_.files.put(SimulatedFiles::containerPath("group.com.ferrow.vondle") + "/cursor.json", "{}");
+  std::filesystem::create_directories(folders_.contentFiles());
+  EXPECT_EQ(run({"logout"}), 0);
+  EXPECT_TRUE(machine_.keychain.items().empty());
+  EXPECT_EQ(config(), (json::Object{{"server", "https://a.example"}, {"x", 1}}));
+  EXPECT_FALSE(machine_.files.contents(SimulatedFiles::containerPath("group.com.ferrow.vondle") + "/cursor.json"));
+  EXPECT_FALSE(std::filesystem::exists(folders_.contentFiles()));
+  EXPECT_EQ(run({"logout"}), 0) << "twice does no harm";
+}
+
+TEST_F(CommandLineTest, LogoutWaitsForTheServiceToBeGone) {
+  machine_.files.put(CONFIG, R"({"api_key":"k"})");
+  const auto lock = InstanceLock::acquire(folders_.stateLock(), "it");
+  ASSERT_TRUE(lock);
+  EXPECT_EQ(run({"logout"}), 1);
+  EXPECT_THAT(err_.str(), HasSubstr("vondle unmount"));
+  EXPECT_EQ(config(), (json::Object{{"api_key", "k"}}));
+}
+
+TEST_F(CommandLineTest, LimitsAreWrittenAndShown) {
+  machine_.files.put(CONFIG, R"({"server":"s"})");
+  EXPECT_EQ(run({"limits"}), 0);
+  EXPECT_EQ(out_.str(), "down unlimited\nup unlimited\n5 transfers at once\n");
+  EXPECT_EQ(run({"limits", "--down", "512", "--up", "0.5", "--transfers", "1"}), 0);
+  EXPECT_EQ(out_.str(), "down 512 kB/s\nup 0.5 kB/s\n1 transfer at once\n");
+  EXPECT_THAT(*machine_.files.contents(CONFIG), HasSubstr("\"max_download_kbps\": 512,"));
+  EXPECT_EQ(machine_.files.attributes(CONFIG)->permissions, 0600u);
+  EXPECT_EQ(run({"limits", "--down", "0", "--json"}), 0);
+  const auto report = json::parseObject(out_.str());
+  ASSERT_TRUE(report);
+  EXPECT_EQ(json::number(*report, "max_download_kbps"), 0);
+  EXPECT_EQ(json::number(*report, "max_upload_kbps"), 0.5);
+  EXPECT_EQ(json::integer(*report, "max_concurrent_transfers"), 1);
+  EXPECT_EQ(json::boolean(*report, "transfers_paused"), false);
+  EXPECT_EQ(json::text(config(), "server"), "s");
+}
+
+TEST_F(CommandLineTest, PauseAndResumeAreWritten) {
+  EXPECT_EQ(run({"pause"}), 0);
+  EXPECT_EQ(json::boolean(config(), "transfers_paused"), true);
+  EXPECT_EQ(run({"limits"}), 0);
+  EXPECT_THAT(out_.str(), HasSubstr("paused"));
+  EXPECT_EQ(run({"resume"}), 0);
+  EXPECT_EQ(json::boolean(config(), "transfers_paused"), false);
+}
+
+TEST_F(CommandLineTest, AnUnchangedConfigurationIsNotWritten) {
+  machine_.files.put(CONFIG, R"({ "transfers_paused":true })");
+  EXPECT_EQ(run({"pause"}), 0);
+  EXPECT_EQ(machine_.files.writeCount(CONFIG), 0);
+}
+
+TEST_F(CommandLineTest, StatusWithoutAServiceStillReportsTheRest) {
+  machine_.files.put(CONFIG, R"({"server":"https://a.example","api_key":"very-secret","max_upload_kbps":5})");
+  EXPECT_EQ(run({"status"}), 4);
+  EXPECT_THAT(out_.str(), HasSubstr("https://a.example"));
+  EXPECT_THAT(out_.str(), HasSubstr("up 5 kB/s"));
+  EXPECT_EQ(run({"status", "--json"}), 4);
+  const auto report = json::parseObject(out_.str());
+  ASSERT_TRUE(report);
+  EXPECT_EQ(json::boolean(*report, "running"), false);
+  EXPECT_EQ(json::text(*json::object(*report, "account"), "key"), "file");
+  EXPECT_THAT(out_.str() + err_.str(), Not(HasSubstr("very-secret")));
+}
+
+// With a service that answers what the test says.
+class ServiceCommandTest : public CommandLineTest {
+ protected:
+  void serve(std::function<void(const json::Object&, ControlReply&)> answer) {
+    auto server = ControlServer::listen(
+        folders_.socket(),
+        [answer = std::move(answer)](const json::Object& request, const std::shared_ptr<ControlReply>& reply) {
+          answer(request, *reply);
+        });
+    ASSERT_TRUE(server) << server.error().localizedDescription();
+    server_ = std::move(*server);
+  }
+
+  std::unique_ptr<ControlServer> server_;
+};
+
+TEST_F(ServiceCommandTest, StatusShowsWhatTheServiceSays) {
+  machine_.files.put(CONFIG, R"({"server":"https://a.example","api_key":"k"})");
+  const auto now = machine_.scheduler.now().secondsSince1970;
+  machine_.files.put(SimulatedFiles::containerPath("group.com.ferrow.vondle") + "/stats.json",
+                     json::serialize(json::Object{{"down_bps", 2048}, {"up_bps", 0}, {"at", now - 1}}));
+  serve([now](const json::Object&, ControlReply& reply) {
+    reply.finish(
+        {{"mount", "/home/ann/Vondle"},
+         {"pid", 77},
+         {"uptime", 7200},
+         {"read_only", true},
+         {"items", 12},
+         {"files_here", 1},
+         {"bytes_here", 1536},
+         {"follow",
+          json::Object{{"anchor", "4711"}, {"last_success", now - 12}, {"next_in", 18}, {"error", "no server"}}},
+         {"transfers", json::Array{json::Object{
+                           {"path", "/big.bin"}, {"direction", "down"}, {"completed", 512 << 10}, {"total", 1 << 20}}}},
+         {"names",
+          json::Array{json::Object{{"path", "/%=%2E%2E"}, {"server_name", ".."}, {"reason", "a name of dots"}}}},
+         {"names_total", 1},
+         {"errors", json::Array{json::Object{{"path", "/x"}, {"error", "gone"}, {"at", now - 60}}}}});
+  });
+  EXPECT_EQ(run({"status"}), 0);
+  EXPECT_EQ(out_.str(),
+            "Vondle      mounted at /home/ann/Vondle (read-only), process 77, for 2 h\n"
+            "Account     https://a.example (key in the configuration file)\n"
+            "Changes     up to 4711, 12 s ago; again in 18 s\n"
+            "  no server\n"
+            "Items       12 known, 1 file here (1.5 kB)\n"
+            "Transfers   1\n"
+            "  down  50 %  512 kB of 1.0 MB  /big.bin\n"
+            "Rates       down 2.0 kB/s, up 0 B/s\n"
+            "Limits      down unlimited, up unlimited, 5 transfers at once\n"
+            "Problems    2\n"
+            "  /%=%2E%2E stands for \"..\" (a name of dots)\n"
+            "  /x: gone (60 s ago)\n");
+}
+
+TEST_F(ServiceCommandTest, TheServicesCodesBecomeExitCodes) {
+  const struct {
+    std::string_view code;
+    int exit;
+  } cases[] = {{control::CODE_FAILED, 1},         {control::CODE_MALFORMED, 1},   {control::CODE_BUSY, 1},
+               {control::CODE_NOT_CONFIGURED, 3}, {control::CODE_UNREACHABLE, 5}, {control::CODE_NOT_AUTHENTICATED, 6},
+               {control::CODE_NO_SUCH_ITEM, 7},   {control::CODE_UNFINISHED, 8},  {"one of a later version", 1}};
+  for (const auto& each : cases) {
+    serve([&](const json::Object&, ControlReply& reply) { reply.fail(each.code, "why it failed"); });
+    EXPECT_EQ(run({"sync"}), each.exit) << each.code;
+    EXPECT_THAT(err_.str(), HasSubstr("why it failed"));
+    server_.reset();
+  }
+}
+
+TEST_F(ServiceCommandTest, AnAnswerThatMakesNoSenseIsAFailure) {
+  serve([](const json::Object&, ControlReply& reply) { reply.finish({{"mount", 5}, {"transfers", "many"}}); });
+  EXPECT_EQ(run({"status"}), 0);
+  EXPECT_EQ(run({"info", "/etc"}), 7) << "the service names no folder";
+}
+
+TEST_F(ServiceCommandTest, SyncWaitsUntilNothingRuns) {
+  std::atomic<int> statuses = 0;
+  serve([&](const json::Object& request, ControlReply& reply) {
+    if (json::text(request, "command") == "sync") return reply.finish({{"updates", 1}});
+    json::Array transfers;
+    if (++statuses < 3) transfers.push_back(json::Object{});
+    reply.finish({{"transfers", transfers}});
+  });
+  EXPECT_EQ(run({"sync", "--wait", "--json"}), 0);
+  EXPECT_EQ(statuses, 3);
+  EXPECT_EQ(out_.str(), "{\"updates\":1}\n");
+}
+
+TEST_F(ServiceCommandTest, SyncGivesUpWhenTheTimeIsUp) {
+  serve([&](const json::Object& request, ControlReply& reply) {
+    if (json::text(request, "command") == "sync") return reply.finish({});
+    reply.finish({{"transfers", json::Array{json::Object{}}}});
+  });
+  EXPECT_EQ(run({"sync", "--wait", "0.1"}), 8);
+  EXPECT_THAT(err_.str(), HasSubstr("1 transfer still running"));
+}
+
+// Requests for many files, against a folder that stands in for the mount.
+class BatchCommandTest : public ServiceCommandTest {
+ protected:
+  BatchCommandTest() {
+    mount_ = realHome_ + "/mount";
+    std::filesystem::create_directories(mount_ + "/docs/deep");
+    for (const auto* name : {"/a", "/docs/b", "/docs/deep/c"}) std::ofstream(mount_ + name) << "x";
+  }
+
+  std::string mount_;
+};
+
+TEST_F(BatchCommandTest, FoldersStandForAllTheirFiles) {
+  std::vector<std::int64_t> inodes;
+  serve([&](const json::Object& request, ControlReply& reply) {
+    if (json::text(request, "command") == "status") return reply.finish({{"mount", mount_}});
+    EXPECT_EQ(json::text(request, "command"), "fetch");
+    for (const auto& inode : *json::list(request, "inodes")) inodes.push_back(inode.as_int64());
+    reply.finish({{"done", 2}, {"failures", json::Array{}}});
+  });
+  EXPECT_EQ(run({"fetch", mount_ + "/docs"}), 0);
+  EXPECT_THAT(inodes,
+              testing::UnorderedElementsAre(static_cast<std::int64_t>(*locateItem(mount_ + "/docs/b", mount_)),
+                                            static_cast<std::int64_t>(*locateItem(mount_ + "/docs/deep/c", mount_))));
+  EXPECT_THAT(err_.str(), HasSubstr("2 files fetched"));
+}
+
+TEST_F(BatchCommandTest, SingleFailuresDoNotStopTheRest) {
+  serve([&](const json::Object& request, ControlReply& reply) {
+    if (json::text(request, "command") == "status") return reply.finish({{"mount", mount_}});
+    reply.finish({{"done", 0},
+                  {"failures", json::Array{json::Object{
+                                   {"path", "/a"}, {"error", "no server"}, {"code", control::CODE_UNREACHABLE}}}}});
+  });
+  EXPECT_EQ(run({"fetch", mount_ + "/a", mount_ + "/missing", "/proc/self"}), 7) << "the first failure counts";
+  EXPECT_THAT(err_.str(), HasSubstr("/missing: No such file or directory"));
+  EXPECT_THAT(err_.str(), HasSubstr("/proc/self is not in the Vondle folder"));
+  EXPECT_THAT(err_.str(), HasSubstr("/a: no server"));
+  EXPECT_EQ(run({"evict", mount_ + "/a", "--json"}), 5);
+  EXPECT_EQ(out_.str(), "{\"done\":0,\"failures\":[\"/a: no server\"]}\n");
+}
+
+TEST(ServerCheckTest, ErrorsOfTheServerBecomeExitCodes) {
+  const struct {
+    Error error;
+    ExitCode code;
+  } cases[] = {{Error(URL_ERROR_DOMAIN, URL_CANNOT_CONNECT_TO_HOST), ExitCode::serverUnreachable},
+               {Error(URL_ERROR_DOMAIN, URL_TIMED_OUT), ExitCode::serverUnreachable},
+               {APIError::badResponse(401), ExitCode::notAuthenticated},
+               {APIError::badResponse(403), ExitCode::notAuthenticated},
+               {APIError::badResponse(200), ExitCode::failed},
+               {APIError::badResponse(500), ExitCode::failed},
+               {APIError::malformed(), ExitCode::failed},
+               {APIError::notConfigured(), ExitCode::notConfigured}};
+  for (const auto& each : cases) {
+    EXPECT_EQ(failureOf(each.error).code, each.code) << each.error.localizedDescription();
+    EXPECT_NE(failureOf(each.error).message, "");
+  }
+}
+
+TEST(ConsoleTest, ForeignTextsAreMadeSafeOnATerminalOnly) {
+  std::ostringstream out;
+  std::ostringstream err;
+  const std::string hostile = "a\x1b[2Jb\nc";
+  Console terminal(out, err, {.outIsTerminal = true, .errIsTerminal = true, .colour = false});
+  EXPECT_EQ(terminal.shown(hostile), "a\\x1b[2Jb\\nc");
+  terminal.say(hostile);
+  EXPECT_EQ(err.str(), "vondle: a\\x1b[2Jb\\nc\n");
+  EXPECT_EQ(Console(out, err, {}).shown(hostile), hostile);
+}
+
+TEST(ConsoleTest, ColoursOnlyWhereTheyAreWanted) {
+  std::ostringstream out;
+  std::ostringstream err;
+  EXPECT_EQ(Console(out, err, {}).warning("x"), "x");
+  EXPECT_EQ(Console(out, err, {.outIsTerminal = true, .errIsTerminal = true, .colour = false}).warning("x"), "x");
+  EXPECT_EQ(Console(out, err, {.outIsTerminal = true, .errIsTerminal = true, .colour = true}).warning("x"),
+            "\x1b[31mx\x1b[0m");
+}
+
+TEST(ConsoleTest, ProgressStaysOffAnythingButATerminal) {
+  std::ostringstream out;
+  std::ostringstream err;
+  Console pipe(out, err, {});
+  pipe.showProgress("half");
+  pipe.showProgress("");
+  EXPECT_EQ(err.str(), "");
+  Console terminal(out, err, {.outIsTerminal = false, .errIsTerminal = true, .colour = false});
+  terminal.showProgress("half");
+  terminal.say("done");
+  EXPECT_EQ(err.str(), "\r\x1b[Khalf\r\x1b[Kvondle: done\n");
+}
+
+TEST(WordsTest, SizesAndTimesAreShort) {
+  const struct {
+    double bytes;
+    const char* text;
+  } sizes[] = {{0, "0 B"},
+               {1023, "1023 B"},
+               {1024, "1.0 kB"},
+               {1536, "1.5 kB"},
+               {10239, "10 kB"},
+               {1048575, "1.0 MB"},
+               {12.0 * (1 << 20), "12 MB"},
+               {5e15, "4.4 PB"},
+               {5e18, "4441 PB"}};
+  for (const auto& each : sizes) EXPECT_EQ(sizeInWords(each.bytes), each.text);
+  const struct {
+    double seconds;
+    const char* text;
+  } times[] = {{-5, "0 s"},       {0.9, "0 s"},  {119, "119 s"},       {120, "2 min"},
+               {7199, "119 min"}, {7200, "2 h"}, {48 * 3600, "2 days"}};
+  for (const auto& each : times) EXPECT_EQ(durationInWords(seconds(each.seconds)), each.text);
+}
+
+TEST(TransferSettingsTest, WrongTypesAreDefaults) {
+  const auto settings =
+      TransferSettings::from({{"max_download_kbps", "7"}, {"max_concurrent_transfers", -3}, {"transfers_paused", 1}});
+  EXPECT_EQ(settings.downloadKilobytes, 0);
+  EXPECT_EQ(settings.transfers, 5);
+  EXPECT_TRUE(settings.paused);
+}
+
+}  // namespace
+}  // namespace vondle
