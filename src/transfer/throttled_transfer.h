@@ -17,7 +17,8 @@ namespace vondle {
 //
 // Any thread may submit; submitting never blocks. Each completion is called exactly once, on one serial queue, in the
 // order in which the transfers end. Errors: TransferError; those of the session, unchanged; that of a file which can't
-// be written. Ending the object cancels what runs and answers it before it returns; nothing may be submitted by then.
+// be written. Ending the object cancels what runs and answers it before it returns; by then nothing may be submitted,
+// and it must not come from a completion.
 class ThrottledTransfer {
  public:
   // The priority of a transfer that a user is waiting for. Background work is 0, or 1 to go before other background

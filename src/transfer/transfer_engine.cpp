@@ -58,10 +58,28 @@ void TransferEngine::shutDown() {
     MutexLock hold(lock_);
     ending_ = true;
     poller_.reset();
+    while (runningTasks_ > 0) noTaskRuns_.wait(lock_);
   }
   session_.reset();
   while (deliverNext()) {
   }
+}
+
+std::function<void()> TransferEngine::whileAlive(std::function<void(TransferEngine&)> work) {
+  return [weak = weak_from_this(), work = std::move(work)] {
+    if (const auto self = weak.lock()) self->run(work);
+  };
+}
+
+void TransferEngine::run(const std::function<void(TransferEngine&)>& work) {
+  {
+    MutexLock hold(lock_);
+    if (ending_) return;
+    ++runningTasks_;
+  }
+  work(*this);
+  MutexLock hold(lock_);
+  if (--runningTasks_ == 0) noTaskRuns_.notify_all();
 }
 
 TransferEngine::JobPtr TransferEngine::find(URLTaskID task) {
@@ -95,9 +113,8 @@ void TransferEngine::setPaused(const JobPtr& job, bool TransferJob::* reason, bo
 
 void TransferEngine::startPolling() {
   if (poller_ || ending_) return;
-  poller_ = std::make_unique<RepeatingTimer>(services_.clock, pollQueue_, POLL_INTERVAL, [weak = weak_from_this()] {
-    if (const auto self = weak.lock()) self->poll();
-  });
+  poller_ = std::make_unique<RepeatingTimer>(services_.clock, pollQueue_, POLL_INTERVAL,
+                                             whileAlive([](TransferEngine& engine) { engine.poll(); }));
 }
 
 void TransferEngine::poll() {
@@ -190,11 +207,10 @@ void TransferEngine::pace(const JobPtr& job, TokenBucket& bucket, std::int64_t b
   const double wait = bucket.take(bytes);
   if (wait < SHORTEST_WAIT) return;
   setPaused(job, &TransferJob::pacePaused, true);
-  services_.scheduler.global().after(seconds(wait), [engine = weak_from_this(), weak = std::weak_ptr(job)] {
-    const auto alive = engine.lock();
-    const auto held = weak.lock();
-    if (alive && held) alive->setPaused(held, &TransferJob::pacePaused, false);
-  });
+  services_.scheduler.global().after(seconds(wait), whileAlive([weak = std::weak_ptr(job)](TransferEngine& engine) {
+                                       if (const auto held = weak.lock())
+                                         engine.setPaused(held, &TransferJob::pacePaused, false);
+                                     }));
 }
 
 ResponseDisposition TransferEngine::didReceiveResponse(URLSessionTask& task, const URLResponse& response) {
@@ -319,9 +335,7 @@ void TransferEngine::finish(TransferJob& job, Result<TransferOutcome> result) {
   finished_.emplace_back(std::move(*job.completion), std::move(result));
   job.completion.reset();
   hold.unlock();
-  completionQueue_->post([weak = weak_from_this()] {
-    if (const auto self = weak.lock()) self->deliverNext();
-  });
+  completionQueue_->post(whileAlive([](TransferEngine& engine) { engine.deliverNext(); }));
 }
 
 bool TransferEngine::deliverNext() {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -49,7 +50,8 @@ class TransferEngine final : public URLSessionDelegate, public std::enable_share
   URLSession& session();
   // Takes a job whose task is still suspended.
   void start(const std::shared_ptr<TransferJob>& job) EXCLUDES(lock_);
-  // Cancels what runs and answers all that is unanswered, on this thread.
+  // Waits for what the scheduler runs of it, cancels what is under way and answers all that is unanswered, on this
+  // thread. Not from within a completion.
   void shutDown() EXCLUDES(lock_);
 
   ResponseDisposition didReceiveResponse(URLSessionTask& task, const URLResponse& response) override EXCLUDES(lock_);
@@ -65,6 +67,10 @@ class TransferEngine final : public URLSessionDelegate, public std::enable_share
     bool yield = false;
     int count = 0;
   };
+
+  // A task for the scheduler that does this unless the end has come.
+  std::function<void()> whileAlive(std::function<void(TransferEngine&)> work);
+  void run(const std::function<void(TransferEngine&)>& work) EXCLUDES(lock_);
 
   JobPtr find(URLTaskID task) EXCLUDES(lock_);
   void attachProgress(const JobPtr& job) EXCLUDES(lock_);
@@ -97,6 +103,8 @@ class TransferEngine final : public URLSessionDelegate, public std::enable_share
   bool lastLoggedPause_ GUARDED_BY(lock_) = false;
   std::int64_t nextSeq_ GUARDED_BY(lock_) = 0;
   bool ending_ GUARDED_BY(lock_) = false;
+  int runningTasks_ GUARDED_BY(lock_) = 0;  // of the scheduler's
+  ConditionVariable noTaskRuns_;
   std::deque<std::pair<Completion<Result<TransferOutcome>>, Result<TransferOutcome>>> finished_ GUARDED_BY(lock_);
 };
 
