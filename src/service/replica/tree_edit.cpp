@@ -197,23 +197,31 @@ void TreeEdit::settle(Inode first) {
       chain.pop_back();
       continue;
     }
-    const Slot top = index().topmost(folder);
-    if (index().inode(top) == ROOT_INODE) {
+    const Inode top = index().inode(index().topmost(folder));
+    if (top == ROOT_INODE) {
       attach(slot, folder, serverName);
-    } else if (std::find(chain.begin(), chain.end(), index().inode(top)) == chain.end()) {
-      chain.push_back(index().inode(top));
-      continue;
+      homeless_.erase(inode);
+      chain.pop_back();
+    } else if (std::find(chain.begin(), chain.end(), top) == chain.end()) {
+      chain.push_back(top);
     } else {
       slog.error("the server has %{public}@ within itself", index().identifier(slot));
-      const Slot old = oldParent == 0 ? NONE : index().find(oldParent);
-      if (old != NONE && index().inode(index().topmost(old)) == ROOT_INODE)
-        attach(slot, old, serverName);
-      else
-        removeTree(slot);
+      return breakCycle(chain);
     }
-    homeless_.erase(inode);
-    chain.pop_back();
   }
+}
+
+// One of the chain goes back to where it was; when none can, the last goes away.
+void TreeEdit::breakCycle(const std::vector<Inode>& chain) {
+  for (const Inode inode : chain) {
+    const auto& [wanted, oldParent, serverName] = homeless_.at(inode);
+    const Slot old = oldParent == 0 ? NONE : index().find(oldParent);
+    if (old == NONE || index().inode(index().topmost(old)) != ROOT_INODE) continue;
+    attach(index().find(inode), old, serverName);
+    homeless_.erase(inode);
+    return;
+  }
+  removeTree(index().find(chain.back()));
 }
 
 void TreeEdit::removeTree(Slot top) {

@@ -51,6 +51,7 @@ class TreeEdit {
   void detach(Slot slot);
   void detachForNow(Slot slot, const Item& item);
   void settle(Inode first);
+  void breakCycle(const std::vector<Inode>& chain);
   void removeTree(Slot top);
   void handOutFreedNames();
 
