@@ -12,6 +12,12 @@ extern "C" const char* __lsan_default_suppressions() {  // NOLINT(bugprone-reser
   return "leak:g_malloc";
 }
 
+// GLib's own locks are invisible to the sanitizer.
+extern "C" const char* __tsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier): the sanitizer's name
+  return "called_from_lib:libglib-2.0.so\ncalled_from_lib:libgio-2.0.so\ncalled_from_lib:libgobject-2.0.so\n"
+         "called_from_lib:libsecret-1.so\n";
+}
+
 namespace vondle {
 namespace {
 
