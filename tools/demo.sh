@@ -51,10 +51,14 @@ wait_for_line() {
 
 # start_storage [OPTION...]: on a free port the first time, on the same one after that; sets SERVER.
 start_storage() {
-  in_world vondle-storage --root "$WORLD/storage" --listen "127.0.0.1:${STORAGE_PORT:-0}" \
-    --account "demo:$WORLD/key" "$@" >"$WORLD/storage.log" 2>&1 &
-  STORAGE_PID=$!
-  wait_for_line "$WORLD/storage.log" 'listening on' 60 "$STORAGE_PID"
+  # The pid is the program's own, not that of a shell around it.
+  rm -f "$WORLD/storage.pid"
+  : >"$WORLD/storage.log"
+  in_world sh -c 'echo $$ >"$0"; exec "$@"' "$WORLD/storage.pid" vondle-storage --root "$WORLD/storage" \
+    --listen "127.0.0.1:${STORAGE_PORT:-0}" --account "demo:$WORLD/key" "$@" >>"$WORLD/storage.log" 2>&1 &
+  STORAGE_JOB=$!
+  wait_for_line "$WORLD/storage.log" 'listening on' 60 "$STORAGE_JOB"
+  STORAGE_PID=$(cat "$WORLD/storage.pid")
   SERVER=$(sed -n 's/.*listening on \(http:[^ ]*\).*/\1/p' "$WORLD/storage.log" | head -1)
   STORAGE_PORT=${SERVER##*:}
 }
@@ -62,7 +66,7 @@ start_storage() {
 stop_storage() {
   [ -n "${STORAGE_PID:-}" ] || return 0
   kill "$STORAGE_PID" 2>/dev/null || true
-  wait "$STORAGE_PID" 2>/dev/null || true
+  wait "$STORAGE_JOB" 2>/dev/null || true
   STORAGE_PID=
 }
 

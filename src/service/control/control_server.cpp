@@ -326,6 +326,10 @@ void ControlServer::run() {
     }
     if (descriptors[1].revents) acceptClient();
   }
+  // The last words, as far as they can be said without waiting.
+  for (const auto& client : connections_->interests()) {
+    if (client.events & POLLOUT) serve(client.client);
+  }
 }
 
 void ControlServer::acceptClient() {

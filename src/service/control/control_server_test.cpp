@@ -218,6 +218,20 @@ TEST_F(ControlServerTest, StoppingAbandonsOpenRequests) {
   ::close(descriptor);
 }
 
+TEST_F(ControlServerTest, WhatWasAnsweredBeforeStoppingIsStillSent) {
+  for (int i = 0; i < 100; ++i) {
+    const int descriptor = rawClient();
+    send(descriptor, R"({"command":"hold"})"
+                     "\n");
+    auto reply = takeHeld();
+    reply->finish({{"round", i}});
+    server_.reset();
+    EXPECT_EQ(readToEnd(descriptor), "{\"result\":{\"round\":" + std::to_string(i) + "}}\n");
+    ::close(descriptor);
+    start();
+  }
+}
+
 TEST_F(ControlServerTest, IdleClientsMakeRoomForNewOnes) {
   std::vector<int> idle;
   for (std::size_t i = 0; i < control::MAX_CLIENTS * 2; ++i) idle.push_back(rawClient());

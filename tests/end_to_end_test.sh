@@ -1,0 +1,228 @@
+#!/usr/bin/env bash
+# The programs as users run them, in a throw-away home: end_to_end_test.sh FOLDER-OF-PROGRAMS
+# Mounts for real; needs /dev/fuse.
+set -euo pipefail
+BIN_GIVEN=$(realpath "$1")
+cd "$(dirname "$0")/.."
+source tools/demo.sh
+
+failures=0
+check() { # WHAT COMMAND...
+  local what=$1
+  shift
+  if "$@"; then echo "ok: $what"; else
+    echo "FAILED: $what" >&2
+    failures=$((failures + 1))
+  fi
+}
+# exits STATUS COMMAND...: whether the command, which must not hang, ends with the status; its output is in $WORLD/out.
+exits() {
+  local wanted=$1 status=0
+  shift
+  in_world timeout 60 "$@" >"$WORLD/out" 2>&1 || status=$?
+  [ $status = "$wanted" ] && return 0
+  printf 'exit status %s instead of %s: %s\n' "$status" "$wanted" "$*" >&2
+  cat "$WORLD/out" >&2
+  return 1
+}
+says() { grep -qF -- "$1" "$WORLD/out" || { cat "$WORLD/out" >&2; return 1; }; }
+# until_true SECONDS COMMAND...
+until_true() {
+  local deadline=$((SECONDS + $1))
+  shift
+  until "$@" >/dev/null 2>&1; do
+    [ $SECONDS -lt $deadline ] || return 1
+    sleep 0.1
+  done
+}
+# field PATH: of the status, as text, such as service.pid
+field() { in_world timeout 20 vondle status --json 2>/dev/null | python3 -c '
+import json, sys
+value = json.load(sys.stdin)
+for key in sys.argv[1].split("."): value = value[key]
+print(value)' "$1"; }
+# The pattern must match the whole of the name, so that no other process is meant.
+service_processes() { pgrep -f "^$BIN/vondle-service .*$WORLD" || true; }
+service_is_gone() { [ -z "$(service_processes)" ]; }
+is_mounted() { mountpoint -q "$MOUNT"; }
+inodes() { (cd "$MOUNT" && find . -printf '%P %i\n' | sort); }
+serve_garbage() { # on the storage's port
+  python3 - "$STORAGE_PORT" >"$WORLD/garbage.log" 2>&1 <<'PY' &
+import http.server, sys
+class Garbage(http.server.BaseHTTPRequestHandler):
+    def do_GET(self):
+        self.send_response(200)
+        self.end_headers()
+        self.wfile.write(b'{"entries": [{"id": 7}, "x"], "seq": "many", <html>\xff\x00' * 50)
+    do_POST = do_PUT = do_GET
+http.server.ThreadingHTTPServer.allow_reuse_address = True
+print("listening", flush=True)
+http.server.ThreadingHTTPServer(("127.0.0.1", int(sys.argv[1])), Garbage).serve_forever()
+PY
+  GARBAGE_PID=$!
+  wait_for_line "$WORLD/garbage.log" listening 20 "$GARBAGE_PID"
+}
+stop_garbage() {
+  [ -n "${GARBAGE_PID:-}" ] || return 0
+  kill "$GARBAGE_PID" 2>/dev/null || true
+  wait "$GARBAGE_PID" 2>/dev/null || true
+  GARBAGE_PID=
+}
+finish() {
+  stop_garbage
+  if [ $failures -gt 0 ]; then find "$HOME_FOLDER/.local/state" -name '*.log' -exec tail -n 60 {} + >&2 || true; fi
+  destroy_world
+}
+
+make_world "$BIN_GIVEN"
+trap finish EXIT
+mkdir -p "$IMPORT/docs/deep" "$IMPORT/kept/known" "$IMPORT/empty"
+echo 'Dear reader' >"$IMPORT/letter.txt"
+head -c 3000000 /dev/urandom >"$IMPORT/docs/big.bin"
+: >"$IMPORT/docs/deep/Für Zoë, 'quoted' & \$.txt"
+seq 1 50 | while read -r i; do echo "$i" >"$IMPORT/kept/known/$i"; done
+start_storage --import "$IMPORT"
+CONFIG=$HOME_FOLDER/.vondle/config.json
+
+# Before there is an account.
+check 'without a service, status says so' exits 4 vondle status
+check 'without an account, mounting is refused' exits 3 vondle mount
+check 'and says what to do' says 'vondle login'
+echo wrong-key-0123456789 >"$WORLD/wrong-key"
+check 'a wrong key is refused' exits 6 vondle login --server "$SERVER" --key-file "$WORLD/wrong-key"
+check 'and not stored' test ! -e "$CONFIG"
+check 'a server that is not there is noticed' exits 5 vondle login --server http://127.0.0.1:1 --key-file "$WORLD/key"
+check 'and not stored either' test ! -e "$CONFIG"
+stop_storage
+serve_garbage
+check 'a server that talks rubbish is refused' exits 1 vondle login --server "$SERVER" --key-file "$WORLD/key"
+stop_garbage
+start_storage
+
+# Signing in and mounting.
+check 'the right key is accepted' exits 0 vondle login --server "$SERVER" --key-file - <"$WORLD/key"
+check 'the configuration is private' test "$(stat -c %a "$CONFIG")" = 600
+check 'the folder is mounted' exits 0 vondle mount
+check 'it shows the tree' diff -r "$IMPORT" "$MOUNT"
+check 'mounting again changes nothing' exits 0 vondle mount
+check 'the service says where' test "$(field service.mount)" = "$MOUNT"
+check 'everything of the service is private' \
+  test "$(stat -c %a "$HOME_FOLDER/.vondle" "$HOME_FOLDER/.local/state/vondle" "$HOME_FOLDER/.local/share/vondle" \
+    "$WORLD/run/vondle" "$WORLD/run/vondle/control" | tr '\n' ' ')" = '700 700 700 700 600 '
+check 'the key stands in no log' test -z "$(grep -rlF -f "$WORLD/key" "$HOME_FOLDER/.local" "$WORLD/run" || true)"
+check 'what is written is refused' sh -c "! touch '$MOUNT/new' 2>/dev/null"
+
+# One instance.
+check 'a second service is refused' exits 1 vondle-service --mount "$HOME_FOLDER/Other"
+check 'and names the first' says "process $(field service.pid)"
+check 'signing out waits for the service' exits 1 vondle logout
+
+# Commands on items.
+check 'info knows a file' exits 0 vondle info "$MOUNT/letter.txt"
+check 'with its identifier' says identifier
+check 'a file that is not there' exits 7 vondle info "$MOUNT/nothing"
+check 'a file elsewhere' exits 1 vondle info /etc/passwd
+check 'local copies are dropped' exits 0 vondle evict "$MOUNT"
+check 'all of them' test "$(field service.files_here)" = 0
+check 'files are fetched' exits 0 vondle fetch "$MOUNT/letter.txt" "$MOUNT/docs" "$MOUNT/kept/known"
+check 'these and no others' test "$(field service.files_here)" = 53
+check 'limits are set' exits 0 vondle limits --down 4000 --up 3000
+check 'and counted at once' exits 0 vondle fetch "$MOUNT/docs"
+check 'limits go' exits 0 vondle limits --down 0 --up 0
+check 'transfers pause' exits 0 vondle pause
+check 'and go on' exits 0 vondle resume
+
+# Changes from elsewhere.
+echo 'changed elsewhere' >"$WORLD/changed"
+other_device put "$WORLD/changed" letter.txt >/dev/null
+other_device put "$WORLD/changed" kept/unread.txt >/dev/null
+other_device mkdir 'made elsewhere' >/dev/null
+other_device mv kept/known/1 'kept/known/renamed' >/dev/null
+other_device rm kept/known/2 >/dev/null
+check 'changes are taken over' exits 0 vondle sync --wait 30
+check 'new contents' test "$(cat "$MOUNT/letter.txt")" = 'changed elsewhere'
+check 'a new folder' test -d "$MOUNT/made elsewhere"
+check 'a new name' test "$(cat "$MOUNT/kept/known/renamed")" = 1
+check 'no old name' test ! -e "$MOUNT/kept/known/1"
+check 'no deleted file' test ! -e "$MOUNT/kept/known/2"
+
+# Without the server.
+inodes >"$WORLD/inodes"
+stop_storage
+check 'without the server, syncing fails' exits 5 vondle sync
+check 'what is here is read' cmp -s "$IMPORT/docs/big.bin" "$MOUNT/docs/big.bin"
+check 'known folders are listed' test "$(ls "$MOUNT/kept/known" | wc -l)" = 49
+check 'what is not here fails, and soon' exits 1 cat "$MOUNT/kept/unread.txt"
+check 'info tells why' exits 0 vondle info "$MOUNT/kept/unread.txt"
+check 'in words' says 'last error'
+check 'status lists it' exits 0 vondle status
+check 'among the problems' says '/kept/unread.txt'
+
+# A crash, still without the server.
+before=$(field service.pid)
+kill -9 "$before"
+check 'after a crash the folder comes back' until_true 30 test -f "$MOUNT/letter.txt"
+check 'with its commands' until_true 10 exits 0 vondle status
+check 'from another process' test "$(field service.pid)" != "$before"
+inodes >"$WORLD/inodes-after" || true
+check 'with the same inode numbers' cmp "$WORLD/inodes" "$WORLD/inodes-after"
+check 'and the files that were here' cmp -s "$IMPORT/docs/big.bin" "$MOUNT/docs/big.bin"
+
+# A server that talks rubbish.
+serve_garbage
+check 'rubbish is an error' exits 1 vondle sync
+check 'and changes nothing' sh -c "cd '$MOUNT' && find . -printf '%P %i\n' | sort | cmp - '$WORLD/inodes'"
+stop_garbage
+start_storage
+check 'with the server back, everything goes on' exits 0 vondle sync
+check 'and is read' cmp -s "$WORLD/changed" "$MOUNT/kept/unread.txt"
+
+# A configuration that is broken while the service runs.
+cp -p "$CONFIG" "$WORLD/config"
+echo '{"server": ' >"$CONFIG"
+check 'a broken configuration is said to be none' exits 3 vondle sync
+check 'and not written over' exits 1 vondle limits --down 1
+check 'it stays as it is' test "$(cat "$CONFIG")" = '{"server": '
+check 'what is here is read all the same' test "$(cat "$MOUNT/letter.txt")" = 'changed elsewhere'
+cp -p "$WORLD/config" "$CONFIG"
+check 'mended, it counts at once' exits 0 vondle sync
+
+# Restart, and the ways to end.
+before=$(field service.pid)
+check 'the extension is restarted' exits 0 vondle restart
+check 'as another process' test "$(field service.pid)" != "$before"
+check 'and the folder is there' test "$(cat "$MOUNT/letter.txt")" = 'changed elsewhere'
+check 'it unmounts' exits 0 vondle unmount
+check 'nothing is mounted any more' sh -c "! mountpoint -q '$MOUNT'"
+check 'the service has ended' until_true 20 service_is_gone
+check 'unmounting again says that there is nothing' exits 4 vondle unmount
+check 'it mounts elsewhere too' exits 0 vondle mount "$HOME_FOLDER/Elsewhere"
+check 'with the same files' test "$(cat "$HOME_FOLDER/Elsewhere/letter.txt")" = 'changed elsewhere'
+umount "$HOME_FOLDER/Elsewhere" 2>/dev/null || fusermount3 -u "$HOME_FOLDER/Elsewhere"
+check 'unmounted by hand, the service ends' until_true 20 service_is_gone
+
+check 'it mounts again' exits 0 vondle mount
+kill -9 $(service_processes | head -1)
+check 'without its supervisor the service unmounts and ends' until_true 20 service_is_gone
+check 'and leaves nothing mounted' sh -c "! mountpoint -q '$MOUNT'"
+
+mkdir -p "$HOME_FOLDER/full/of"
+check 'a folder that is not empty is refused' exits 1 vondle mount "$HOME_FOLDER/full"
+check 'with a reason' says 'not empty'
+echo '{"mount": 5}' >"$HOME_FOLDER/.vondle/service.json"
+check 'broken settings are refused' exits 1 vondle mount
+check 'with their place' says '"mount"'
+echo '{"mount": "~/Settled"}' >"$HOME_FOLDER/.vondle/service.json"
+check 'settings say where to mount' exits 0 vondle mount
+check 'there' test -f "$HOME_FOLDER/Settled/letter.txt"
+kill -TERM $(service_processes | head -1)
+check 'a signal unmounts' until_true 20 service_is_gone
+check 'cleanly' sh -c "! mountpoint -q '$HOME_FOLDER/Settled'"
+
+check 'signing out works' exits 0 vondle logout
+check 'the key is gone' sh -c "! grep -q api_key '$CONFIG'"
+check 'and so are the copies' test -z "$(find "$HOME_FOLDER/.local/share/vondle" -type f)"
+check 'signed out, nothing is mounted' exits 3 vondle mount
+
+[ $failures = 0 ] || { echo "$failures check(s) failed" >&2; exit 1; }
+echo 'Everything is as it should be.'
