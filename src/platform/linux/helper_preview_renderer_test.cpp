@@ -83,14 +83,13 @@ TEST_F(HelperPreviewRendererTest, SaysWhatIsWantedOnTheCommandLine) {
 TEST_F(HelperPreviewRendererTest, HandsOnNoOtherDescriptorAndNoEnvironment) {
   const int leaked = open("/dev/null", O_RDONLY);  // without close-on-exec
   setenv("VONDLE_TEST_SECRET", "secret", 1);
-  const auto seen =
-      pictureBy(std::string(JPEG_START) + "; ls /proc/$$/fd | tr '\\n' ' '; tr '\\0' ' ' </proc/$$/environ");
+  const auto seen = pictureBy(std::string(JPEG_START) + "; ls -m /proc/$$/fd; tr '\\0' ' ' </proc/$$/environ");
   unsetenv("VONDLE_TEST_SECRET");
   close(leaked);
   // 10 is where the shell keeps its script.
   EXPECT_EQ(seen,
             "\xFF\xD8\xFF"
-            "0 1 10 2 LC_ALL=C ");
+            "0, 1, 10, 2\nLC_ALL=C ");
 }
 
 struct BadHelper {

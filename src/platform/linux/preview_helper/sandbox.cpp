@@ -9,14 +9,14 @@
 #include <sys/resource.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <initializer_list>
-#include <memory>
 
 namespace vondle {
 namespace {
 
 // Every accepted format was seen to work within half of it.
-constexpr rlim_t MAX_ADDRESS_SPACE = 1536ull << 20;
+[[maybe_unused]] constexpr rlim_t MAX_ADDRESS_SPACE = 1536ull << 20;
 constexpr rlim_t MAX_FILE_BYTES = 8u << 20;
 constexpr rlim_t MAX_DESCRIPTORS = 64;
 
@@ -31,6 +31,13 @@ bool limitResources(int processorSeconds) {
 #endif
   return limit(RLIMIT_CPU, static_cast<rlim_t>(processorSeconds)) && limit(RLIMIT_FSIZE, MAX_FILE_BYTES) &&
          limit(RLIMIT_NOFILE, MAX_DESCRIPTORS) && limit(RLIMIT_CORE, 0);
+}
+
+scmp_arg_cmp masked(unsigned argument, scmp_datum_t mask, scmp_datum_t value) {
+  return {argument, SCMP_CMP_MASKED_EQ, mask, value};
+}
+scmp_arg_cmp equal(unsigned argument, scmp_datum_t value) {
+  return {argument, SCMP_CMP_EQ, value, 0};
 }
 
 struct Filter {
@@ -67,17 +74,18 @@ bool filterSystemCalls() {
                 SCMP_SYS(getrandom), SCMP_SYS(sysinfo), SCMP_SYS(uname), SCMP_SYS(getrusage)});
 
   // Memory, but no new code.
-  const auto notExecutable = SCMP_A2(SCMP_CMP_MASKED_EQ, PROT_EXEC, 0);
+  const auto notExecutable = masked(2, PROT_EXEC, 0);
   filter.add(SCMP_ACT_ALLOW, SCMP_SYS(mmap), notExecutable);
   filter.add(SCMP_ACT_ALLOW, SCMP_SYS(mprotect), notExecutable);
 
   // Threads, but no processes. The flags of clone3 cannot be looked at; without it the C library uses clone.
-  filter.add(SCMP_ACT_ALLOW, SCMP_SYS(clone), SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, CLONE_THREAD));
+  filter.add(SCMP_ACT_ALLOW, SCMP_SYS(clone), masked(0, CLONE_THREAD, CLONE_THREAD));
   filter.add(SCMP_ACT_ERRNO(ENOSYS), SCMP_SYS(clone3));
-  filter.add(SCMP_ACT_ALLOW, SCMP_SYS(prctl), SCMP_A0(SCMP_CMP_EQ, PR_SET_NAME));
+  filter.add(SCMP_ACT_ALLOW, SCMP_SYS(prctl), equal(0, PR_SET_NAME));
 
-  // fstat of the C library, which passes an empty path; no path leads anywhere.
-  filter.add(SCMP_ACT_ALLOW, SCMP_SYS(newfstatat), SCMP_A3(SCMP_CMP_MASKED_EQ, AT_EMPTY_PATH, AT_EMPTY_PATH));
+  // The C library's fstat, which passes an empty path. The filter can't see that it is empty, so that a file's size
+  // could still be learned; nothing can be done to the file.
+  filter.add(SCMP_ACT_ALLOW, SCMP_SYS(newfstatat), masked(3, AT_EMPTY_PATH, AT_EMPTY_PATH));
   for (const int call : {SCMP_SYS(open), SCMP_SYS(openat), SCMP_SYS(openat2), SCMP_SYS(stat), SCMP_SYS(lstat),
                          SCMP_SYS(access), SCMP_SYS(faccessat), SCMP_SYS(faccessat2), SCMP_SYS(readlink)})
     filter.add(SCMP_ACT_ERRNO(ENOENT), call);

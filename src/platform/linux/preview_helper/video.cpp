@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -152,7 +153,7 @@ bool Video::openDecoder(const AVCodec* decoder) {
 std::int64_t Video::posterTimestamp() const {
   std::int64_t time = POSTER_TIME;
   if (format_->duration != AV_NOPTS_VALUE) {
-    const auto duration = av_rescale_q(format_->duration, AV_TIME_BASE_Q, TIME_SCALE);
+    const auto duration = av_rescale_q(format_->duration, AVRational{1, AV_TIME_BASE}, TIME_SCALE);
     if (duration < SHORT_DURATION) time = std::max<std::int64_t>(duration / 2, 0);
   }
   const std::int64_t start = stream_->start_time == AV_NOPTS_VALUE ? 0 : stream_->start_time;
