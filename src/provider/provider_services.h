@@ -1,0 +1,16 @@
+#pragma once
+
+#include "items/item_services.h"
+
+namespace vondle {
+
+class Pending;
+class ThrottledTransfer;
+
+// What the extension's operations work with. A value of references: what they name must outlive every operation.
+struct ProviderServices : ItemServices {
+  Pending& pending;
+  ThrottledTransfer& transfers;
+};
+
+}  // namespace vondle

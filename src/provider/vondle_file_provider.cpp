@@ -1,0 +1,83 @@
+#include "provider/vondle_file_provider.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "api/vondle_api.h"
+#include "config/containers.h"
+#include "config/extension_restart.h"
+#include "config/plog.h"
+#include "fileprovider/error_codes.h"
+#include "items/identifiers.h"
+#include "items/root_item.h"
+#include "items/trash_enumerator.h"
+#include "items/vondle_enumerator.h"
+#include "items/vondle_item.h"
+#include "items/working_set_enumerator.h"
+#include "provider/fetch_contents.h"
+#include "state/cursor.h"
+#include "state/item_cache.h"
+
+namespace vondle {
+
+VondleFileProvider::VondleFileProvider(Domain domain, ManagerForDomain managerForDomain,
+                                       const ProviderServices& services, ExtensionRestart& restart)
+    : domain_(std::move(domain)), managerForDomain_(std::move(managerForDomain)), services_(services) {
+  plog.log("provider started for domain %{public}@ (cursor %d)", domain_.displayName, services_.cursor.load());
+  restart.listen();
+}
+
+std::shared_ptr<Progress> VondleFileProvider::itemForIdentifier(ItemIdentifier identifier, Request,
+                                                                Completion<Result<Item>> completion) {
+  auto progress = Progress::make();
+  if (identifier == ROOT_CONTAINER) {
+    std::move(completion)(RootItem::item());
+    return progress;
+  }
+  services_.cache.resolve(
+      serverIDFor(identifier), std::nullopt,
+      [services = services_, completion = std::move(completion)](std::optional<Entry> entry) mutable {
+        if (!entry) return std::move(completion)(failure({FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM}));
+        std::move(completion)(VondleItem(std::move(*entry), services.pins).item());
+      });
+  return progress;
+}
+
+std::shared_ptr<Enumerator> VondleFileProvider::enumeratorForContainer(ItemIdentifier container, Request request) {
+  if (container == WORKING_SET_CONTAINER)
+    return std::make_shared<WorkingSetEnumerator>(services_, domain_, managerForDomain_);
+  if (container == TRASH_CONTAINER) return std::make_shared<TrashEnumerator>(services_);
+  return std::make_shared<VondleEnumerator>(services_, container, request.isFileViewerRequest);
+}
+
+std::shared_ptr<Progress> VondleFileProvider::fetchContents(ItemIdentifier identifier, std::optional<ItemVersion>,
+                                                            Request request,
+                                                            Completion<Result<FetchedContents>> completion) {
+  return std::make_shared<FetchContents>(services_, std::move(identifier), request, std::move(completion))->start();
+}
+
+void VondleFileProvider::parentPath(const std::string& id, Completion<std::optional<std::string>> completion) {
+  if (id == SERVER_ROOT) return std::move(completion)("");
+  services_.cache.resolve(id, mutationFreshness,
+                          [completion = std::move(completion)](std::optional<Entry> entry) mutable {
+                            std::move(completion)(entry ? std::optional(std::move(entry->path)) : std::nullopt);
+                          });
+}
+
+void VondleFileProvider::findChild(std::string name, std::string folderID,
+                                   Completion<std::optional<Entry>> completion) {
+  services_.api.browse(
+      std::move(folderID), [services = services_, name = std::move(name),
+                            completion = std::move(completion)](Result<std::vector<Entry>> entries) mutable {
+        if (!entries) return std::move(completion)(std::nullopt);
+        services.cache.store(*entries);
+        const auto found = std::ranges::find(*entries, name, &Entry::name);
+        std::move(completion)(found == entries->end() ? std::nullopt : std::optional(std::move(*found)));
+      });
+}
+
+Error VondleFileProvider::noWrites() {
+  return {COCOA_ERROR_DOMAIN, FEATURE_UNSUPPORTED, "Vondle cannot upload file contents yet."};
+}
+
+}  // namespace vondle
