@@ -47,13 +47,14 @@ std::string folderOf(const std::string& path) {
   return path.substr(0, path.rfind('/'));
 }
 
-// The two folders above a stored file, each made and on the disk before anything is put in it.
-Result<void> makeFoldersFor(const std::string& path) {
+// The two folders above a stored file; with `sync` each is on the disk before anything is put in it.
+Result<void> makeFoldersFor(const std::string& path, bool sync) {
   const std::string inner = folderOf(path);
   if (::access(inner.c_str(), F_OK) == 0) return {};
   const std::string outer = folderOf(inner);
   for (const auto& folder : {outer, inner}) {
     if (auto made = makeFolder(folder); !made) return made;
+    if (!sync) continue;
     if (auto synced = syncFolder(folderOf(folder)); !synced) return synced;
   }
   return {};
@@ -114,7 +115,7 @@ Result<std::string> ContentStore::Incoming::seal(bool sync) {
 }
 
 Result<void> ContentStore::Incoming::place(bool sync) {
-  if (auto made = makeFoldersFor(target_); !made) return made;
+  if (auto made = makeFoldersFor(target_, sync); !made) return made;
   if (::rename(path_.c_str(), target_.c_str()) != 0) return failure(Error::posix(errno, "cannot store " + target_));
   placed_ = true;
   return sync ? syncFolder(folderOf(target_)) : Result<void>();
@@ -237,7 +238,7 @@ Result<void> ContentStore::assemble(std::string_view key, std::int64_t size) con
     return failure(Error::posix(errno, "cannot examine " + path));
   }
   if (found.st_size != size) return failure({POSIX_ERROR_DOMAIN, EIO, "the parts do not make up the whole: " + path});
-  if (auto made = makeFoldersFor(target); !made) return made;
+  if (auto made = makeFoldersFor(target, true); !made) return made;
   if (::rename(path.c_str(), target.c_str()) != 0) return failure(Error::posix(errno, "cannot store " + target));
   return syncFolder(folderOf(target));
 }

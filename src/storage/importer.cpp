@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <functional>
+#include <span>
 #include <vector>
 
 #include <fmt/format.h>
@@ -20,15 +22,20 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Files per transaction, and per sync of the disk.
-constexpr std::size_t BATCH = 1000;
+// Per transaction and per sync of the disk.
+constexpr std::size_t BATCH_ENTRIES = 20000;
+constexpr std::int64_t BATCH_BYTES = std::int64_t{4} << 30;
 
-struct Copied {
+// A file or folder found, in an order in which folders come before what they hold.
+struct Found {
+  std::string source;
+  std::string folder;  // path in the account
   std::string name;
-  std::string key;
-  std::string hash;
-  std::int64_t size = 0;
+  bool isFolder = false;
   std::int64_t modified = 0;
+  std::int64_t size = 0;
+  std::string key = {};  // of a file that is copied
+  std::string hash = {};
 };
 
 std::int64_t modifiedOf(const struct stat& found) {
@@ -44,41 +51,16 @@ class Importer {
   Importer(MetadataStore& store, const ContentStore& contents, std::string_view account, std::int64_t now)
       : store_(store), contents_(contents), account_(account), now_(now) {}
 
-  Result<void> take(const std::string& folder, const std::string& path) {
-    std::vector<fs::path> found;
-    std::error_code error;
-    for (const auto& entry : fs::directory_iterator(folder, error)) found.push_back(entry.path());
-    if (error) return failure(Error::posix(error.value(), "cannot read " + folder));
-    std::ranges::sort(found);
-
-    std::vector<std::pair<std::string, std::string>> folders;
-    std::vector<std::pair<std::string, std::string>> files;
-    for (const auto& entry : found) {
-      const std::string name = entry.filename().string();
-      struct stat examined{};
-      if (auto valid = checkName(name); !valid)
-        skip(entry, valid.error().text);
-      else if (::lstat(entry.c_str(), &examined) != 0)
-        skip(entry, "it can't be examined");
-      else if (S_ISDIR(examined.st_mode))
-        folders.emplace_back(entry.string(), name);
-      else if (S_ISREG(examined.st_mode))
-        files.emplace_back(entry.string(), name);
-      else
-        skip(entry, "it is neither a file nor a folder");
-    }
-    for (std::size_t i = 0; i < files.size(); i += BATCH) {
-      const std::size_t end = std::min(i + BATCH, files.size());
-      if (auto done = takeFiles(
-              {files.begin() + static_cast<std::ptrdiff_t>(i), files.begin() + static_cast<std::ptrdiff_t>(end)}, path);
-          !done)
-        return done;
-    }
-    for (const auto& [source, name] : folders) {
-      const auto made = makeFolder(source, path, name);
-      if (!made) return failure(made.error());
-      if (!*made) continue;
-      if (auto done = take(source, joinPath(path, name)); !done) return done;
+  Result<void> take(const std::string& folder) {
+    if (auto found = find(folder, ""); !found) return found;
+    for (auto first = found_.begin(); first != found_.end();) {
+      auto last = first;
+      std::int64_t bytes = 0;
+      for (; last != found_.end() && last - first < static_cast<std::ptrdiff_t>(BATCH_ENTRIES) && bytes < BATCH_BYTES;
+           ++last)
+        bytes += last->size;
+      if (auto done = takeBatch({first, last}); !done) return done;
+      first = last;
     }
     return {};
   }
@@ -95,90 +77,115 @@ class Importer {
     fmt::print(stderr, "vondle-storage: not imported: {}: {}\n", shown, why);
   }
 
-  template <class T>
-  Result<T> write(const std::function<Answer<T>(Tree&)>& work) {
-    auto answer = store_.write<T>([&]() -> Answer<T> {
+  Result<void> write(const std::function<Answer<void>(Tree&)>& work) {
+    auto answer = store_.write<void>([&]() -> Answer<void> {
       auto account = store_.accountNamed(account_);
       if (!account) return refuse(404, "there is no such account");
       Tree tree(store_, std::move(*account), now_);
       return work(tree);
     });
     if (!answer) return failure(failed(answer.error()));
-    return std::move(*answer);
+    return {};
   }
 
-  // False: a file of that name stands there.
-  Result<bool> makeFolder(const std::string& source, const std::string& path, const std::string& name) {
-    return write<bool>([&](Tree& tree) -> Answer<bool> {
-      const auto existing = tree.byPath(joinPath(path, name));
-      if (existing && existing->item.isFolder && existing->isWritable()) return true;
-      auto made =
-          existing ? Answer<View>(refuse(409, "there is something else of this name")) : tree.createFolder(path, name);
-      if (!made && made.error().status != 409) return refuse(made.error());
-      if (!made) {
-        skip(source, made.error().text);
-        return false;
-      }
+  Result<void> find(const std::string& folder, const std::string& path) {
+    std::vector<fs::path> entries;
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(folder, error)) entries.push_back(entry.path());
+    if (error && path.empty()) return failure(Error::posix(error.value(), "cannot read " + folder));
+    if (error) skip(folder, "it can't be read");
+    std::ranges::sort(entries);
+    for (const auto& entry : entries) {
+      const std::string name = entry.filename().string();
       struct stat examined{};
-      if (::stat(source.c_str(), &examined) == 0) made->item.modified = modifiedOf(examined);
-      store_.update(made->item);
-      ++report.folders;
-      return true;
-    });
-  }
-
-  Result<void> takeFiles(const std::vector<std::pair<std::string, std::string>>& files, const std::string& path) {
-    std::vector<Copied> copies;
-    const auto wanted = write<std::vector<std::string>>([&](Tree& tree) -> Answer<std::vector<std::string>> {
-      const auto folder = tree.folderForNew(path);
-      if (!folder) return refuse(folder.error());
-      std::vector<std::string> sources;
-      for (const auto& [source, name] : files) {
-        if (!tree.checkFree(*folder, name)) {
-          ++report.kept;
-          continue;
-        }
-        // Known as garbage until the rows stand, so that a crash leaves nothing behind.
-        copies.push_back({.name = name, .key = randomName(), .hash = {}, .size = 0, .modified = 0});
-        store_.addGarbage(copies.back().key);
-        sources.push_back(source);
+      if (auto valid = checkName(name); !valid) {
+        skip(entry, valid.error().text);
+      } else if (::lstat(entry.c_str(), &examined) != 0) {
+        skip(entry, "it can't be examined");
+      } else if (S_ISREG(examined.st_mode) || S_ISDIR(examined.st_mode)) {
+        const bool isFolder = S_ISDIR(examined.st_mode);
+        found_.push_back({.source = entry.string(),
+                          .folder = path,
+                          .name = name,
+                          .isFolder = isFolder,
+                          .modified = modifiedOf(examined),
+                          .size = isFolder ? 0 : examined.st_size});
+        if (isFolder)
+          if (auto inside = find(entry.string(), joinPath(path, name)); !inside) return inside;
+      } else {
+        skip(entry, "it is neither a file nor a folder");
       }
-      return sources;
-    });
-    if (!wanted) return failure(wanted.error());
-    if (wanted->empty()) return {};
-
-    std::vector<Copied> whole;
-    for (std::size_t i = 0; i < copies.size(); ++i) {
-      if (auto copied = copy((*wanted)[i], copies[i]); copied)
-        whole.push_back(copies[i]);
-      else if (copied.error().isIn(POSIX_ERROR_DOMAIN) && copied.error().code == ENOSPC)
-        return failure(copied.error());
-      else
-        skip((*wanted)[i], copied.error().localizedDescription());
-    }
-    if (auto synced = contents_.syncAll(); !synced) return synced;
-
-    const auto added = write<bool>([&](Tree& tree) -> Answer<bool> {
-      const auto folder = tree.folderForNew(path);
-      if (!folder) return refuse(folder.error());
-      for (const auto& file : whole) {
-        if (auto room = tree.checkRoom(folder->item.account, file.size); !room) return refuse(room.error());
-        tree.addFile(*folder, file.name, file.key, file.size, file.hash, false, file.modified);
-        store_.removeGarbage(file.key);
-      }
-      return true;
-    });
-    if (!added) return failure(added.error());
-    for (const auto& file : whole) {
-      ++report.files;
-      report.bytes += file.size;
     }
     return {};
   }
 
-  Result<void> copy(const std::string& source, Copied& file) const {
-    const int descriptor = ::open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  // In three steps: the keys of what is to be copied are known as garbage until the rows stand, so that a crash leaves
+  // nothing behind; then the copies, and everything is on the disk; then the rows.
+  Result<void> takeBatch(std::span<Found> batch) {
+    const auto keys = write([&](Tree& tree) -> Answer<void> {
+      for (auto& entry : batch) {
+        if (entry.isFolder || tree.byPath(joinPath(entry.folder, entry.name))) continue;
+        entry.key = randomName();
+        store_.addGarbage(entry.key);
+      }
+      return {};
+    });
+    if (!keys) return keys;
+
+    for (auto& entry : batch) {
+      if (entry.key.empty()) continue;
+      const auto copied = copy(entry);
+      if (copied) continue;
+      if (copied.error().isIn(POSIX_ERROR_DOMAIN) && copied.error().code == ENOSPC) return copied;
+      skip(entry.source, copied.error().localizedDescription());
+      entry.key.clear();
+    }
+    if (auto synced = contents_.syncAll(); !synced) return synced;
+
+    return write([&](Tree& tree) -> Answer<void> {
+      for (const auto& entry : batch)
+        if (auto added = add(tree, entry); !added) return added;
+      return {};
+    });
+  }
+
+  Answer<void> add(Tree& tree, const Found& entry) {
+    const auto existing = tree.byPath(joinPath(entry.folder, entry.name));
+    if (existing && entry.isFolder && existing->item.isFolder) return {};
+    if (existing) {
+      if (entry.isFolder)
+        skip(entry.source, "there is a file of this name");
+      else
+        ++report.kept;
+      return {};
+    }
+    if (!entry.isFolder && entry.key.empty()) return {};
+
+    const auto folder = tree.folderForNew(entry.folder);
+    // Below something that was skipped.
+    const auto free = folder ? tree.checkFree(*folder, entry.name) : Answer<void>(refuse(folder.error()));
+    if (!free) {
+      skip(entry.source, free.error().text);
+      return {};
+    }
+    if (entry.isFolder) {
+      auto made = tree.createFolder(entry.folder, entry.name);
+      if (!made) return refuse(made.error());
+      made->item.modified = entry.modified;
+      store_.update(made->item);
+      ++report.folders;
+      return {};
+    }
+    if (auto room = tree.checkRoom(folder->item.account, entry.size); !room) return room;
+    tree.addFile(*folder, entry.name, entry.key, entry.size, entry.hash, false, entry.modified);
+    store_.removeGarbage(entry.key);
+    ++report.files;
+    report.bytes += entry.size;
+    return {};
+  }
+
+  Result<void> copy(Found& file) const {
+    const int descriptor = ::open(file.source.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
     if (descriptor < 0) return failure(Error::posix(errno, "cannot open it"));
     const StoredFile opened(descriptor, 0);
     struct stat examined{};
@@ -206,6 +213,7 @@ class Importer {
   const ContentStore& contents_;
   std::string account_;
   std::int64_t now_;
+  std::vector<Found> found_;
 };
 
 }  // namespace
@@ -213,7 +221,7 @@ class Importer {
 Result<ImportReport> importFolder(MetadataStore& store, const ContentStore& contents, std::string_view account,
                                   const std::string& folder, std::int64_t now) {
   Importer importer(store, contents, account, now);
-  if (auto done = importer.take(folder, ""); !done) return failure(done.error());
+  if (auto done = importer.take(folder); !done) return failure(done.error());
   return importer.report;
 }
 

@@ -66,13 +66,6 @@ class Program {
     const HttpOptions http{
         .host = arguments_.listen.substr(0, colon), .port = *port, .publicUrl = arguments_.publicUrl};
 
-    // Before any thread starts, so that only the wait below takes them.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
     if (const int code = open(); code != SUCCEEDED) return code;
     if (const int code = setUpAccounts(); code != SUCCEEDED) return code;
     const auto contents = ContentStore::open(arguments_.root);
@@ -84,6 +77,14 @@ class Program {
     ContentHandlers contentHandlers(*stores_, *contents, signer, clock_);
     api.collectGarbage();
     if (const int code = import(*contents); code != SUCCEEDED) return code;
+
+    // Before any thread starts, so that only the wait below takes them. Until here they simply end the process;
+    // everything survives that.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     HttpServer server(http, api, contentHandlers);
     const auto bound = server.bind();
