@@ -1,8 +1,8 @@
 #include "base/completion.h"
 
-#include <gtest/gtest.h>
-
 #include <memory>
+
+#include <gtest/gtest.h>
 
 namespace vondle {
 namespace {

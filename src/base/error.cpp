@@ -1,9 +1,9 @@
 #include "base/error.h"
 
-#include <fmt/format.h>
-
 #include <cstring>
 #include <utility>
+
+#include <fmt/format.h>
 
 namespace vondle {
 

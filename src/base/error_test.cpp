@@ -1,8 +1,8 @@
 #include "base/error.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
+
+#include <gtest/gtest.h>
 
 namespace vondle {
 namespace {

@@ -40,8 +40,8 @@ Result<Value> parse(std::string_view text) {
   boost::json::parse_options options;
   options.max_depth = MAX_DEPTH;
   boost::json::error_code error;
-  Value value = boost::json::parse(
-      text, error, boost::json::make_shared_resource<boost::json::monotonic_resource>(), options);
+  Value value =
+      boost::json::parse(text, error, boost::json::make_shared_resource<boost::json::monotonic_resource>(), options);
   if (error) return failure({ERROR_DOMAIN, 0, "not JSON: " + error.message()});
   return value;
 }
@@ -52,7 +52,9 @@ std::optional<Object> parseObject(std::string_view text) {
   return std::move(value->as_object());
 }
 
-const Value* find(const Object& object, std::string_view key) { return object.if_contains(key); }
+const Value* find(const Object& object, std::string_view key) {
+  return object.if_contains(key);
+}
 
 std::optional<std::string_view> text(const Object& object, std::string_view key) {
   const Value* value = find(object, key);
@@ -101,7 +103,9 @@ const Array* listOfObjects(const Object& object, std::string_view key) {
   return array && std::ranges::all_of(*array, [](const Value& v) { return v.is_object(); }) ? array : nullptr;
 }
 
-std::string serialize(const Value& value) { return boost::json::serialize(value); }
+std::string serialize(const Value& value) {
+  return boost::json::serialize(value);
+}
 
 std::string serializePretty(const Value& value) {
   std::string out;

@@ -1,11 +1,11 @@
 #pragma once
 
-#include <boost/json.hpp>
-
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include <boost/json.hpp>
 
 #include "base/error.h"
 

@@ -1,13 +1,15 @@
 #include "base/json.h"
 
-#include <gtest/gtest.h>
-
 #include <string>
+
+#include <gtest/gtest.h>
 
 namespace vondle {
 namespace {
 
-json::Object objectOf(std::string_view text) { return json::parseObject(text).value(); }
+json::Object objectOf(std::string_view text) {
+  return json::parseObject(text).value();
+}
 
 TEST(JsonTest, AKeyOfAnotherTypeCountsAsAbsent) {
   const auto object = objectOf(R"({"t":"x","b":true,"n":7,"o":{},"l":[],"null":null})");
@@ -24,7 +26,8 @@ TEST(JsonTest, AKeyOfAnotherTypeCountsAsAbsent) {
 }
 
 TEST(JsonTest, IntegersAreCutTowardZeroAndAbsentWhenTheyDoNotFit) {
-  const auto object = objectOf(R"({"a":1.9,"b":-1.9,"c":1e30,"d":9223372036854775807,"e":18446744073709551615,"f":1e400})");
+  const auto object =
+      objectOf(R"({"a":1.9,"b":-1.9,"c":1e30,"d":9223372036854775807,"e":18446744073709551615,"f":1e400})");
   EXPECT_EQ(json::integer(object, "a"), 1);
   EXPECT_EQ(json::integer(object, "b"), -1);
   EXPECT_FALSE(json::integer(object, "c"));
@@ -33,10 +36,13 @@ TEST(JsonTest, IntegersAreCutTowardZeroAndAbsentWhenTheyDoNotFit) {
   EXPECT_FALSE(json::integer(object, "f"));
 }
 
-TEST(JsonTest, TheLastOfEqualKeysCounts) { EXPECT_EQ(json::integer(objectOf(R"({"a":1,"a":2})"), "a"), 2); }
+TEST(JsonTest, TheLastOfEqualKeysCounts) {
+  EXPECT_EQ(json::integer(objectOf(R"({"a":1,"a":2})"), "a"), 2);
+}
 
 TEST(JsonTest, RefusesWhatIsNotJsonAndWhatIsTooDeep) {
-  for (const char* bad : {"", "{", "[1,]", "{\"a\":1} x", "nul", "{\"a\":\"\xff\"}"}) EXPECT_FALSE(json::parse(bad)) << bad;
+  for (const char* bad : {"", "{", "[1,]", "{\"a\":1} x", "nul", "{\"a\":\"\xff\"}"})
+    EXPECT_FALSE(json::parse(bad)) << bad;
   EXPECT_TRUE(json::parse(std::string(200, '[') + std::string(200, ']')));
   EXPECT_FALSE(json::parse(std::string(100000, '[') + std::string(100000, ']')));
 }

@@ -1,9 +1,9 @@
 #include "base/time.h"
 
-#include <fmt/format.h>
-
 #include <charconv>
 #include <cmath>
+
+#include <fmt/format.h>
 
 namespace vondle {
 namespace {
@@ -77,8 +77,12 @@ std::optional<Timestamp> parseISO8601(std::string_view text, bool fractional) {
 
 }  // namespace
 
-std::optional<Timestamp> parseISO8601Fractional(std::string_view text) { return parseISO8601(text, true); }
-std::optional<Timestamp> parseISO8601Plain(std::string_view text) { return parseISO8601(text, false); }
+std::optional<Timestamp> parseISO8601Fractional(std::string_view text) {
+  return parseISO8601(text, true);
+}
+std::optional<Timestamp> parseISO8601Plain(std::string_view text) {
+  return parseISO8601(text, false);
+}
 
 std::string formatISO8601(Timestamp timestamp) {
   // Half a microsecond up, so that a value read from milliseconds prints the same milliseconds.

@@ -11,8 +11,12 @@ namespace vondle {
 
 // A length of time. Delays that are spoken of in seconds are written with seconds(): seconds(0.05).
 using Duration = std::chrono::nanoseconds;
-constexpr Duration seconds(double count) { return Duration(static_cast<std::int64_t>(count * 1e9)); }
-constexpr double inSeconds(Duration duration) { return static_cast<double>(duration.count()) / 1e9; }
+constexpr Duration seconds(double count) {
+  return Duration(static_cast<std::int64_t>(count * 1e9));
+}
+constexpr double inSeconds(Duration duration) {
+  return static_cast<double>(duration.count()) / 1e9;
+}
 
 // A moment of the monotonic clock: counts from an arbitrary start, never goes back. For delays and ages.
 struct MonotonicTime {
