@@ -1,6 +1,6 @@
 find_package(Threads REQUIRED)
 find_package(fmt 9 REQUIRED)
-find_package(Boost 1.81 REQUIRED COMPONENTS json url)
+find_package(Boost 1.81 REQUIRED COMPONENTS json)
 find_package(GTest REQUIRED)
 find_package(benchmark REQUIRED)
 find_package(PkgConfig REQUIRED)
