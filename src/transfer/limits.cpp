@@ -61,29 +61,32 @@ Limits::Limits(const Clock& clock, Files& files, std::string configPath)
       maxConcurrent_(DEFAULT_MAX_CONCURRENT) {}
 
 void Limits::refresh() {
-  if (!isDue()) return;
-  examineFile();
   MutexLock hold(lock_);
-  refreshing_ = false;
+  if (!isDue()) return;
+  const auto settings = readChanged();
+  if (!settings) return;
+  apply(*settings);
+  hold.unlock();
+  plog.log("bandwidth limits: down %{public}@, up %{public}@%{public}@", inWords(settings->downloadKilobytes),
+           inWords(settings->uploadKilobytes), settings->paused ? " (transfers paused)" : "");
 }
 
 bool Limits::isDue() {
-  MutexLock hold(lock_);
   const MonotonicTime now = clock_.monotonic();
-  if (refreshing_ || (lastCheck_ && now - *lastCheck_ <= CHECK_INTERVAL)) return false;
+  if (lastCheck_ && now - *lastCheck_ <= CHECK_INTERVAL) return false;
   lastCheck_ = now;
-  refreshing_ = true;
   return true;
 }
 
-void Limits::examineFile() {
+std::optional<Limits::Settings> Limits::readChanged() {
   const auto modified = files_.modificationTime(configPath_);
-  if (modified == lastModification_) return;
+  if (modified == lastModification_) return std::nullopt;
   lastModification_ = modified;  // before reading: a broken file is not read again until it changes
   const auto text = files_.read(configPath_);
-  if (!text) return;
+  if (!text) return std::nullopt;
   const auto object = json::parseObject(*text);
-  if (object) apply(Settings(*object));
+  if (!object) return std::nullopt;
+  return Settings(*object);
 }
 
 void Limits::apply(const Settings& settings) {
@@ -92,8 +95,6 @@ void Limits::apply(const Settings& settings) {
   uploadUnlimited_ = settings.uploadKilobytes == 0;
   download.setRate(settings.downloadKilobytes * BYTES_PER_KILOBYTE);
   upload.setRate(settings.uploadKilobytes * BYTES_PER_KILOBYTE);
-  plog.log("bandwidth limits: down %{public}@, up %{public}@%{public}@", inWords(settings.downloadKilobytes),
-           inWords(settings.uploadKilobytes), settings.paused ? " (transfers paused)" : "");
 }
 
 }  // namespace vondle

@@ -21,7 +21,7 @@ class Limits {
 
   Limits(const Clock& clock, Files& files, std::string configPath);
 
-  // Cheap: call it before every decision. While one thread reads the file others go on with what is known.
+  // Cheap: call it before every decision.
   void refresh() EXCLUDES(lock_);
 
   TokenBucket download;  // charged with received bytes
@@ -35,9 +35,9 @@ class Limits {
  private:
   struct Settings;
 
-  bool isDue() EXCLUDES(lock_);
-  void examineFile();
-  void apply(const Settings& settings);
+  [[nodiscard]] bool isDue() REQUIRES(lock_);
+  std::optional<Settings> readChanged() REQUIRES(lock_);
+  void apply(const Settings& settings) REQUIRES(lock_);
 
   const Clock& clock_;
   Files& files_;
@@ -45,10 +45,10 @@ class Limits {
   std::atomic<bool> paused_ = false;
   std::atomic<std::int64_t> maxConcurrent_;
   std::atomic<bool> uploadUnlimited_ = true;
+  // Held while the file is read: nobody may go on with settings that are about to be replaced.
   Mutex lock_;
-  bool refreshing_ GUARDED_BY(lock_) = false;
   std::optional<MonotonicTime> lastCheck_ GUARDED_BY(lock_);
-  std::optional<Timestamp> lastModification_;  // for the one thread that is refreshing
+  std::optional<Timestamp> lastModification_ GUARDED_BY(lock_);
 };
 
 }  // namespace vondle
