@@ -112,16 +112,15 @@ class ContentStore::Fetch final : public std::enable_shared_from_this<Fetch> {
 
   // A program waits for it now.
   void hurry(Request request) EXCLUDES(lock_) {
-    std::shared_ptr<Progress> progress;
+    const auto running = progress();
+    if (!running || running->fractionCompleted() >= WORTH_KEEPING) return;
     {
       MutexLock hold(lock_);
-      if (request_.isFileViewerRequest || !progress_) return;
-      if (progress_->fractionCompleted() >= WORTH_KEEPING) return;
+      if (request_.isFileViewerRequest || progress_ != running) return;
       request_ = request;
       isReplaced_ = true;
-      progress = progress_;
     }
-    progress->cancel();
+    running->cancel();
   }
 
   [[nodiscard]] std::shared_ptr<Progress> progress() const EXCLUDES(lock_) {

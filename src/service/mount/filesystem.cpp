@@ -93,7 +93,10 @@ void Filesystem::open(FuseRequest request, Inode inode) {
     open.attributes = *item;
     if (file) open.file = std::move(file);
     const auto [cached, isNew] = cachedTags_.try_emplace(inode, item->contentTag);
-    keepCache = !isNew && cached->second == item->contentTag;
+    // Dropping what it has, the kernel would wait for a parked read, and the program with it, beyond killing; the news
+    // that is held back for that read brings the same later. A file that is opened for the first time has nothing
+    // there.
+    keepCache = isNew || cached->second == item->contentTag || parkedReads_.contains(inode);
     cached->second = item->contentTag;
   }
   std::move(request).answerOpenedFile(keepCache, !isHere);

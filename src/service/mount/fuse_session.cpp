@@ -40,7 +40,7 @@ struct stat statusOf(const NodeAttributes& attributes) {
   status.st_gid = ::getegid();
   status.st_size = attributes.size;
   status.st_blksize = 4096;
-  status.st_blocks = (attributes.size + 511) / 512;
+  status.st_blocks = attributes.size / 512 + (attributes.size % 512 != 0 ? 1 : 0);
   double whole = 0;
   const double fraction = std::modf(attributes.modified.secondsSince1970, &whole);
   // Beyond what a file system's time can hold, and before its zero, programs see the nearest.
@@ -323,7 +323,9 @@ void FuseRequest::answerContents(const ContentFile& file, std::int64_t offset, s
     return;
   }
   const auto rest = static_cast<std::uint64_t>(file.size() - offset);
-  fuse_bufvec pieces = FUSE_BUFVEC_INIT(static_cast<std::size_t>(std::min<std::uint64_t>(size, rest)));
+  fuse_bufvec pieces{};
+  pieces.count = 1;
+  pieces.buf[0].size = static_cast<std::size_t>(std::min<std::uint64_t>(size, rest));
   pieces.buf[0].flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
   pieces.buf[0].fd = file.descriptor();
   pieces.buf[0].pos = offset;
