@@ -26,6 +26,13 @@ constexpr std::string_view QUERY_ITEM_MARKS = "-._~!$'()*,:@/?";
 constexpr std::string_view HOST_MARKS = "-._~!$&'()*+,;=";
 constexpr std::string_view USER_MARKS = "-._~!$&'()*+,;=:";
 
+std::string lowerCase(std::string_view text) {
+  std::string out(text);
+  std::ranges::transform(out, out.begin(),
+                         [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+  return out;
+}
+
 // Letters, digits, these marks and whole percent-encoded bytes.
 bool holdsOnly(std::string_view text, std::string_view marks) {
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -60,6 +67,7 @@ bool isPort(std::string_view text) {
 bool readAuthority(std::string_view text, URLComponents& components) {
   if (const auto at = text.rfind('@'); at != std::string_view::npos) {
     if (!holdsOnly(text.substr(0, at), USER_MARKS)) return false;
+    components.hasUser = true;
     text.remove_prefix(at + 1);
   }
   const auto colon =
@@ -88,9 +96,7 @@ std::string percentEncode(std::string_view text, std::string_view allowedMarks) 
 std::optional<URLComponents> parseURL(std::string_view text) {
   const auto colon = text.find(':');
   if (colon == std::string_view::npos || !isScheme(text.substr(0, colon))) return std::nullopt;
-  URLComponents components{.scheme = std::string(text.substr(0, colon)), .host = {}, .port = {}};
-  std::ranges::transform(components.scheme, components.scheme.begin(),
-                         [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+  URLComponents components{.scheme = lowerCase(text.substr(0, colon)), .host = {}, .port = {}};
   text.remove_prefix(colon + 1);
   if (text.starts_with("//")) {
     const auto end = std::min(text.find_first_of("/?#", 2), text.size());
@@ -107,6 +113,18 @@ std::optional<URLComponents> parseURL(std::string_view text) {
 
 bool isAbsoluteURL(std::string_view text) {
   return parseURL(text).has_value();
+}
+
+bool isLoopbackHost(std::string_view host) {
+  const std::string name = lowerCase(host);
+  in_addr address;
+  return name == "localhost" || name.ends_with(".localhost") || name == "[::1]" ||
+         (inet_pton(AF_INET, name.c_str(), &address) == 1 && name.starts_with("127."));
+}
+
+bool isUnprotected(std::string_view url) {
+  const auto parts = parseURL(url);
+  return parts && parts->scheme == "http" && !isLoopbackHost(parts->host);
 }
 
 std::string hostOf(std::string_view url) {

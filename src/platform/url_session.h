@@ -24,7 +24,7 @@ struct URLHeader {
 std::optional<std::string_view> findHeader(const std::vector<URLHeader>& headers, std::string_view name);
 
 struct URLRequest {
-  std::string url{};  // absolute; only http and https are ever spoken
+  std::string url{};  // absolute, without a user; only http and https are ever spoken
   std::string method = "GET";
   std::vector<URLHeader> headers{};
   std::optional<std::string> body{};  // in memory; empty is sent as an empty body. Not with an upload file.
@@ -83,7 +83,9 @@ struct URLSessionConfiguration {
   Duration timeoutForResource = seconds(604800);  // the whole of a task, suspended time included
 };
 
-// Rules of every session: HTTP/1.1 over http and https only, also after a redirect. Redirects (at most five, never
+// Rules of every session: HTTP/1.1 over http and https only, also after a redirect. An address with a user's name or a
+// password in it is refused with URL_BAD_URL before anything is sent, also after a redirect: it would be sent as a
+// header that nobody here has asked for. Redirects (at most five, never
 // from https to http) are followed by hand: GET anywhere, but headers of ours go only to the same scheme, host and
 // port; other methods only within it. A download whose body ends before its announced length fails with
 // URL_NETWORK_CONNECTION_LOST. Transfer encodings are undone; content encodings are neither asked for nor undone.

@@ -3,6 +3,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "platform/url.h"
+
 namespace vondle {
 namespace {
 
@@ -67,6 +69,8 @@ void ScriptedTask::cancel() {
 void ScriptedTask::start(Session& session) {
   if (!request_.url.starts_with("http://") && !request_.url.starts_with("https://"))
     return endSoon(Error(URL_ERROR_DOMAIN, URL_UNSUPPORTED_URL, "unsupported URL"));
+  if (const auto address = parseURL(request_.url); !address || address->hasUser)
+    return endSoon(Error(URL_ERROR_DOMAIN, URL_BAD_URL, "bad URL"));
   if (!uploadPath_.empty()) {
     auto bytes = session.loading.files_.read(uploadPath_);
     if (!bytes)

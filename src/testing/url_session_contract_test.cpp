@@ -196,12 +196,25 @@ TYPED_TEST(URLSessionContract, AnUploadOfAFileThatIsNotThereFails) {
 }
 
 TYPED_TEST(URLSessionContract, OnlyHttpAndHttpsAreSpoken) {
-  for (const char* url : {"file:///etc/passwd", "ftp://127.0.0.1/x", "gopher://127.0.0.1/"}) {
+  for (const char* url : {"file:///etc/passwd", "ftp://127.0.0.1/x", "gopher://127.0.0.1/", "data:text/plain,x",
+                          "unix:///run/user/1/bus", "http+unix://%2Frun%2Fsocket/x", "localhost:80/x"}) {
     const auto task = this->session->dataTask({.url = url});
     task->resume();
     ASSERT_TRUE(this->complete(*task));
     EXPECT_TRUE(this->delegate.of(*task).error->is(URL_ERROR_DOMAIN, URL_UNSUPPORTED_URL)) << url;
   }
+}
+
+TYPED_TEST(URLSessionContract, AnAddressWithAUserIsRefused) {
+  const std::string plain = this->rig.url("/hello");
+  const auto host = plain.find("//") + 2;
+  for (const char* user : {"user@", "user:secret@", ":secret@", "@"}) {
+    const auto task = this->session->dataTask({.url = std::string(plain).insert(host, user)});
+    task->resume();
+    ASSERT_TRUE(this->complete(*task));
+    EXPECT_TRUE(this->delegate.of(*task).error->is(URL_ERROR_DOMAIN, URL_BAD_URL)) << user;
+  }
+  EXPECT_EQ(this->rig.requestCount(), 0);
 }
 
 TYPED_TEST(URLSessionContract, CancelledBeforeTheFirstResumeItEndsWithoutARequest) {

@@ -61,6 +61,12 @@ CurlEasyHandle::CurlEasyHandle()
 Result<CurlEasyHandle> CurlEasyHandle::make(const URLRequest& request, const UploadSource* source,
                                             const CurlOptions& options, Duration connectTimeout) {
   CurlEasyHandle handle;
+  const auto address = parseURL(request.url);
+  if (!address || address->hasUser)
+    return failure({URL_ERROR_DOMAIN, URL_BAD_URL, "The address is malformed, or holds a user's name."});
+  // libcurl would take "evil:80/x" for a host and a port.
+  if (address->scheme != "http" && address->scheme != "https")
+    return failure({URL_ERROR_DOMAIN, URL_UNSUPPORTED_URL, "Only http and https addresses are understood."});
   if (!isToken(request.method)) return failure({URL_ERROR_DOMAIN, URL_BAD_URL, "The request's method is not one."});
   if (!handle.setHeaders(request))
     return failure(
@@ -68,7 +74,7 @@ Result<CurlEasyHandle> CurlEasyHandle::make(const URLRequest& request, const Upl
   handle.set(CURLOPT_URL, request.url.c_str());
   handle.setRules(options, connectTimeout);
   handle.setMethod(request, source);
-  if (isLoopbackHost(hostOf(request.url))) handle.set(CURLOPT_PROXY, "");
+  if (isLoopbackHost(address->host)) handle.set(CURLOPT_PROXY, "");
   if (handle.refused_ != CURLE_OK) return failure(urlError(handle.refused_, {}));
   return handle;
 }

@@ -572,6 +572,24 @@ TEST_F(CurlURLSessionTest, AnUploadIsSentAgainWithinItsOriginAndNotElsewhere) {
   EXPECT_TRUE(other.requests().empty());
 }
 
+TEST_F(CurlURLSessionTest, AnAddressOfAnotherKindIsNotFollowedAndOneWithAUserIsRefused) {
+  server.handle("/hello", [](HttpTestExchange& exchange) { exchange.reply(200, "here"); });
+  std::string location;
+  server.handle("/away", [&](HttpTestExchange& exchange) { exchange.reply(302, "no", {{"Location", location}}); });
+  for (const char* other : {"file:///etc/passwd", "ftp://127.0.0.1/x", "gopher://127.0.0.1/x", "data:text/plain,x",
+                            "http+unix://socket/x"}) {
+    location = other;
+    const auto record = get(server.url("/away"));
+    EXPECT_EQ(record.error, std::nullopt) << other;
+    ASSERT_TRUE(record.response) << other;
+    EXPECT_EQ(record.response->status, 302) << other;
+    EXPECT_EQ(record.body, "no") << other;
+  }
+  location = server.url("/hello").insert(std::string("http://").size(), "user:secret@");
+  EXPECT_TRUE(isURLError(get(server.url("/away")).error, URL_BAD_URL));
+  for (const auto& request : server.requests()) EXPECT_EQ(request.target, "/away");
+}
+
 TEST_F(CurlURLSessionTest, ARedirectLoopEnds) {
   server.handle("/", [](HttpTestExchange& exchange) { exchange.reply(302, "", {{"Location", "/again"}}); });
   EXPECT_TRUE(isURLError(get(server.url("/")).error, URL_HTTP_TOO_MANY_REDIRECTS));

@@ -47,6 +47,12 @@ std::optional<std::string> resolve(const std::string& base, std::string_view loc
   return resolved;
 }
 
+// The scheme that a Location names, in lower case; empty for one that is relative.
+std::string schemeOf(std::string_view location) {
+  const auto end = location.find_first_of(":/?#");
+  return end != std::string_view::npos && location[end] == ':' ? lowerCase(location.substr(0, end)) : std::string();
+}
+
 bool becomesGet(int status, const std::string& method) {
   if (method == "HEAD") return false;
   return status == 303 || (method == "POST" && (status == 301 || status == 302));
@@ -59,16 +65,12 @@ bool isSameOrigin(std::string_view url, std::string_view other) {
   return a && a == originOf(other);
 }
 
-bool isLoopbackHost(std::string_view host) {
-  const std::string name = lowerCase(host);
-  return name == "localhost" || name.ends_with(".localhost") || name == "[::1]" ||
-         (name.starts_with("127.") && name.find_first_not_of("0123456789.") == std::string::npos);
-}
-
 RedirectDecision decideRedirect(const URLRequest& request, int status, std::optional<std::string_view> location,
                                 int followed) {
   if (status != 301 && status != 302 && status != 303 && status != 307 && status != 308) return {};
   if (!location || location->empty()) return {};
+  const std::string scheme = schemeOf(*location);
+  if (!scheme.empty() && scheme != "http" && scheme != "https") return {};
   const auto target = resolve(request.url, *location);
   const auto parts = target ? parseURL(*target) : std::nullopt;
   if (!parts)
@@ -76,7 +78,7 @@ RedirectDecision decideRedirect(const URLRequest& request, int status, std::opti
             .error = Error(URL_ERROR_DOMAIN, URL_REDIRECT_TO_NON_EXISTENT_LOCATION,
                            "The server pointed to an address that can't be understood.")};
   const bool wasSecure = parseURL(request.url)->scheme == "https";
-  if (parts->scheme != "https" && (parts->scheme != "http" || wasSecure)) return {};
+  if (wasSecure && parts->scheme != "https") return {};
 
   URLRequest next = request;
   next.url = *target;

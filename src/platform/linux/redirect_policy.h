@@ -26,7 +26,4 @@ RedirectDecision decideRedirect(const URLRequest& request, int status, std::opti
 
 bool isSameOrigin(std::string_view url, std::string_view other);
 
-// "localhost", 127.0.0.0/8 and ::1: never reached through a proxy.
-bool isLoopbackHost(std::string_view host);
-
 }  // namespace vondle
