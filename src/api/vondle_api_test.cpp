@@ -78,13 +78,19 @@ TEST_F(VondleAPITest, TakesAServerThatIsNoAddressAsNotConfigured) {
   EXPECT_THAT(loading.tasks(), IsEmpty());
 }
 
+TEST_F(VondleAPITest, NeverSendsTheKeyOverPlainHTTPToAnotherMachine) {
+  configure("http://other.example");
+  EXPECT_EQ(item("7").error(), Error(APIError::notConfigured()));
+  EXPECT_THAT(loading.tasks(), IsEmpty());
+}
+
 TEST_F(VondleAPITest, ReadsTheConfigurationAgainForEveryRequest) {
   answer("item", R"({"id":"7"})");
   EXPECT_TRUE(item("7"));
-  configure("http://other.example:8080");
+  configure("https://other.example:8080");
   loading.onRequest([](const URLRequest&) { return reply(R"({"id":"7"})"); });
   EXPECT_TRUE(item("7"));
-  EXPECT_EQ(loading.tasks().back()->url(), "http://other.example:8080/vondle/api/item?id=7");
+  EXPECT_EQ(loading.tasks().back()->url(), "https://other.example:8080/vondle/api/item?id=7");
 }
 
 TEST_F(VondleAPITest, NamesTheAccountAndTheClientInEveryRequest) {

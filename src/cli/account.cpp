@@ -24,6 +24,7 @@ Result<Account::Summary> Account::summary() {
   if (!config) return failure(config.error());
   Summary summary;
   if (const auto server = json::text(*config, "server"); server && !server->empty()) summary.server = *server;
+  summary.allowsHTTP = json::boolean(*config, "allow_http").value_or(false);
   const auto keyInFile = json::text(*config, "api_key");
   if (keychain_.readKey())
     summary.key = KeyPlace::keyring;

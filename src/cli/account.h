@@ -23,6 +23,7 @@ class Account {
   struct Summary {
     std::optional<std::string> server;
     KeyPlace key = KeyPlace::nowhere;
+    bool allowsHTTP = false;  // also to other machines
   };
   Result<Summary> summary();
 

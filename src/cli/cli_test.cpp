@@ -192,6 +192,16 @@ TEST_F(CommandLineTest, LoginRefusesWhatIsNoKeyOrNoServer) {
   EXPECT_EQ(checks_, 0);
 }
 
+TEST_F(CommandLineTest, LoginTakesPlainHTTPToAnotherMachineOnlyWhenTheFileAllowsIt) {
+  EXPECT_EQ(run({"login", "--server", "http://a.example"}), 2);
+  EXPECT_THAT(err_.str(), HasSubstr("allow_http"));
+  EXPECT_FALSE(machine_.files.contents(CONFIG));
+  EXPECT_EQ(run({"login", "--server", "http://127.0.0.1:8080"}), 0);
+  machine_.files.put(CONFIG, R"({"allow_http":true})");
+  EXPECT_EQ(run({"login", "--server", "http://a.example"}), 0);
+  EXPECT_EQ(config(), (json::Object{{"allow_http", true}, {"server", "http://a.example"}}));
+}
+
 TEST_F(CommandLineTest, ARefusedLoginChangesNothing) {
   const struct {
     ExitCode code;

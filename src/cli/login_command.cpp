@@ -43,19 +43,16 @@ Outcome<std::string> readKey(const CommandContext& context, const std::string& k
 
 Outcome<std::string> chooseServer(const CommandContext& context, const std::string& asked) {
   const ServerMigration directory(context.platform.files);
-  auto server = asked;
-  if (server.empty()) {
-    const auto known = context.account().summary();
-    if (!known) return fail(ExitCode::failed, known.error().localizedDescription());
-    server = known->server.value_or("");
-  }
-  server = directory.normaliseServer(server);
+  const auto known = context.account().summary();
+  if (!known) return fail(ExitCode::failed, known.error().localizedDescription());
+  const auto server = directory.normaliseServer(asked.empty() ? known->server.value_or("") : asked);
   const auto parts = parseURL(server);
   if (!parts || parts->host.empty() || (parts->scheme != "https" && parts->scheme != "http")) {
     return fail(ExitCode::usage, "\"" + server + "\" is no server address; it looks like https://cloud.example.com");
   }
-  if (isUnprotected(server) && !context.account().allowsHTTP()) {
-    return fail(ExitCode::usage, "\"" + server + "\" would get the key unprotected: use https, or put \"allow_http\": true into " +
+  if (isUnprotected(server) && !known->allowsHTTP) {
+    return fail(ExitCode::usage, "\"" + server +
+                                     "\" would get the key unprotected: use https, or put \"allow_http\": true into " +
                                      context.paths().config());
   }
   return server;

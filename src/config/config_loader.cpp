@@ -4,6 +4,7 @@
 
 #include "base/json.h"
 #include "config/plog.h"
+#include "platform/url.h"
 
 namespace vondle {
 namespace {
@@ -11,6 +12,7 @@ namespace {
 struct Settings {
   std::string server;
   std::optional<std::string> apiKey;
+  bool allowHTTP = false;
 };
 
 std::optional<Settings> readSettings(Files& files, const std::string& path) {
@@ -22,7 +24,8 @@ std::optional<Settings> readSettings(Files& files, const std::string& path) {
   if (!server || server->empty()) return std::nullopt;
   const auto apiKey = json::text(*object, "api_key");
   return Settings{.server = std::string(*server),
-                  .apiKey = apiKey ? std::optional(std::string(*apiKey)) : std::nullopt};
+                  .apiKey = apiKey ? std::optional(std::string(*apiKey)) : std::nullopt,
+                  .allowHTTP = json::boolean(*object, "allow_http").value_or(false)};
 }
 
 }  // namespace
@@ -40,7 +43,16 @@ std::optional<Config> ConfigLoader::load() {
   if (!key) return std::nullopt;
   std::string server = std::move(settings->server);
   while (server.ends_with('/')) server.pop_back();
-  return Config{.server = followMove(std::move(server)), .apiKey = *std::move(key)};
+  server = followMove(std::move(server));
+  if (!mayBeAsked(server, settings->allowHTTP)) return std::nullopt;
+  return Config{.server = std::move(server), .apiKey = *std::move(key)};
+}
+
+bool ConfigLoader::mayBeAsked(const std::string& server, bool allowHTTP) const {
+  if (allowHTTP || !isUnprotected(server)) return true;
+  plog.error("%{public}@ would get the key unprotected: use https, or put \"allow_http\": true into %{public}@", server,
+             paths_.config());
+  return false;
 }
 
 std::optional<std::string> ConfigLoader::findKey(const std::optional<std::string>& keyInFile) {

@@ -122,6 +122,38 @@ TEST_F(ConfigLoaderTest, StripsEverySlashAtTheEndOfTheServer) {
   }
 }
 
+TEST_F(ConfigLoaderTest, RefusesPlainHTTPToAnotherMachineUnlessItIsAllowed) {
+  struct Case {
+    const char* server;
+    const char* allowHTTP;
+    bool isUsed;
+  };
+  for (const auto& [server, allowHTTP, isUsed] : {
+           Case{"http://a.example", "", false},
+           Case{"HTTP://a.example:8080", "", false},
+           Case{"http://a.example", R"(,"allow_http":false)", false},
+           Case{"http://a.example", R"(,"allow_http":1)", false},
+           Case{"http://a.example", R"(,"allow_http":"true")", false},
+           Case{"http://a.example", R"(,"allow_http":true)", true},
+           Case{"http://127.0.0.1:8080", "", true},
+           Case{"http://localhost:8080", "", true},
+           Case{"http://[::1]:8080", "", true},
+           Case{"https://a.example", "", true},
+       }) {
+    log.clear();
+    files.put(PATH, std::string(R"({"api_key":"k","server":")") + server + "\"" + allowHTTP + "}");
+    EXPECT_EQ(loader.load(), isUsed ? std::optional(Config{server, "k"}) : std::nullopt) << server << allowHTTP;
+    if (isUsed)
+      EXPECT_THAT(log.lines(), IsEmpty()) << server;
+    else
+      EXPECT_THAT(log.lines(),
+                  ElementsAre(line(LogLevel::error, std::string(server) +
+                                                        " would get the key unprotected: use https, or put "
+                                                        "\"allow_http\": true into " +
+                                                        PATH)));
+  }
+}
+
 TEST_F(ConfigLoaderTest, FollowsAServerThatHasMovedAndSavesThat) {
   files.put(PATH, R"({"server":"https://OLD.example:8443/api","api_key":"k"})", 0644);
   EXPECT_EQ(loader.load(), (Config{"https://now.example", "k"}));
