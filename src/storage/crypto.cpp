@@ -38,28 +38,6 @@ std::string hexadecimal(std::string_view bytes) {
   return out;
 }
 
-std::optional<std::string> fromHexadecimal(std::string_view digits) {
-  if (digits.size() % 2 != 0) return std::nullopt;
-  std::string out;
-  out.reserve(digits.size() / 2);
-  int value = 0;
-  for (std::size_t i = 0; i < digits.size(); ++i) {
-    const char c = digits[i];
-    int digit = 0;
-    if (c >= '0' && c <= '9')
-      digit = c - '0';
-    else if (c >= 'a' && c <= 'f')
-      digit = c - 'a' + 10;
-    else
-      return std::nullopt;
-    value = value * 16 + digit;
-    if (i % 2 == 0) continue;
-    out += static_cast<char>(value);
-    value = 0;
-  }
-  return out;
-}
-
 std::string sha256(std::string_view bytes) {
   Sha256 hasher;
   hasher.add(bytes);

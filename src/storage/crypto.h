@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -12,7 +11,6 @@ namespace vondle::storage {
 
 // Lower-case hexadecimal digits.
 std::string hexadecimal(std::string_view bytes);
-std::optional<std::string> fromHexadecimal(std::string_view digits);
 
 std::string sha256(std::string_view bytes);                              // 32 bytes
 std::string hmacSha256(std::string_view secret, std::string_view text);  // 32 bytes
