@@ -45,7 +45,7 @@ Outcome<std::string> chooseServer(const CommandContext& context, const std::stri
   const ServerMigration directory(context.platform.files);
   const auto known = context.account().summary();
   if (!known) return fail(ExitCode::failed, known.error().localizedDescription());
-  const auto server = directory.normaliseServer(asked.empty() ? known->server.value_or("") : asked);
+  auto server = directory.normaliseServer(asked.empty() ? known->server.value_or("") : asked);
   const auto parts = parseURL(server);
   if (!parts || parts->host.empty() || (parts->scheme != "https" && parts->scheme != "http")) {
     return fail(ExitCode::usage, "\"" + server + "\" is no server address; it looks like https://cloud.example.com");

@@ -136,7 +136,7 @@ class Program {
       const auto done = store->write<bool>([&]() -> Answer<bool> {
         const auto account = store->accountNamed(parts->first);
         if (!account) return refuse(404, fmt::format("--quota: there is no account {}", parts->first));
-        store->setQuota(account->id, *bytes == 0 ? std::nullopt : std::optional(*bytes));
+        store->setQuota(account->id, *bytes == 0 ? std::nullopt : bytes);
         return true;
       });
       if (!done) return complain(FAILED, done.error().text);
@@ -148,7 +148,7 @@ class Program {
     auto store = stores_->writer();
     return store->write<std::string>([&]() -> Answer<std::string> {
       if (auto secret = store->setting("signing_secret")) return *secret;
-      const std::string secret = hexadecimal(randomBytes(32));
+      std::string secret = hexadecimal(randomBytes(32));
       store->set("signing_secret", secret);
       return secret;
     });

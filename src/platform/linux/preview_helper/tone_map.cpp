@@ -74,7 +74,7 @@ void toneMap(std::span<const std::uint16_t> rgb, AVColorTransferCharacteristic t
     const float brightest = std::max({light[0], light[1], light[2], 1e-6F});
     const auto scale = static_cast<float>(compress(brightest)) / brightest;
     for (int colour = 0; colour < 3; ++colour)
-      bytes[i + colour] = display[static_cast<int>(std::clamp(light[colour] * scale, 0.0F, 1.0F) * (STEPS - 1) + 0.5F)];
+      bytes[i + colour] = display[std::lround(std::clamp(light[colour] * scale, 0.0F, 1.0F) * (STEPS - 1))];
   }
 }
 
