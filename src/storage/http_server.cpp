@@ -117,11 +117,11 @@ std::multimap<std::string, std::string> queryOf(const httplib::Request& request)
   return {request.params.begin(), request.params.end()};
 }
 
-void send(httplib::Response& response, ApiReply reply) {
+void send(httplib::Response& response, const ApiReply& reply) {
   response.status = reply.status;
   if (!reply.allow.empty()) response.set_header("Allow", reply.allow);
   response.set_header("Cache-Control", "no-store");
-  response.set_content(std::move(reply.body), "application/json");
+  response.set_content(reply.body, "application/json");
 }
 
 void send(httplib::Response& response, const Refusal& refusal) {
@@ -253,8 +253,11 @@ class HttpServer::Implementation final : public httplib::Server {
   std::string baseFor(const httplib::Request& request) const {
     if (!options_.publicUrl.empty()) return options_.publicUrl;
     const std::string named = request.get_header_value("Host");
-    const std::string host = named.substr(0, named.rfind(':'));
-    if (host == "127.0.0.1" || host == "localhost") return "http://" + named;
+    const auto colon = named.find(':');
+    const std::string host = named.substr(0, colon);
+    const bool hasPlainPort =
+        colon == std::string::npos || named.find_first_not_of("0123456789", colon + 1) == std::string::npos;
+    if (hasPlainPort && (host == "127.0.0.1" || host == "localhost")) return "http://" + named;
     return fmt::format("http://{}:{}", options_.host, port_);
   }
 
