@@ -144,7 +144,7 @@ void HttpTestServer::release() {
 }
 
 bool HttpTestServer::waitForWaiting(int count) {
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   MutexLock hold(lock_);
   while (waiting_ < count)
     if (changed_.wait_until(lock_, limit) == std::cv_status::timeout) return waiting_ >= count;

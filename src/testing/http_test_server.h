@@ -89,7 +89,7 @@ class HttpTestServer {
 
   // Lets every waiting exchange go on, and all that will wait.
   void release() EXCLUDES(lock_);
-  // Blocks until as many exchanges wait for their release; false when that takes more than ten seconds.
+  // Blocks until as many exchanges wait for their release; false when that takes more than thirty seconds.
   bool waitForWaiting(int count) EXCLUDES(lock_);
 
  private:

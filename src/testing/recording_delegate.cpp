@@ -9,7 +9,7 @@ RecordingDelegate::Record RecordingDelegate::of(URLTaskID task) const {
 }
 
 bool RecordingDelegate::waitUntil(const std::function<bool()>& condition) {
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   std::uint64_t seen = 0;
   while (true) {
     {

@@ -471,42 +471,48 @@ TEST_F(CurlURLSessionTest, IdleTimeEndsATaskAtEveryStage) {
 }
 
 TEST_F(CurlURLSessionTest, BytesInEitherDirectionKeepATaskAlive) {
-  makeSession({.timeoutForRequest = seconds(0.3)});
-  // Each piece comes after a fifth of the idle limit, the whole after more than the limit.
-  const auto pace = [] { std::this_thread::sleep_for(std::chrono::milliseconds(60)); };
+  makeSession({.timeoutForRequest = seconds(1)});
+  constexpr int PIECES = 25;
+  // A piece comes after a twentieth of the idle limit, the whole after more than the limit.
+  const auto pace = [] { std::this_thread::sleep_for(std::chrono::milliseconds(50)); };
   server.handle("/slow-answer", [&](HttpTestExchange& exchange) {
-    exchange.start(200, {{"Content-Length", "8"}});
-    for (int i = 0; i < 8; ++i) {
+    exchange.start(200, {{"Content-Length", std::to_string(PIECES)}});
+    for (int i = 0; i < PIECES; ++i) {
       pace();
       exchange.write("x");
     }
   });
-  EXPECT_EQ(get(server.url("/slow-answer")).error, std::nullopt);
-  constexpr std::size_t PIECE = 4 * MEGABYTE;
   server.handle("/slow-reader", [&](HttpTestExchange& exchange) {
-    for (int i = 0; i < 8; ++i) {
+    for (int i = 0; i < PIECES; ++i) {
       pace();
-      for (std::size_t read = 0; read < PIECE;) read += exchange.readBody(PIECE - read).size();
+      for (std::size_t read = 0; read < MEGABYTE;) {
+        const auto piece = exchange.readBody(MEGABYTE - read).size();
+        if (piece == 0) return;
+        read += piece;
+      }
     }
     exchange.reply(200);
   });
-  const auto task =
-      session->uploadTask({.url = server.url("/slow-reader"), .method = "PUT"}, file(std::string(8 * PIECE, 'u')));
-  EXPECT_EQ(run(*task).error, std::nullopt);
+  const auto download = session->dataTask({.url = server.url("/slow-answer")});
+  const auto upload = session->uploadTask({.url = server.url("/slow-reader"), .method = "PUT"},
+                                          file(std::string(PIECES * MEGABYTE, 'u')));
+  download->resume();
+  EXPECT_EQ(run(*upload).error, std::nullopt);
+  EXPECT_EQ(run(*download).error, std::nullopt);
 }
 
 TEST_F(CurlURLSessionTest, SuspendedTimeIsNotIdleTime) {
-  makeSession({.timeoutForRequest = seconds(0.2)});
   server.handle("/", [](HttpTestExchange& exchange) { exchange.reply(200, std::string(MEGABYTE, 'x')); });
   server.handle("/silent", [](HttpTestExchange& exchange) { exchange.waitForRelease(); });
   delegate.onData = [](URLSessionTask& task, std::int64_t) {
     if (task.identifier() == 1) task.suspend();
   };
-  const auto task = session->dataTask({.url = server.url("/")});
+  const auto task = session->dataTask({.url = server.url("/"), .timeout = seconds(1)});
   task->resume();
   ASSERT_TRUE(delegate.waitUntil([&] { return delegate.of(*task).dataCalls > 0; }));
-  // Another task's idle limit passes meanwhile, twice.
-  for (int i = 0; i < 2; ++i) EXPECT_TRUE(isURLError(get(server.url("/silent")).error, URL_TIMED_OUT));
+  // A longer idle limit of another task passes meanwhile.
+  const auto silent = session->dataTask({.url = server.url("/silent"), .timeout = seconds(1.1)});
+  EXPECT_TRUE(isURLError(run(*silent).error, URL_TIMED_OUT));
   EXPECT_FALSE(delegate.of(*task).completed);
   delegate.onData = nullptr;
   task->resume();
