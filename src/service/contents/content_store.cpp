@@ -171,6 +171,7 @@ class ContentStore::Fetch final : public std::enable_shared_from_this<Fetch> {
     if (!attributes) return discard(noSuchItem());
     if (attributes->contentTag != tag_) return again();
     const auto path = store_->pathOf(inode_, tag_);
+    ::mkdir(store_->folder_.c_str(), 0700);  // which may have been removed to make room
     if (auto moved = moveFile(contents_.path, path); !moved) return discard(std::move(moved.error()));
     finish(ContentFile::open(path, tag_));
   }

@@ -307,6 +307,21 @@ TEST_F(ContentStoreTest, EvictingGivesTheRoomBackButNotDuringAFetch) {
   EXPECT_EQ(extension_.fetchesOf("11"), 2);
 }
 
+TEST_F(ContentStoreTest, ContentsThatSomebodyRemovedAreFetchedAgain) {
+  for (const bool folderToo : {false, true}) {
+    EXPECT_EQ(textOf(*get()), "contents");
+    for (const auto& name : filesHere()) std::filesystem::remove(folder_ + "/contents/" + name);
+    if (folderToo) std::filesystem::remove(folder_ + "/contents");
+    EXPECT_EQ(textOf(*get()), "contents") << folderToo;
+    EXPECT_EQ(store_->bytesHere(), 8) << folderToo;
+    EXPECT_THAT(filesHere(), SizeIs(1)) << folderToo;
+  }
+  EXPECT_EQ(extension_.fetchesOf("11"), 3);
+  struct stat status{};
+  ::stat((folder_ + "/contents").c_str(), &status);
+  EXPECT_EQ(status.st_mode & 0777, 0700U);
+}
+
 TEST_F(ContentStoreTest, AfterARestartWhatIsHereCountsAndTheRestGoes) {
   get();
   inode_ = *replica_->inodeOf({"12"});

@@ -160,6 +160,7 @@ Result<void> FuseChannel::open(int device) {
   fuse_args args{.argc = 1, .argv = arguments, .allocated = 0};
   static const fuse_lowlevel_ops OPERATIONS = operations();
   session_ = fuse_session_new(&args, &OPERATIONS, sizeof OPERATIONS, this);
+  fuse_opt_free_args(&args);
   if (!session_) return failed(ENOMEM, "libfuse");
   static const fuse_custom_io IO = {
       .writev = writeDevice, .read = readDevice, .splice_receive = spliceDevice, .splice_send = spliceDevice};
@@ -355,12 +356,10 @@ void FuseRequest::onInterrupt(std::function<void()> interrupted) {
       reinterpret_cast<void*>(static_cast<std::uintptr_t>(interruptKey_)));
 }
 
-FuseSession::FuseSession(std::shared_ptr<FuseChannel> channel) : channel_(std::move(channel)) {
-  for (int i = 0; i < THREADS; ++i) threads_.emplace_back([channel = channel_] { channel->serve(); });
-}
+FuseSession::FuseSession(std::shared_ptr<FuseChannel> channel) : channel_(std::move(channel)) {}
 
-Result<std::unique_ptr<FuseSession>> FuseSession::start(int device, FuseHandler& handler, Scheduler& scheduler,
-                                                        std::function<void()> ended) {
+Result<std::unique_ptr<FuseSession>> FuseSession::open(int device, FuseHandler& handler, Scheduler& scheduler,
+                                                       std::function<void()> ended) {
   auto channel = std::make_shared<FuseChannel>(handler, scheduler, std::move(ended));
   if (auto opened = channel->open(device); !opened) return std::unexpected(opened.error());
   return std::unique_ptr<FuseSession>(new FuseSession(std::move(channel)));
@@ -368,6 +367,10 @@ Result<std::unique_ptr<FuseSession>> FuseSession::start(int device, FuseHandler&
 
 FuseSession::~FuseSession() {
   stop();
+}
+
+void FuseSession::serve() {
+  for (int i = 0; i < THREADS; ++i) threads_.emplace_back([channel = channel_] { channel->serve(); });
 }
 
 void FuseSession::stop() {

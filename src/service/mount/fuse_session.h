@@ -21,9 +21,12 @@ class FuseSession final : public KernelCaches {
 
   // Takes the descriptor over. The handler outlives the session; interrupts come on the scheduler's threads. `ended`
   // runs once when the kernel ends the conversation (the folder was unmounted), not after stop; it must not call back.
-  static Result<std::unique_ptr<FuseSession>> start(int device, FuseHandler& handler, Scheduler& scheduler,
-                                                    std::function<void()> ended);
+  static Result<std::unique_ptr<FuseSession>> open(int device, FuseHandler& handler, Scheduler& scheduler,
+                                                   std::function<void()> ended);
   ~FuseSession() override;
+
+  // Requests are handed out from now on.
+  void serve();
 
   // No request is handed out any more when it returns. Those not answered yet still can be.
   void stop();

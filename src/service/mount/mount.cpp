@@ -56,8 +56,8 @@ Result<std::unique_ptr<Mount>> Mount::start(const MountOptions& options, Tree& t
   auto mountPoint = MountPoint::mount(options.path, options.name);
   if (!mountPoint) return std::unexpected(mountPoint.error());
   mount->mountPoint_ = std::move(*mountPoint);
-  auto session = FuseSession::start(mount->mountPoint_->takeDevice(), *mount->filesystem_, scheduler,
-                                    [signal = mount->endSignal_] { signal->ended(); });
+  auto session = FuseSession::open(mount->mountPoint_->takeDevice(), *mount->filesystem_, scheduler,
+                                   [signal = mount->endSignal_] { signal->ended(); });
   if (!session) return std::unexpected(session.error());
   mount->session_ = std::move(*session);
   mount->notifier_ = std::make_shared<KernelNotifier>(*mount->session_);
@@ -70,6 +70,7 @@ Result<std::unique_ptr<Mount>> Mount::start(const MountOptions& options, Tree& t
     const auto telling = notifier.lock();
     if (answering && telling) telling->tell(answering->apply(changes));
   });
+  mount->session_->serve();
   struct stat status{};
   if (::stat(options.path.c_str(), &status) != 0) return failure(Error::posix(errno, options.path));
   return mount;

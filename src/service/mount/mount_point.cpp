@@ -129,6 +129,8 @@ Result<void> makeReady(const std::string& path) {
     slog.log("cleaning up the dead mount at %{public}@", path);
     detach(path);
   }
+  if (S_ISLNK(status.st_mode))
+    return failure(refusal(ENOTDIR, fmt::format("{} is a symbolic link; name the folder that it leads to.", path)));
   if (!S_ISDIR(status.st_mode)) return failure(refusal(ENOTDIR, fmt::format("{} is not a folder.", path)));
   if (const auto other = mountAt(path); other && other->type == FILE_SYSTEM_TYPE)
     return failure(

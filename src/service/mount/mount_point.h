@@ -11,7 +11,7 @@ namespace vondle {
 class MountPoint {
  public:
   // Mounts for reading. A missing folder is made; a dead mount of ours there is taken off first; a folder that is not
-  // empty, and a live mount of ours, are refused. Errors say what to do.
+  // empty, and a live mount of ours, are refused, and so is a symbolic link in its place. Errors say what to do.
   static Result<std::unique_ptr<MountPoint>> mount(const std::string& path, const std::string& name);
   // Unmounts.
   ~MountPoint();

@@ -69,6 +69,7 @@ std::string distinctLocalName(std::string_view serverName, std::string_view iden
 }
 
 std::optional<std::string> serverName(std::string_view localName) {
+  if (localName.size() > MAX_LOCAL_NAME) return std::nullopt;
   if (!localName.starts_with(LOCAL_NAME_MARK))
     return nameProblem(localName) ? std::nullopt : std::optional(std::string(localName));
   std::string name;

@@ -38,7 +38,7 @@ std::string localName(std::string_view serverName, std::string_view identifier);
 std::string distinctLocalName(std::string_view serverName, std::string_view identifier, unsigned attempt);
 
 // The server name that a local name stands for; absent for names that were cut or tagged, and for texts that start with
-// LOCAL_NAME_MARK without being such a name. For a name that a program chooses for a new item.
+// LOCAL_NAME_MARK without being such a name, or are too long for any. For a name that a program chooses for a new item.
 std::optional<std::string> serverName(std::string_view localName);
 
 }  // namespace vondle

@@ -101,6 +101,9 @@ TEST(LocalNameTest, TextsThatNoServerNameLeadsToHaveNone) {
   for (const auto* local :
        {"", ".", "..", "a/b", "latin\xe9", "%=plain", "%=%2f", "%=%2", "%=%zz", "%=%41", "%=a%#00.txt"})
     EXPECT_EQ(serverName(local), std::nullopt) << local;
+  std::string tooLong(LOCAL_NAME_MARK);
+  for (int i = 0; i < 100; ++i) tooLong += "%2F";
+  EXPECT_EQ(serverName(tooLong), std::nullopt);
 }
 
 }  // namespace

@@ -392,6 +392,51 @@ TEST_F(ReplicaTest, ADatabaseWithItemsThatNothingLeadsToIsMadeAnew) {
   }
 }
 
+TEST_F(ReplicaTest, ADatabaseThatIsCutAnywhereIsUsedOrMadeAnewButNeverBelievedInPart) {
+  list(ROOT, {folder("a", ROOT, "A")});
+  std::vector<Item> files;
+  for (int i = 0; i < 300; ++i) files.push_back(file(fmt::format("f{}", i), "a", fmt::format("{} of many.txt", i)));
+  list("a", files);
+  replica_.reset();
+  const auto whole = [&] {
+    std::ifstream bytes(path(), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(bytes), {});
+  }();
+  ASSERT_GT(whole.size(), 16'384U);
+  std::set<std::size_t> lengths = {0, 1, 15, 16, 99, 100, whole.size() - 1};
+  for (std::size_t length = 0; length < whole.size(); length += 4096)
+    lengths.insert({length, length + 1, length + 2047, length + 4095});
+  for (const auto length : lengths) {
+    if (length >= whole.size()) continue;
+    std::ofstream(path(), std::ios::binary | std::ios::trunc) << whole.substr(0, length);
+    open();
+    EXPECT_EQ(replica_->itemCount(), 0U) << length;
+    EXPECT_FALSE(replica_->isListed(ROOT_INODE)) << length;
+    buildTree();
+    open();
+    EXPECT_EQ(pathOf("x"), "/A/x.txt") << length;
+    replica_.reset();
+    for (const auto* suffix : {"-wal", "-shm"}) std::filesystem::remove(path() + suffix);
+  }
+}
+
+TEST_F(ReplicaTest, ATreeOfTenThousandLevelsIsKeptMovedAndRemoved) {
+  constexpr int LEVELS = 10'000;
+  const auto id = [](int level) { return level == 0 ? ROOT : fmt::format("{}", level); };
+  for (int level = 0; level < LEVELS; ++level) list(id(level), {folder(id(level + 1), id(level), "d")});
+  list(id(LEVELS), {file("x", id(LEVELS), "x.txt")});
+  EXPECT_EQ(pathOf("x").size(), 2 * LEVELS + 6U);
+  open();
+  EXPECT_EQ(pathOf("x").size(), 2 * LEVELS + 6U);
+  EXPECT_EQ(replica_->inodeAtPath(pathOf("x")), inode("x"));
+  update({folder("1", id(LEVELS), "round in a circle")});
+  EXPECT_EQ(replica_->itemCount(), LEVELS + 1U);
+  update({folder("2", ROOT, "moved")});
+  EXPECT_EQ(pathOf("x").size(), 2 * (LEVELS - 2) + 12U);
+  replica_->applyNews({}, {{"2"}});
+  EXPECT_EQ(replica_->itemCount(), 1U);
+}
+
 // What the server says is random and mostly nonsense; the tree must stay a tree and be the same after a restart.
 TEST_F(ReplicaTest, StaysATreeWhateverTheServerSays) {
   std::mt19937 random(4711);
