@@ -410,8 +410,10 @@ TEST_F(ReplicaTest, ADatabaseThatIsCutAnywhereIsUsedOrMadeAnewButNeverBelievedIn
     if (length >= whole.size()) continue;
     std::ofstream(path(), std::ios::binary | std::ios::trunc) << whole.substr(0, length);
     open();
-    EXPECT_EQ(replica_->itemCount(), 0U) << length;
-    EXPECT_FALSE(replica_->isListed(ROOT_INODE)) << length;
+    // SQLite does not miss bytes that it had not used.
+    const bool isUsed = replica_->isListed(ROOT_INODE);
+    EXPECT_EQ(replica_->itemCount(), isUsed ? files.size() + 1 : 0U) << length;
+    EXPECT_TRUE(!isUsed || length == whole.size() - 1) << length;
     buildTree();
     open();
     EXPECT_EQ(pathOf("x"), "/A/x.txt") << length;
