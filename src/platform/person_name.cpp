@@ -43,11 +43,26 @@ bool hasLetter(std::string_view text) {
       text, [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c & 0x80) != 0; });
 }
 
+constexpr std::string_view BLANKS = " \t\r\n";
+
+// Commas stand at the end of a word only, one at most, and not before the first.
+std::string withTidyCommas(std::string_view text) {
+  std::string out;
+  while (!text.empty()) {
+    const auto end = std::min(text.find(','), text.size());
+    out += text.substr(0, end);
+    out.erase(out.find_last_not_of(BLANKS) + 1);
+    text.remove_prefix(std::min(text.find_first_not_of(std::string(BLANKS) + ",", end), text.size()));
+    if (!out.empty() && !text.empty()) out += ", ";
+  }
+  return out;
+}
+
 Words split(std::string_view text) {
   Words words;
   std::size_t at = 0;
-  while ((at = text.find_first_not_of(" \t\r\n", at)) != std::string_view::npos) {
-    const auto end = std::min(text.find_first_of(" \t\r\n", at), text.size());
+  while ((at = text.find_first_not_of(BLANKS, at)) != std::string_view::npos) {
+    const auto end = std::min(text.find_first_of(BLANKS, at), text.size());
     words.push_back(text.substr(at, end - at));
     at = end;
   }
@@ -99,12 +114,13 @@ void splitEastAsian(std::string_view word, PersonNameComponents& components) {
 std::optional<PersonNameComponents> parsePersonName(std::string_view text) {
   if (!hasLetter(text)) return std::nullopt;
   PersonNameComponents components;
-  const Words words = withoutTitlesAndSuffixes(split(text), components);
+  const std::string tidy = withTidyCommas(text);
+  const Words words = withoutTitlesAndSuffixes(split(tidy), components);
 
   const auto comma = std::ranges::find_if(words, [](std::string_view word) { return word.ends_with(','); });
   if (comma != words.end() && comma + 1 != words.end()) {  // family, given middle
     components.familyName = join({words.begin(), comma + 1});
-    components.givenName = *(comma + 1);
+    components.givenName = join({comma + 1, comma + 2});
     components.middleName = join({comma + 2, words.end()});
     return components;
   }
