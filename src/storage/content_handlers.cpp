@@ -232,6 +232,7 @@ Answer<std::unique_ptr<Receiver>> ContentHandlers::upload(const ContentRequest& 
                                                           std::string_view contentType) {
   if (auto allowed = check(request); !allowed) return refuse(std::move(allowed.error()));
   if (!length) return refuse(411, "the length of the body is not told");
+  if (*length > MAX_FILE_SIZE) return refuse(413, "no file is that long");
 
   if (const auto thumb = keyAfter(request.path, "/vondle/thumbs/")) {
     if (contentType != "image/jpeg") return refuse(415, "a preview is sent as image/jpeg");

@@ -10,7 +10,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -128,6 +130,16 @@ void send(httplib::Response& response, const Refusal& refusal) {
   send(response, errorReply(refusal.status, refusal.text));
 }
 
+std::optional<std::int64_t> lengthOf(const httplib::Request& request) {
+  if (request.has_header("Transfer-Encoding") || request.get_header_value_count("Content-Length") != 1)
+    return std::nullopt;
+  const std::string text = request.get_header_value("Content-Length");
+  std::int64_t length = -1;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), length);
+  if (error != std::errc() || end != text.data() + text.size() || length < 0) return std::nullopt;
+  return length;
+}
+
 bool hasBody(const httplib::Request& request) {
   return request.has_header("Transfer-Encoding") ||
          (request.has_header("Content-Length") && request.get_header_value("Content-Length") != "0");
@@ -141,7 +153,11 @@ class HttpServer::Implementation final : public httplib::Server {
  public:
   Implementation(HttpOptions options, ApiHandlers& api, ContentHandlers& contents)
       : options_(std::move(options)), api_(api), contents_(contents) {
-    new_task_queue = [] { return new httplib::ThreadPool(MAX_CONNECTIONS); };
+    // Made when serving begins; only from then on can the library be stopped.
+    new_task_queue = [this] {
+      setState(State::serving);
+      return new httplib::ThreadPool(MAX_CONNECTIONS);
+    };
     set_tcp_nodelay(true);
     set_keep_alive_timeout(IDLE_SECONDS);
     set_keep_alive_max_count(1'000'000);
@@ -176,30 +192,52 @@ class HttpServer::Implementation final : public httplib::Server {
                       fmt::format("cannot listen on {}:{}: is the port taken, or the address not of this machine?",
                                   options_.host, options_.port)});
     }
+    // The library's queue of five makes clients that come together wait a second.
+    ::listen(svr_sock_, SOMAXCONN);
     port_ = port;
     return port;
   }
 
+  bool serve() {
+    const bool served = listen_after_bind();
+    setState(State::ended);
+    return served;
+  }
+
   void cut() {
+    {
+      MutexLock lock(lock_);
+      while (state_ == State::bound) stateChanged_.wait(lock_);
+      stopping_ = true;
+    }
     stop();
     const MutexLock lock(lock_);
-    stopping_ = true;
     for (const int socket : sockets_) ::shutdown(socket, SHUT_RDWR);
   }
 
  private:
+  enum class State { bound, serving, ended };
+
+  void setState(State state) EXCLUDES(lock_) {
+    const MutexLock lock(lock_);
+    state_ = state;
+    stateChanged_.notify_all();
+  }
+
   bool process_and_close_socket(socket_t socket) override {
     if (add(socket)) {
       SocketStream stream(socket);
       while (stream.waitForRequest()) {
         bool closed = false;
+        bool understood = false;
         bodyIsLeft = false;
-        const bool answered = process_request(stream, false, closed, [](httplib::Request& request) {
+        const bool answered = process_request(stream, false, closed, [&](httplib::Request& request) {
+          understood = true;
           request.ranges.clear();
           bodyIsLeft = hasBody(request);
         });
-        if (answered && !closed && !bodyIsLeft) continue;
-        if (answered && bodyIsLeft) stream.linger();
+        if (answered && understood && !closed && !bodyIsLeft) continue;
+        if (answered && !closed) stream.linger();
         break;
       }
     }
@@ -274,10 +312,8 @@ class HttpServer::Implementation final : public httplib::Server {
       send(response, errorReply(415, "contents are sent as they are"));
       return;
     }
-    std::optional<std::int64_t> length;
-    if (request.has_header("Content-Length") && !request.has_header("Transfer-Encoding"))
-      length = request.get_header_value<std::uint64_t>("Content-Length");
-    auto receiver = contents_.upload(contentRequest(request), length, request.get_header_value("Content-Type"));
+    auto receiver =
+        contents_.upload(contentRequest(request), lengthOf(request), request.get_header_value("Content-Type"));
     if (!receiver) {
       send(response, receiver.error());
       return;
@@ -371,6 +407,8 @@ class HttpServer::Implementation final : public httplib::Server {
   ApiHandlers& api_;
   ContentHandlers& contents_;
   Mutex lock_;
+  ConditionVariable stateChanged_;
+  State state_ GUARDED_BY(lock_) = State::bound;
   std::set<int> sockets_ GUARDED_BY(lock_);
   bool stopping_ GUARDED_BY(lock_) = false;
 };

@@ -26,9 +26,10 @@ class HttpServer {
 
   // Takes the address; answers the port.
   Result<int> bind();
-  // Serves until stop; false when it could not.
+  // Serves until stop; false when it could not. Once.
   bool run();
-  // Ends run: takes no new connection and cuts those that are open. What was answered before stays done. Any thread.
+  // Ends run, waiting for it to begin: takes no new connection and cuts those that are open. What was answered before
+  // stays done. Any other thread.
   void stop();
 
  private:

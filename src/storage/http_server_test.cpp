@@ -25,8 +25,6 @@ class HttpServerTest : public testing::Test {
     ASSERT_TRUE(port) << port.error().localizedDescription();
     port_ = *port;
     thread_ = std::thread([this] { EXPECT_TRUE(server_->run()); });
-    // Before it serves, stopping it would be lost.
-    EXPECT_EQ(RawHttpClient(port_).request("GET", "/").status, 404);
   }
   void stop() {
     if (!thread_.joinable()) return;
@@ -159,6 +157,26 @@ TEST_F(HttpServerTest, ContentsAreSentWithOnePut) {
   EXPECT_EQ(rig_.at("empty").number("size"), 0);
 }
 
+TEST_F(HttpServerTest, ALengthThatIsNoLengthIsRefused) {
+  const auto file = rig_.makeFile("f", "x");
+  const auto place = rig_.post("content-url", {{"id", file.text("id")}, {"base_version", 1}});
+  for (const char* length : {"-1", "18446744073709551615", "99999999999999999999999", "1x", "+1", "0x10"}) {
+    RawHttpClient client(port_);
+    client.send("PUT " + targetOf(place.text("upload_url")) + " HTTP/1.1\r\nHost: x\r\nContent-Length: " + length +
+                "\r\n\r\nx");
+    EXPECT_GE(client.receive().status, 400) << length;
+    EXPECT_TRUE(client.isEnded()) << length;
+  }
+  EXPECT_EQ(once("PUT", targetOf(place.text("upload_url")), "Content-Length: 1\r\n", "x").status, 411);
+}
+
+TEST_F(HttpServerTest, StoppingAtOnceIsNotLost) {
+  for (int i = 0; i < 20; ++i) {
+    stop();
+    start({});
+  }
+}
+
 TEST_F(HttpServerTest, AClientThatWaitsForLeaveToSendGetsIt) {
   const auto target = targetOf(rig_.target("", "f", 5).text("upload_url"));
   RawHttpClient client(port_);
@@ -232,6 +250,7 @@ TEST_F(HttpServerTest, RequestsThatMakeNoSenseAreRefused) {
   RawHttpClient client(port_);
   client.send("nonsense\r\n\r\n");
   EXPECT_EQ(client.receive().status, 400);
+  EXPECT_TRUE(client.isEnded());
 }
 
 TEST_F(HttpServerTest, TheAccountKeyIsNotTakenByContents) {

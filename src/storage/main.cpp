@@ -108,6 +108,7 @@ class Program {
   int open() {
     if (::mkdir(arguments_.root.c_str(), 0700) != 0 && errno != EEXIST)
       return complain(FAILED, Error::posix(errno, "cannot make " + arguments_.root).localizedDescription());
+    // Held until the process ends.
     const std::string lockPath = arguments_.root + "/lock";
     const int lock = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (lock < 0) return complain(FAILED, Error::posix(errno, "cannot open " + lockPath).localizedDescription());

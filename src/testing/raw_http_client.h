@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <map>
 #include <string>
@@ -83,7 +84,7 @@ class RawHttpClient {
   }
 
   // True when the server sends nothing more and has ended the connection.
-  bool isEnded() { return buffer_.empty() && !fill(); }
+  bool isEnded() { return buffer_.empty() && !fill() && errno != EAGAIN; }
 
   // One request with a length for its body; `headers` are whole lines.
   Response request(std::string_view method, std::string_view target, std::string_view headers = "",
@@ -100,6 +101,7 @@ class RawHttpClient {
  private:
   bool fill() {
     char bytes[65536];
+    errno = 0;
     const ssize_t count = ::recv(socket_, bytes, sizeof bytes, 0);
     if (count <= 0) return false;
     buffer_.append(bytes, static_cast<std::size_t>(count));
