@@ -59,6 +59,8 @@ fuse_entry_param entryOf(const NodeAttributes& attributes) {
   return entry;
 }
 
+thread_local bool servesRequests = false;
+
 fuse_req_t libfuseRequest(void* request) {
   return static_cast<fuse_req_t>(request);
 }
@@ -169,6 +171,7 @@ Result<void> FuseChannel::open(int device) {
 }
 
 void FuseChannel::serve() {
+  servesRequests = true;
   fuse_buf buffer{};
   while (!fuse_session_exited(session_)) {
     const int size = fuse_session_receive_buf(session_, &buffer);
@@ -330,7 +333,9 @@ void FuseRequest::answerContents(const ContentFile& file, std::int64_t offset, s
   pieces.buf[0].flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
   pieces.buf[0].fd = file.descriptor();
   pieces.buf[0].pos = offset;
-  fuse_reply_data(request, &pieces, FUSE_BUF_SPLICE_MOVE);
+  // libfuse keeps a pipe for each thread that splices, and can give it back only when the thread ends before the
+  // session.
+  fuse_reply_data(request, &pieces, servesRequests ? FUSE_BUF_SPLICE_MOVE : FUSE_BUF_NO_SPLICE);
 }
 
 void FuseRequest::answerFolder(const FolderPage& page) && {
