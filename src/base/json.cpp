@@ -2,10 +2,28 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <vector>
 
 namespace vondle::json {
 namespace {
+
+bool hasInfinity(const Value& value) {
+  if (const auto* object = value.if_object())
+    return std::ranges::any_of(*object, [](const auto& member) { return hasInfinity(member.value()); });
+  if (const auto* array = value.if_array()) return std::ranges::any_of(*array, hasInfinity);
+  return value.is_double() && std::isinf(value.get_double());
+}
+
+void limitNumbers(Value& value) {
+  if (auto* object = value.if_object()) {
+    for (auto& member : *object) limitNumbers(member.value());
+  } else if (auto* array = value.if_array()) {
+    for (auto& member : *array) limitNumbers(member);
+  } else if (auto* number = value.if_double(); number && std::isinf(*number)) {
+    *number = std::copysign(std::numeric_limits<double>::max(), *number);
+  }
+}
 
 void printPretty(const Value& value, std::size_t depth, std::string& out) {
   const std::string inner((depth + 1) * 2, ' ');
@@ -30,7 +48,7 @@ void printPretty(const Value& value, std::size_t depth, std::string& out) {
     }
     out += outer + "]";
   } else {
-    out += boost::json::serialize(value);
+    out += json::serialize(value);
   }
 }
 
@@ -104,7 +122,10 @@ const Array* listOfObjects(const Object& object, std::string_view key) {
 }
 
 std::string serialize(const Value& value) {
-  return boost::json::serialize(value);
+  if (!hasInfinity(value)) return boost::json::serialize(value);
+  Value limited = value;
+  limitNumbers(limited);
+  return boost::json::serialize(limited);
 }
 
 std::string serializePretty(const Value& value) {

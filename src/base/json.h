@@ -42,7 +42,8 @@ const Array* list(const Object& object, std::string_view key);
 // A list whose members are all objects; null when there is none or one member is something else.
 const Array* listOfObjects(const Object& object, std::string_view key);
 
-// Compact, in insertion order.
+// Compact, in insertion order. A number too large for floating point, which parse takes for infinite, is written as the
+// largest there is: what was written can always be read.
 std::string serialize(const Value& value);
 // Indented by two blanks, keys in byte order, ends with a line break.
 std::string serializePretty(const Value& value);

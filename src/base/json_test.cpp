@@ -61,6 +61,17 @@ TEST(JsonTest, AListOfObjectsHoldsNothingElse) {
   EXPECT_FALSE(json::listOfObjects(object, "text"));
 }
 
+TEST(JsonTest, WhatWasReadCanBeWrittenAndReadAgain) {
+  for (const auto* text : {R"({"a":1e309,"b":[-1e400],"c":"x"})", R"({"a":18446744073709551616,"b":[1e308,-0.0]})"}) {
+    for (const auto& written : {json::serialize(objectOf(text)), json::serializePretty(objectOf(text))}) {
+      const auto again = json::parseObject(written);
+      ASSERT_TRUE(again) << written;
+      EXPECT_GT(json::number(*again, "a"), 1e19) << written;
+      EXPECT_TRUE(json::list(*again, "b")) << written;
+    }
+  }
+}
+
 TEST(JsonTest, ThePrettyFormIsSortedAndIndented) {
   EXPECT_EQ(json::serializePretty(objectOf(R"({"b":[1,{"z":1,"y":"\n"}],"a":{},"c":[]})")),
             "{\n  \"a\": {},\n  \"b\": [\n    1,\n    {\n      \"y\": \"\\n\",\n      \"z\": 1\n    }\n  ],\n  \"c\": "
