@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <memory>
 #include <thread>
 
@@ -10,7 +11,6 @@
 #include "cli/commands.h"
 #include "cli/service_connection.h"
 #include "cli/service_program.h"
-#include "service/instance_lock.h"
 #include "service/service_settings.h"
 
 namespace vondle {
@@ -36,9 +36,8 @@ Outcome<void> removeDeadMount(const CommandContext& context, Failure noService) 
   return {};
 }
 
-// The service holds the state lock as long as it lives.
-bool isServiceGone(const CommandContext& context) {
-  return InstanceLock::acquire(context.folders.stateLock(), "").has_value();
+bool hasEnded(pid_t process) {
+  return ::kill(process, 0) != 0 && errno == ESRCH;
 }
 
 Outcome<void> unmount(const CommandContext& context, double waitSeconds) {
@@ -47,8 +46,9 @@ Outcome<void> unmount(const CommandContext& context, double waitSeconds) {
   const auto stopping = service->ask({{"command", "stop"}});
   if (!stopping) return std::unexpected(stopping.error());
 
+  const auto process = static_cast<pid_t>(json::integer(*stopping, "pid").value_or(0));
   const auto deadline = std::chrono::steady_clock::now() + seconds(waitSeconds);
-  while (!isServiceGone(context)) {
+  while (process > 0 && !hasEnded(process)) {
     if (std::chrono::steady_clock::now() >= deadline) {
       return fail(ExitCode::workLeft, "the service is still unmounting; it goes on by itself");
     }

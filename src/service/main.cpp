@@ -124,7 +124,7 @@ int run(int argc, char** argv) {
   Arguments arguments;
   CLI::App app("Serves a Vondle account as a folder; \"vondle mount\" starts it.", "vondle-service");
   app.set_version_flag("--version", bundleInformation().text("CFBundleShortVersionString").value_or("0"));
-  app.add_option("--mount", arguments.mount, "The folder: empty, or made if missing")->required();
+  app.add_option("--mount", arguments.mount, "The folder: empty, or made if missing (default: as set, else ~/Vondle)");
   app.add_flag("--foreground", arguments.foreground, "Stay in the foreground, with the log on standard error");
   app.add_flag("--read-only", arguments.readOnly, "Refuse changes");
   app.add_option("--status-descriptor", arguments.statusDescriptor)->group("");
@@ -133,9 +133,6 @@ int run(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : USAGE;
   }
-  arguments.mount = std::filesystem::absolute(arguments.mount).lexically_normal();
-  if (arguments.mount.size() > 1 && arguments.mount.ends_with('/')) arguments.mount.pop_back();
-
   const LinuxUserDatabase users;
   const auto folders = ServiceFolders::locate(users, runtimeFolderOfEnvironment());
   const auto settings = ServiceSettings::load(folders.settingsFile(), folders.home);
@@ -143,6 +140,9 @@ int run(int argc, char** argv) {
     say(settings.error().localizedDescription());
     return FAILED;
   }
+  if (arguments.mount.empty()) arguments.mount = settings->mount.value_or(folders.defaultMountPoint());
+  arguments.mount = std::filesystem::absolute(arguments.mount).lexically_normal();
+  if (arguments.mount.size() > 1 && arguments.mount.ends_with('/')) arguments.mount.pop_back();
   if (arguments.statusDescriptor >= 0) {
     runWorker(
         {.mountPath = arguments.mount, .name = settings->name, .readOnly = arguments.readOnly || settings->readOnly},

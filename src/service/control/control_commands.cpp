@@ -123,7 +123,7 @@ void ControlCommands::handle(const json::Object& request, const std::shared_ptr<
   if (command == "fetch") return fetch(request, reply);
   if (command == "evict") return evict(request, reply);
   if (command == "stop") {
-    reply->finish({});
+    reply->finish({{"pid", parts_.pid}});
     return parts_.stop();
   }
   refuse(reply, "unknown command");

@@ -273,7 +273,8 @@ TEST_F(ControlCommandsTest, EvictDropsTheLocalCopy) {
 
 TEST_F(ControlCommandsTest, StopAnswersBeforeItStops) {
   const auto reply = ask({{"command", "stop"}});
-  EXPECT_TRUE(reply->result);
+  ASSERT_TRUE(reply->result);
+  EXPECT_EQ(json::integer(*reply->result, "pid"), 77);
   EXPECT_EQ(stops_, 1);
 }
 

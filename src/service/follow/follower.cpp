@@ -117,7 +117,7 @@ void Follower::sync(Completion<std::optional<Error>> completion) {
 }
 
 void Follower::noteUse() {
-  if (!restsLong_.exchange(false)) return;
+  if (!restsLong_ || !restsLong_.exchange(false)) return;
   queue_->post([weak = weak_from_this()] {
     const auto self = weak.lock();
     if (!self || self->stopped_ || self->running_ || self->retry_ > Duration(0)) return;
