@@ -15,7 +15,7 @@ class FolderListing::Operation final : public EnumerationObserver, public std::e
   void start(ItemIdentifier identifier, Request request) {
     owner_->tree_.replica().beginListing(folder_);
     enumerator_ = owner_->extension_.enumeratorForContainer(std::move(identifier), request);
-    enumerator_->enumerateItems(shared_from_this(), {});
+    ask({});
   }
 
   void didEnumerateItems(std::vector<Item> items) override {
@@ -31,8 +31,7 @@ class FolderListing::Operation final : public EnumerationObserver, public std::e
       return finishEnumeratingWithError({COCOA_ERROR_DOMAIN, FILE_READ_UNKNOWN, "The folder has too many items."});
     if (nextPage) {
       page_ = *nextPage;
-      const auto enumerator = enumerator_;
-      return enumerator->enumerateItems(shared_from_this(), std::move(*nextPage));
+      return ask(std::move(*nextPage));
     }
     owner_->tree_.applyListing(folder_, std::exchange(items_, {}),
                                [self = shared_from_this()](Result<void> result) { self->finish(std::move(result)); });
@@ -44,6 +43,25 @@ class FolderListing::Operation final : public EnumerationObserver, public std::e
   }
 
  private:
+  // An extension that answers within the question gets the next one when that has returned.
+  void ask(Page page) EXCLUDES(lock_) {
+    const auto enumerator = enumerator_;
+    {
+      MutexLock hold(lock_);
+      if (isAsking_) {
+        nextPage_ = std::move(page);
+        return;
+      }
+      isAsking_ = true;
+    }
+    for (std::optional<Page> next = std::move(page); next;) {
+      enumerator->enumerateItems(shared_from_this(), std::move(*next));
+      MutexLock hold(lock_);
+      next = std::exchange(nextPage_, std::nullopt);
+      isAsking_ = next.has_value();
+    }
+  }
+
   void finish(Result<void> result) {
     if (const auto enumerator = std::exchange(enumerator_, nullptr)) enumerator->invalidate();
     owner_->finished(folder_, std::move(result));
@@ -56,6 +74,9 @@ class FolderListing::Operation final : public EnumerationObserver, public std::e
   Page page_;
   std::size_t pages_ = 1;
   bool isTooLong_ = false;
+  Mutex lock_;
+  bool isAsking_ GUARDED_BY(lock_) = false;
+  std::optional<Page> nextPage_ GUARDED_BY(lock_);
 };
 
 FolderListing::FolderListing(Tree& tree, ReplicatedExtension& extension, LastErrors& errors, const Clock& clock)
