@@ -8,11 +8,16 @@
 namespace vondle::json {
 namespace {
 
-bool hasInfinity(const Value& value) {
+// What the parser makes of a zero with an exponent too large for it ("0e400") is no number.
+double withoutNaN(double number) {
+  return std::isnan(number) ? 0 : number;
+}
+
+bool isBeyondJSON(const Value& value) {
   if (const auto* object = value.if_object())
-    return std::ranges::any_of(*object, [](const auto& member) { return hasInfinity(member.value()); });
-  if (const auto* array = value.if_array()) return std::ranges::any_of(*array, hasInfinity);
-  return value.is_double() && std::isinf(value.get_double());
+    return std::ranges::any_of(*object, [](const auto& member) { return isBeyondJSON(member.value()); });
+  if (const auto* array = value.if_array()) return std::ranges::any_of(*array, isBeyondJSON);
+  return value.is_double() && !std::isfinite(value.get_double());
 }
 
 void limitNumbers(Value& value) {
@@ -20,8 +25,9 @@ void limitNumbers(Value& value) {
     for (auto& member : *object) limitNumbers(member.value());
   } else if (auto* array = value.if_array()) {
     for (auto& member : *array) limitNumbers(member);
-  } else if (auto* number = value.if_double(); number && std::isinf(*number)) {
-    *number = std::copysign(std::numeric_limits<double>::max(), *number);
+  } else if (auto* number = value.if_double()) {
+    constexpr double LARGEST = std::numeric_limits<double>::max();
+    *number = std::clamp(withoutNaN(*number), -LARGEST, LARGEST);
   }
 }
 
@@ -89,7 +95,7 @@ std::optional<bool> boolean(const Object& object, std::string_view key) {
 std::optional<std::int64_t> integer(const Value& value) {
   if (const auto* whole = value.if_int64()) return *whole;
   if (const auto* real = value.if_double()) {
-    const double cut = std::trunc(*real);
+    const double cut = std::trunc(withoutNaN(*real));
     if (cut >= -0x1p63 && cut < 0x1p63) return static_cast<std::int64_t>(cut);
   }
   return std::nullopt;
@@ -103,7 +109,7 @@ std::optional<std::int64_t> integer(const Object& object, std::string_view key) 
 std::optional<double> number(const Object& object, std::string_view key) {
   const Value* value = find(object, key);
   if (!value || !value->is_number()) return std::nullopt;
-  return value->to_number<double>();
+  return withoutNaN(value->to_number<double>());
 }
 
 const Object* object(const Object& object, std::string_view key) {
@@ -122,7 +128,7 @@ const Array* listOfObjects(const Object& object, std::string_view key) {
 }
 
 std::string serialize(const Value& value) {
-  if (!hasInfinity(value)) return boost::json::serialize(value);
+  if (!isBeyondJSON(value)) return boost::json::serialize(value);
   Value limited = value;
   limitNumbers(limited);
   return boost::json::serialize(limited);

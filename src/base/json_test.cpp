@@ -61,6 +61,13 @@ TEST(JsonTest, AListOfObjectsHoldsNothingElse) {
   EXPECT_FALSE(json::listOfObjects(object, "text"));
 }
 
+TEST(JsonTest, ZeroIsZeroWhateverItsExponent) {
+  const auto object = objectOf(R"({"a":0e400})");
+  EXPECT_EQ(json::number(object, "a"), 0);
+  EXPECT_EQ(json::integer(object, "a"), 0);
+  EXPECT_EQ(json::number(*json::parseObject(json::serialize(object)), "a"), 0);
+}
+
 TEST(JsonTest, WhatWasReadCanBeWrittenAndReadAgain) {
   for (const auto* text : {R"({"a":1e309,"b":[-1e400],"c":"x"})", R"({"a":18446744073709551616,"b":[1e308,-0.0]})"}) {
     for (const auto& written : {json::serialize(objectOf(text)), json::serializePretty(objectOf(text))}) {
