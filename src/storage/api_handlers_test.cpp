@@ -613,6 +613,30 @@ TEST_F(ApiHandlersTest, APurgedOrTrashedSharedFolderGoesFromTheOthersTree) {
   EXPECT_THAT(rig_.changesSince(0), ElementsAre("-" + d, "-shared"));
 }
 
+TEST_F(ApiHandlersTest, WhatIsSharedGoesWithAFolderAboveItIntoTheTrash) {
+  for (const char* path : {"a", "a/b"}) rig_.makeFolder(path);
+  rig_.makeFile("a/b/f", "x");
+  const auto b = idOf("a/b");
+  const auto f = idOf("a/b/f");
+  share("a/b", "write");
+  rig_.as("bob");
+  auto head = rig_.head();
+  rig_.as("ann");
+  const auto a = idOf("a");
+  trashFolder("a");
+  rig_.as("bob");
+  EXPECT_EQ(rig_.item(b).status, 404);
+  EXPECT_EQ(rig_.item(f).status, 404);
+  EXPECT_THAT(rig_.tree(), ElementsAre("Shared with me/"));
+  EXPECT_THAT(rig_.changesSince(head), ElementsAre("-" + b));
+  head = rig_.head();
+  rig_.as("ann");
+  rig_.post("restore", {{"id", a}});
+  rig_.as("bob");
+  EXPECT_EQ(rig_.item(f).status, 200);
+  EXPECT_THAT(rig_.changesSince(head), ElementsAre(b));
+}
+
 TEST_F(ApiHandlersTest, EverythingIsThereAfterARestart) {
   rig_.makeFolder("d");
   rig_.makeFile("d/f", "hello");

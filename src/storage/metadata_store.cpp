@@ -334,6 +334,13 @@ void MetadataStore::remove(ItemId id) {
   run(Query(*this, "DELETE FROM items WHERE id = ?1", id));
 }
 
+std::vector<Share> MetadataStore::shares() {
+  std::vector<Share> shares;
+  Query query(*this, "SELECT item, account, role, name FROM shares");
+  while (query.next()) shares.push_back(shareOf(*query));
+  return shares;
+}
+
 std::vector<Share> MetadataStore::sharesOf(ItemId item) {
   std::vector<Share> shares;
   Query query(*this, "SELECT item, account, role, name FROM shares WHERE item = ?1", item);

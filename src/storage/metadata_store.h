@@ -127,6 +127,7 @@ class MetadataStore {
   void update(const Item& item);
   void remove(ItemId id);  // its trashed children lose their folder
 
+  std::vector<Share> shares();
   std::vector<Share> sharesOf(ItemId item);
   std::vector<Share> sharesWith(AccountId account);
   std::optional<Share> share(ItemId item, AccountId account);

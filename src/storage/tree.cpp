@@ -72,45 +72,65 @@ std::optional<View> Tree::viewOf(const Item& item) {
   view.item = item;
   view.id = std::to_string(item.id);
   view.name = item.name;
-  const bool own = item.account == account_.id;
+  return item.account == account_.id ? ownView(std::move(view)) : sharedView(std::move(view));
+}
 
+// Up to the top folder, or to what was trashed.
+std::optional<View> Tree::ownView(View view) {
+  Item at = view.item;
   std::string path;
-  Item at = item;
-  for (;;) {
-    if (!own) {
-      if (at.trashed) return std::nullopt;
-      if (const auto share = store_.share(at.id, account_.id)) {
-        view.role = share->role;
-        view.ownerName = accountName(item.account);
-        if (at.id == item.id) view.name = share->name;
-        const std::string top = joinPath(SHARED_NAME, share->name);
-        view.path = path.empty() ? top : joinPath(top, path);
-        view.parentId = at.id == item.id ? std::string(SHARED_ID) : std::to_string(*item.parent);
-        return view;
-      }
-    }
-    if (own && at.trashed) {
-      view.trashed = true;
-      const auto folder = at.parent ? store_.item(*at.parent) : std::nullopt;
-      const auto folderView = folder ? viewOf(*folder) : std::nullopt;
-      const bool folderLives = folderView && !folderView->trashed;
-      const std::string top = folderLives ? joinPath(folderView->path, at.name) : at.trashedPath;
-      view.path = path.empty() ? top : joinPath(top, path);
-      break;
-    }
-    if (own && at.id == account_.root) {
-      view.path = path;
-      break;
-    }
+  while (at.id != account_.root && !at.trashed) {
     path = path.empty() ? at.name : joinPath(at.name, path);
-    auto above = at.parent ? store_.item(*at.parent) : std::nullopt;
-    if (!above) return std::nullopt;
-    at = std::move(*above);
+    if (!goUp(at)) return std::nullopt;
   }
+  if (at.trashed) {
+    const auto folder = at.parent ? store_.item(*at.parent) : std::nullopt;
+    const auto folderView = folder ? viewOf(*folder) : std::nullopt;
+    const bool folderLives = folderView && !folderView->trashed;
+    const std::string top = folderLives ? joinPath(folderView->path, at.name) : at.trashedPath;
+    path = path.empty() ? top : joinPath(top, path);
+    view.trashed = true;
+  }
+  view.path = path;
   view.role = "owner";
-  view.parentId = item.parent && *item.parent != account_.root ? std::to_string(*item.parent) : std::string(ROOT_ID);
-  view.shared = !store_.sharesOf(item.id).empty();
+  view.parentId = view.item.parent && *view.item.parent != account_.root ? std::to_string(*view.item.parent) : ROOT_ID;
+  view.shared = !store_.sharesOf(view.item.id).empty();
   return view;
+}
+
+// Up to what is shared with the account; nothing of another's trash is seen.
+std::optional<View> Tree::sharedView(View view) {
+  Item at = view.item;
+  std::string path;
+  auto share = store_.share(at.id, account_.id);
+  while (!share && !at.trashed) {
+    path = path.empty() ? at.name : joinPath(at.name, path);
+    if (!goUp(at)) return std::nullopt;
+    share = store_.share(at.id, account_.id);
+  }
+  if (at.trashed || !isOutsideTrash(at)) return std::nullopt;
+  const bool isTop = at.id == view.item.id;
+  const std::string top = joinPath(SHARED_NAME, share->name);
+  view.path = path.empty() ? top : joinPath(top, path);
+  view.name = isTop ? share->name : view.name;
+  view.parentId = isTop ? SHARED_ID : std::to_string(*view.item.parent);
+  view.role = share->role;
+  view.ownerName = accountName(view.item.account);
+  return view;
+}
+
+bool Tree::goUp(Item& at) {
+  auto above = at.parent ? store_.item(*at.parent) : std::nullopt;
+  if (!above) return false;
+  at = std::move(*above);
+  return true;
+}
+
+bool Tree::isOutsideTrash(Item at) {
+  do {
+    if (at.trashed) return false;
+  } while (goUp(at));
+  return true;
 }
 
 Answer<View> Tree::byId(std::string_view id) {
@@ -233,13 +253,11 @@ std::set<AccountId> Tree::viewers(const Item& item) {
   std::set<AccountId> accounts{item.account};
   if (!store_.anyShares()) return accounts;
   Item at = item;
-  for (;;) {
+  do {
     if (at.trashed) return {item.account};
     for (const auto& share : store_.sharesOf(at.id)) accounts.insert(share.account);
-    auto above = at.parent ? store_.item(*at.parent) : std::nullopt;
-    if (!above) return accounts;
-    at = std::move(*above);
-  }
+  } while (goUp(at));
+  return accounts;
 }
 
 void Tree::noteChanged(const Item& item) {
@@ -248,11 +266,8 @@ void Tree::noteChanged(const Item& item) {
 
 bool Tree::isBelow(const Item& item, ItemId top) {
   Item at = item;
-  while (at.id != top) {
-    auto above = at.parent ? store_.item(*at.parent) : std::nullopt;
-    if (!above) return false;
-    at = std::move(*above);
-  }
+  while (at.id != top)
+    if (!goUp(at)) return false;
   return true;
 }
 
@@ -325,7 +340,16 @@ Answer<void> Tree::moveToTrash(View view) {
   view.item.trashed = now_;
   store_.update(view.item);
   for (const AccountId viewer : told) store_.note(viewer, view.item.id);
+  noteSharedBelow(view.item);
   return {};
+}
+
+void Tree::noteSharedBelow(const Item& top) {
+  if (!top.isFolder) return;
+  for (const auto& share : store_.shares()) {
+    const auto item = store_.item(share.item);
+    if (item && item->id != top.id && isBelow(*item, top.id)) store_.note(share.account, share.item);
+  }
 }
 
 Answer<View> Tree::ensureFolder(std::string_view path) {
@@ -361,6 +385,7 @@ Answer<View> Tree::restore(const View& view) {
   store_.update(item);
   absorbShares(item);
   noteChanged(item);
+  noteSharedBelow(item);
   return refreshed(view);
 }
 

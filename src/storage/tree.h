@@ -98,6 +98,11 @@ class Tree {
 
  private:
   std::optional<View> viewOf(const Item& item);
+  std::optional<View> ownView(View view);
+  std::optional<View> sharedView(View view);
+  // To the folder above; false at the top.
+  bool goUp(Item& at);
+  bool isOutsideTrash(Item at);
   View rootView();
   std::optional<View> sharedContainer();
   View childOf(const View& folder, Item item, bool mayBeShared = true);
@@ -108,6 +113,8 @@ class Tree {
   // What was shared on its own and now lies in a folder that is shared with the same account, is shared by that alone.
   void absorbShares(const Item& top);
   void dropShare(const Share& share);
+  // For what comes and goes with a folder above it.
+  void noteSharedBelow(const Item& top);
   Answer<View> ensureFolder(std::string_view path);
   std::string freeSharedName(AccountId account, const std::string& name, const std::string& owner);
 
