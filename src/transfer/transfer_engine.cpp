@@ -1,6 +1,7 @@
 #include "transfer/transfer_engine.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "base/utf8.h"
 #include "config/plog.h"
@@ -18,6 +19,11 @@ constexpr Duration POLL_INTERVAL = seconds(1.0);
 constexpr double SHORTEST_WAIT = 0.05;  // seconds; less is not worth a suspension
 constexpr std::size_t MAX_BODY_BYTES = 67'108'864;
 constexpr std::size_t LOGGED_BODY_BYTES = 400;
+
+// Higher priorities first, then in order of submission.
+std::pair<int, std::int64_t> turnOf(const TransferJob& job) {
+  return {-job.priority, job.seq};
+}
 
 bool mayPassTheLimit(const TransferJob& job) {
   return job.priority >= ThrottledTransfer::viewerPriority;
@@ -42,6 +48,7 @@ void TransferEngine::start(const JobPtr& job) {
     job->seq = nextSeq_ = checkedAdd(nextSeq_, 1);
     job->userPaused = services_.limits.paused();
     jobs_.emplace(job->taskID(), job);
+    waiting_.emplace(turnOf(*job), job.get());
   }
   attachProgress(job);
   YieldChange change;
@@ -145,22 +152,14 @@ void TransferEngine::poll() {
 
 TransferEngine::YieldChange TransferEngine::pump() {
   if (ending_) return {};
-  std::int64_t running = 0;
-  std::vector<TransferJob*> waiting;
-  for (const auto& [identifier, job] : jobs_) {
-    if (job->started)
-      ++running;
-    else
-      waiting.push_back(job.get());
-  }
-  std::ranges::sort(waiting, [](const TransferJob* a, const TransferJob* b) {
-    return a->priority != b->priority ? a->priority > b->priority : a->seq < b->seq;
-  });
   const std::int64_t limit = services_.limits.maxConcurrent();
-  for (TransferJob* job : waiting) {
-    if (running >= limit && !mayPassTheLimit(*job)) continue;
-    begin(*job);
-    ++running;
+  // Those that may pass the limit stand before all others.
+  while (!waiting_.empty()) {
+    TransferJob& job = *waiting_.begin()->second;
+    if (std::ssize(started_) >= limit && !mayPassTheLimit(job)) break;
+    waiting_.erase(waiting_.begin());
+    started_.emplace(job.taskID(), &job);
+    begin(job);
   }
   return reconcileYielding();
 }
@@ -175,9 +174,9 @@ void TransferEngine::begin(TransferJob& job) {
 
 TransferEngine::YieldChange TransferEngine::reconcileYielding() {
   YieldChange change;
-  for (const auto& [identifier, job] : jobs_) change.yield = change.yield || (job->started && mayPassTheLimit(*job));
-  for (const auto& [identifier, job] : jobs_) {
-    if (!job->started || mayPassTheLimit(*job) || job->yieldPaused == change.yield) continue;
+  for (const auto& [identifier, job] : started_) change.yield = change.yield || mayPassTheLimit(*job);
+  for (const auto& [identifier, job] : started_) {
+    if (mayPassTheLimit(*job) || job->yieldPaused == change.yield) continue;
     job->yieldPaused = change.yield;
     sync(*job);
     ++change.count;
@@ -289,7 +288,11 @@ void TransferEngine::didComplete(URLSessionTask& task, const std::optional<Error
   {
     MutexLock hold(lock_);
     auto node = jobs_.extract(task.identifier());
-    if (!node.empty()) job = std::move(node.mapped());
+    if (!node.empty()) {
+      job = std::move(node.mapped());
+      waiting_.erase(turnOf(*job));
+      started_.erase(job->taskID());
+    }
     change = pump();
   }
   log(change);

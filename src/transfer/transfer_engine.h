@@ -99,6 +99,9 @@ class TransferEngine final : public URLSessionDelegate, public std::enable_share
   std::unique_ptr<URLSession> session_;
   Mutex lock_;
   std::map<URLTaskID, JobPtr> jobs_ GUARDED_BY(lock_);
+  // The same jobs, each in one of the two, so that many that wait cost nothing when one begins or ends.
+  std::map<std::pair<int, std::int64_t>, TransferJob*> waiting_ GUARDED_BY(lock_);  // by turn
+  std::map<URLTaskID, TransferJob*> started_ GUARDED_BY(lock_);
   std::unique_ptr<RepeatingTimer> poller_ GUARDED_BY(lock_);  // while there are jobs
   bool lastLoggedPause_ GUARDED_BY(lock_) = false;
   std::int64_t nextSeq_ GUARDED_BY(lock_) = 0;
