@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "fileprovider/error_codes.h"
+#include "platform/content_types.h"
 #include "service/replica/replica.h"
 #include "testing/captured_log.h"
 #include "testing/simulated_files.h"
@@ -485,6 +486,63 @@ TEST_F(FollowerTest, StoppingAnswersWhoeverWaitsAndReadsNoMore) {
   scheduler_.advance(seconds(1000));
   EXPECT_EQ(reads(), before);
   EXPECT_EQ(sync(), "") << "cancelled";
+}
+
+TEST_F(FollowerTest, AnAnchorFileThatIsCutAnywhereCountsAsNone) {
+  startAt("5");
+  const auto whole = *files_.contents(ANCHOR_PATH);
+  for (std::size_t length = 0; length < whole.size(); ++length) {
+    files_.put(ANCHOR_PATH, whole.substr(0, length));
+    restart();
+    EXPECT_FALSE(replica_->isListed(ROOT_INODE)) << length;
+    EXPECT_EQ(sync(), "ok");
+    listRoot({makeItem("a", "a.txt")});
+    EXPECT_EQ(sync(), "ok");
+    EXPECT_THAT(names(), ElementsAre("a.txt")) << length;
+  }
+  restart();
+  EXPECT_TRUE(replica_->isListed(ROOT_INODE)) << "the file is whole again";
+}
+
+TEST_F(FollowerTest, ChangesThatWereMissedMakeEveryFolderBeListedAgainAtAnyDepth) {
+  startAt("5");
+  auto folder = makeItem("f", "f");
+  folder.contentType = FOLDER_CONTENT_TYPE;
+  listRoot({folder});
+  const auto inode = *replica_->inodeOf({"f"});
+  auto inner = makeItem("x", "x.txt");
+  inner.parentItemIdentifier = {"f"};
+  tree_->applyListing(inode, {inner}, [](const Result<void>&) {});
+  scheduler_.runUntilIdle();
+  ASSERT_TRUE(replica_->isListed(inode));
+  extension_.current = "9";  // we were killed between its page and ours
+  restart();
+  EXPECT_FALSE(replica_->isListed(inode));
+  listRoot({folder});
+  EXPECT_FALSE(replica_->isListed(inode));
+  EXPECT_EQ(replica_->inodeOf({"f"}), inode);
+}
+
+TEST_F(FollowerTest, TakesNoNoticeOfAWallClockThatIsSetBack) {
+  startAt("1");
+  const auto before = reads();
+  scheduler_.advance(seconds(100));
+  scheduler_.setWallClock({scheduler_.now().secondsSince1970 - 3600});
+  EXPECT_EQ(follower_->status().nextIn, seconds(200));
+  scheduler_.advance(seconds(199.9));
+  EXPECT_EQ(reads(), before);
+  scheduler_.advance(seconds(0.1));
+  EXPECT_EQ(reads(), before + 1);
+  EXPECT_EQ(follower_->status().lastSuccess, scheduler_.now());
+}
+
+TEST_F(FollowerTest, APageThatTakesEverythingAwayCanBeFollowedByOneThatBringsItBack) {
+  startAt("1");
+  extension_.pages.push_back({.updates = {}, .deletions = {{"a"}, ROOT_CONTAINER}, .anchor = "2", .error = {}});
+  EXPECT_EQ(sync(), "ok");
+  EXPECT_EQ(replica_->itemCount(), 0u);
+  listRoot({makeItem("a", "a.txt")});
+  EXPECT_THAT(names(), ElementsAre("a.txt"));
 }
 
 }  // namespace

@@ -99,7 +99,7 @@ std::optional<ItemAttributes> Replica::attributes(Inode inode) const {
 std::optional<ItemAttributes> Replica::lookup(Inode folder, std::string_view localName) const {
   MutexLock hold(lock_);
   const Slot parent = state_.index.find(folder);
-  if (parent == NONE || !state_.index.facts(parent).isListed) return std::nullopt;
+  if (parent == NONE) return std::nullopt;
   const Slot slot = state_.index.findChild(parent, localName);
   return slot == NONE ? std::nullopt : std::optional(state_.attributesOf(slot));
 }
@@ -114,7 +114,7 @@ std::vector<Inode> Replica::children(Inode folder) const {
   MutexLock hold(lock_);
   std::vector<Inode> inodes;
   const Slot slot = state_.index.find(folder);
-  if (slot == NONE || !state_.index.facts(slot).isListed) return inodes;
+  if (slot == NONE) return inodes;
   for (Slot child = state_.index.firstChild(slot); child != NONE; child = state_.index.nextSibling(child))
     inodes.push_back(state_.index.inode(child));
   return inodes;
@@ -255,7 +255,8 @@ std::vector<ReplicaChange> Replica::applyNews(const std::vector<Item>& updates,
     for (const auto& identifier : deletions) edit.takeDeletion(identifier);
     changes = edit.finish(batch);
   }
-  store_.write(batch);
+  // The server tells news once; a listing can be had again.
+  store_.writeDurably(batch);
   return changes;
 }
 

@@ -50,10 +50,11 @@ class Replica {
   ~Replica();
 
   [[nodiscard]] std::optional<ItemAttributes> attributes(Inode inode) const EXCLUDES(lock_);
-  // Absent as well when the folder is unknown or not listed.
+  // Among the children that are known, which are all of them in a folder that is listed, and were when it was listed
+  // last.
   [[nodiscard]] std::optional<ItemAttributes> lookup(Inode folder, std::string_view localName) const EXCLUDES(lock_);
   [[nodiscard]] bool isListed(Inode folder) const EXCLUDES(lock_);
-  // In no particular order; empty unless listed.
+  // In no particular order; those that are known.
   [[nodiscard]] std::vector<Inode> children(Inode folder) const EXCLUDES(lock_);
   // Those of the inodes that are still children of the folder.
   [[nodiscard]] std::vector<DirectoryEntry> entries(Inode folder, std::span<const Inode> inodes) const EXCLUDES(lock_);

@@ -195,6 +195,16 @@ void ReplicaStore::write(const Batch& batch) {
   if (const auto written = tryWrite(batch); !written) giveUp(written.error());
 }
 
+void ReplicaStore::writeDurably(const Batch& batch) {
+  if (isGivenUp() || batch.isEmpty()) return;
+  const auto set = [this](const char* pragma) {
+    if (const auto done = database_->execute(pragma); !done) giveUp(done.error());
+  };
+  set("PRAGMA synchronous = FULL");
+  write(batch);
+  if (!isGivenUp()) set("PRAGMA synchronous = NORMAL");
+}
+
 Result<void> ReplicaStore::tryWrite(const Batch& batch) {
   auto transaction = sqlite::Transaction::begin(*database_);
   if (!transaction) return std::unexpected(transaction.error());

@@ -68,8 +68,11 @@ class ReplicaStore {
   [[nodiscard]] Inode firstFreeInode() const { return reserved_; }
   // After it, numbers below `end` may be used, whatever happens then.
   void reserveInodes(Inode end);
-  // All of it or nothing; a failure gives the database up.
+  // All of it or nothing; a failure gives the database up. It survives the end of the process at once, and power loss
+  // soon.
   void write(const Batch& batch);
+  // Survives power loss when it returns, with everything written before.
+  void writeDurably(const Batch& batch);
   // Closes and removes the database.
   void giveUp(const Error& error);
   [[nodiscard]] bool isGivenUp() const { return database_ == nullptr; }

@@ -1,8 +1,13 @@
 #include "service/replica/replica.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <set>
 
@@ -14,6 +19,13 @@
 #include "fileprovider/error_codes.h"
 #include "platform/content_types.h"
 #include "testing/fake_extension.h"
+
+// Stands in for the C library's, which SQLite calls.
+static std::atomic<int> syncs = 0;
+extern "C" int fdatasync(int descriptor) {
+  ++syncs;
+  return static_cast<int>(::syscall(SYS_fdatasync, descriptor));
+}
 
 namespace vondle {
 namespace {
@@ -211,7 +223,7 @@ TEST_F(ReplicaTest, AnItemThatMovesToAnUnlistedFolderIsThereWhenThatIsListed) {
   EXPECT_THAT(update({file("x", "c", "x.txt")}),
               ElementsAre(ReplicaChange{Kind::entryRemoved, inode("a"), "x.txt", x}));
   EXPECT_THAT(names("a"), IsEmpty());
-  EXPECT_FALSE(replica_->lookup(inode("c"), "x.txt"));
+  EXPECT_FALSE(replica_->isListed(inode("c")));
   open();
   EXPECT_EQ(inode("x"), x);
   list("c", {file("x", "c", "x.txt")});
@@ -347,18 +359,56 @@ TEST_F(ReplicaTest, AListingOfAFolderThatHasGoneFails) {
   EXPECT_EQ(replica_->applyListing(a, {}).error().code, NO_SUCH_ITEM);
 }
 
-TEST_F(ReplicaTest, DeletingTheRootMakesItBeListedAgain) {
+TEST_F(ReplicaTest, DeletingTheRootMakesEveryFolderBeListedAgain) {
   buildTree();
   const Inode x = inode("x");
+  const std::string A = "a", B = "b";
   const auto changes = replica_->applyNews({}, {ROOT_CONTAINER});
   EXPECT_THAT(changes, UnorderedElementsAre(ReplicaChange{Kind::entryRemoved, ROOT_INODE, "A", inode("a")},
-                                            ReplicaChange{Kind::entryRemoved, ROOT_INODE, "B", inode("b")}));
-  EXPECT_FALSE(replica_->isListed(ROOT_INODE));
-  EXPECT_FALSE(replica_->lookup(ROOT_INODE, "A"));
+                                            ReplicaChange{Kind::entryRemoved, ROOT_INODE, "B", inode("b")},
+                                            ReplicaChange{Kind::entryRemoved, inode("a"), "x.txt", x},
+                                            ReplicaChange{Kind::entryRemoved, inode("b"), "y.txt", inode("y")}));
+  for (const auto* id : {&ROOT, &A, &B}) EXPECT_FALSE(replica_->isListed(inode(*id))) << *id;
+  open();
+  for (const auto* id : {&ROOT, &A, &B}) EXPECT_FALSE(replica_->isListed(inode(*id))) << *id << " after a restart";
   const auto listed = list(ROOT, {folder("a", ROOT, "A"), file("new", ROOT, "new")});
   EXPECT_THAT(listed, Contains(ReplicaChange{Kind::entryAdded, ROOT_INODE, "new", inode("new")}));
   EXPECT_EQ(inode("x"), x);
   EXPECT_EQ(inode("b"), 0U);
+}
+
+TEST_F(ReplicaTest, AFolderThatIsListedAgainAnnouncesWhatIsNewToTheKernel) {
+  buildTree();
+  replica_->applyNews({}, {ROOT_CONTAINER});
+  EXPECT_THAT(names("a"), ElementsAre("x.txt")) << "still answers whoever came before";
+  list(ROOT, {folder("a", ROOT, "A"), folder("b", ROOT, "B")});
+  EXPECT_FALSE(replica_->isListed(inode("a")));
+  const auto changes = list("a", {file("z", "a", "z.txt")});
+  EXPECT_THAT(changes, Contains(ReplicaChange{Kind::entryAdded, inode("a"), "z.txt", inode("z")}));
+  EXPECT_THAT(names("a"), ElementsAre("z.txt"));
+}
+
+TEST_F(ReplicaTest, AListingDuringWhichTheRootGoesShowsWhatItBroughtAndIsMadeAgain) {
+  buildTree();
+  replica_->beginListing(inode("a"));
+  replica_->applyNews({}, {ROOT_CONTAINER});
+  list("a", {file("x", "a", "x.txt"), file("z", "a", "z.txt")});
+  EXPECT_THAT(names("a"), UnorderedElementsAre("x.txt", "z.txt"));
+  EXPECT_FALSE(replica_->isListed(inode("a")));
+}
+
+TEST_F(ReplicaTest, NewsSurvivesPowerLossWithAllThatCameBefore) {
+  const auto syncsOf = [](const std::function<void()>& action) {
+    const int before = syncs;
+    action();
+    return syncs - before;
+  };
+  list(ROOT, {folder("a", ROOT, "A")});
+  EXPECT_EQ(syncsOf([&] { list("a", {file("x", "a", "x.txt")}); }), 0) << "a listing can be had again";
+  EXPECT_GE(syncsOf([&] { update({file("x", "a", "renamed.txt")}); }), 1);
+  EXPECT_GE(syncsOf([&] { replica_->applyNews({}, {{"x"}}); }), 1);
+  EXPECT_EQ(syncsOf([&] { list("a", {file("y", "a", "y.txt")}); }), 0);
+  EXPECT_EQ(syncsOf([&] { update({file("n", "nowhere", "n.txt")}); }), 0) << "no news";
 }
 
 TEST_F(ReplicaTest, ADamagedDatabaseIsMadeAnew) {

@@ -28,9 +28,9 @@ void TreeEdit::takeListing(Slot folder, const std::vector<Item>& items) {
   std::set<Inode> unseen;
   for (Slot child = index().firstChild(folder); child != NONE; child = index().nextSibling(child))
     unseen.insert(index().inode(child));
-  // The kernel can have cached nothing of a folder that was never listed, so its names need no announcing. The root may
-  // have been listed before all the same.
-  if (index().inode(folder) == ROOT_INODE) setListed(folder, true);
+  // The kernel can have cached nothing of a folder that was never listed, so its names need no announcing.
+  const bool wasListed = state_.listedBefore.erase(index().inode(folder)) > 0;
+  if (wasListed || index().inode(folder) == ROOT_INODE) setListed(folder, true);
   for (const Item& item : items) {
     if (!isUsable(item.itemIdentifier) || item.parentItemIdentifier == TRASH_CONTAINER) continue;
     if (const Slot same = index().findIdentifier(item.itemIdentifier.text);
@@ -71,9 +71,15 @@ void TreeEdit::takeDeletion(const ItemIdentifier& identifier) {
   const Slot slot = index().findIdentifier(identifier.text);
   if (slot == NONE) return;
   if (index().inode(slot) != ROOT_INODE) return removeTree(slot);
-  setListed(slot, false);
-  for (Slot child = index().firstChild(slot); child != NONE; child = index().nextSibling(child))
-    say({ReplicaChange::Kind::entryRemoved, ROOT_INODE, std::string(index().name(child)), index().inode(child)});
+  // Everything may have changed, at every depth.
+  for (const Slot folder : index().subtree(slot)) {
+    if (!index().facts(folder).isListed) continue;
+    setListed(folder, false);
+    state_.listedBefore.insert(index().inode(folder));
+    for (Slot child = index().firstChild(folder); child != NONE; child = index().nextSibling(child))
+      say({ReplicaChange::Kind::entryRemoved, index().inode(folder), std::string(index().name(child)),
+           index().inode(child)});
+  }
 }
 
 std::vector<ReplicaChange> TreeEdit::finish(ReplicaStore::Batch& batch) {
@@ -235,6 +241,7 @@ void TreeEdit::removeTree(Slot top) {
       freed_.insert({change.parent, change.name});
     }
     state_.forgetNames(slot);
+    state_.listedBefore.erase(inode);
     index().remove(slot);
     items_.erase(inode);
     homeless_.erase(inode);

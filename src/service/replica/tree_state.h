@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "base/time.h"
@@ -41,6 +42,8 @@ struct TreeState {
   std::unordered_map<Inode, OddName> oddNames;
   // Items that wait for the name that another item of their folder has, by folder and that name.
   std::map<std::pair<Inode, std::string>, std::set<Inode>> wanted;
+  // Folders that were listed since the start and are to be listed again; the kernel may remember their names.
+  std::unordered_set<Inode> listedBefore;
 
   // With nothing but the root in it.
   TreeState();
