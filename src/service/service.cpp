@@ -4,7 +4,9 @@
 
 #include <fmt/format.h>
 
+#include "config/paths.h"
 #include "platform/log.h"
+#include "service/leftovers.h"
 #include "service/stable_hash.h"
 
 namespace vondle {
@@ -16,6 +18,16 @@ constexpr std::string_view DOMAIN_IDENTIFIER = "com.ferrow.vondle.account";
 
 Error stopping() {
   return {COCOA_ERROR_DOMAIN, USER_CANCELLED, "the service is ending"};
+}
+
+// After a process that was killed while it wrote. The caller holds the lock of the state folder.
+void clearUp(const ServiceFolders& folders, Files& files) {
+  removeLeftovers(folders.state, REPLACEMENT_PREFIX);
+  if (const auto container = files.applicationGroupContainer(APPLICATION_GROUP))
+    removeLeftovers(*container, REPLACEMENT_PREFIX);
+  // It may be one that others use too.
+  if (const auto temporary = files.temporaryFolder(); temporary.starts_with(folders.contents + "/"))
+    removeLeftovers(temporary, "");
 }
 
 }  // namespace
@@ -34,6 +46,7 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
                                                 const Platform& platform, const ExtensionMaker& makeExtension,
                                                 std::function<void()> stop) {
   if (auto made = folders.create(); !made) return failure(made.error());
+  if (auto guarded = folders.guardConfiguration(); !guarded) return failure(guarded.error());
   std::unique_ptr<Service> service(new Service());
 
   auto stateLock = InstanceLock::acquire(folders.stateLock(), "the state folder " + folders.state);
@@ -43,6 +56,8 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
   auto mountLock = InstanceLock::acquire(mountLockPath, "the folder " + options.mountPath);
   if (!mountLock) return failure(mountLock.error());
   service->locks_.push_back(std::move(*mountLock));
+
+  clearUp(folders, platform.files);
 
   auto replica = Replica::open(folders.replicaDatabase());
   if (!replica) return failure(replica.error());

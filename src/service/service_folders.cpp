@@ -7,13 +7,35 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include <fmt/format.h>
+
+#include "platform/log.h"
+
 namespace vondle {
 
 namespace {
 
+constexpr Log LOG("com.ferrow.vondle.service", "service");
+
+constexpr mode_t WRITABLE_BY_OTHERS = S_IWGRP | S_IWOTH;
+constexpr mode_t RIGHTS_OF_OTHERS = S_IRWXG | S_IRWXO;
+
 bool isOwnFolder(const std::string& path) {
   struct stat status{};
   return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == ::geteuid();
+}
+
+Error refusal(std::string text) {
+  return {POSIX_ERROR_DOMAIN, EACCES, std::move(text)};
+}
+
+Result<void> checkWriters(const std::string& folder) {
+  struct stat status{};
+  if (::stat(folder.c_str(), &status) != 0 || !(status.st_mode & WRITABLE_BY_OTHERS)) return {};
+  return failure(
+      refusal(fmt::format("Other users can write to {0} and may have changed what is in it. Look at its files, "
+                          "then say \"chmod go-w {0}\".",
+                          folder)));
 }
 
 Result<void> makePrivate(const std::string& path) {
@@ -42,9 +64,28 @@ ServiceFolders ServiceFolders::locate(const UserDatabase& users, const std::opti
 }
 
 Result<void> ServiceFolders::create() const {
+  if (auto checked = checkWriters(configuration); !checked) return checked;
   for (const auto* folder : {&configuration, &state, &contents, &runtime}) {
     if (auto made = makePrivate(*folder); !made) return made;
   }
+  return {};
+}
+
+Result<void> ServiceFolders::guardConfiguration() const {
+  std::error_code error;
+  const auto path = std::filesystem::canonical(configurationFile(), error).native();
+  struct stat status{};
+  if (error || ::stat(path.c_str(), &status) != 0) return {};
+  if (auto checked = checkWriters(path.substr(0, path.rfind('/'))); !checked) return checked;
+  if (status.st_uid != ::geteuid()) {
+    return failure(
+        refusal(fmt::format("{} belongs to another user (number {}), who could have the key sent anywhere. "
+                            "Remove it and sign in with \"vondle login\".",
+                            path, status.st_uid)));
+  }
+  if (!(status.st_mode & RIGHTS_OF_OTHERS)) return {};
+  if (::chmod(path.c_str(), S_IRUSR | S_IWUSR) != 0) return failure(Error::posix(errno, "making " + path + " private"));
+  LOG.error("other users had rights to %{public}@; now it is private", path);
   return {};
 }
 

@@ -20,9 +20,14 @@ struct ServiceFolders {
   static ServiceFolders locate(const UserDatabase& users, const std::optional<std::string>& runtimeFolder);
 
   // Makes the folders that are missing, 0700, and takes other users' rights from those that exist. A folder of another
-  // user is refused.
+  // user is refused, and so is a configuration folder into which others may have put something.
   [[nodiscard]] Result<void> create() const;
+  // Makes sure that the configuration, which says where the key is sent to, is this user's own word: one of another
+  // user, or in a folder (behind a link) where others can replace it, is refused. One that others have rights to
+  // becomes private, which the log tells. None at all is fine.
+  [[nodiscard]] Result<void> guardConfiguration() const;
 
+  [[nodiscard]] std::string configurationFile() const { return configuration + "/config.json"; }
   [[nodiscard]] std::string settingsFile() const { return configuration + "/service.json"; }
   [[nodiscard]] std::string stateLock() const { return state + "/lock"; }
   [[nodiscard]] std::string replicaDatabase() const { return state + "/replica.db"; }

@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include "testing/captured_log.h"
+
 namespace vondle {
 namespace {
 
@@ -75,6 +77,53 @@ TEST_F(ServiceFoldersTest, AFileInTheWayIsRefused) {
   const auto made = locate(std::nullopt).create();
   ASSERT_FALSE(made);
   EXPECT_NE(made.error().description.find(home_ + "/.vondle"), std::string::npos);
+}
+
+TEST_F(ServiceFoldersTest, AConfigurationFolderThatOthersCanWriteToIsRefusedAndLeftAsItIs) {
+  const auto folders = locate(std::nullopt);
+  std::filesystem::create_directory(folders.configuration);
+  for (const mode_t mode : {0777, 0775, 0702}) {
+    ::chmod(folders.configuration.c_str(), mode);
+    const auto made = folders.create();
+    ASSERT_FALSE(made) << mode;
+    EXPECT_NE(made.error().description.find("chmod go-w " + folders.configuration), std::string::npos);
+    EXPECT_EQ(rightsOf(folders.configuration), mode);
+  }
+  ::chmod(folders.configuration.c_str(), 0755);
+  EXPECT_TRUE(folders.create());
+}
+
+TEST_F(ServiceFoldersTest, AConfigurationThatOthersCanReadBecomesPrivateAndTheLogTells) {
+  const auto folders = locate(std::nullopt);
+  ASSERT_TRUE(folders.create());
+  EXPECT_TRUE(folders.guardConfiguration()) << "there may be none";
+  std::ofstream(folders.configurationFile()) << "{}";
+  for (const mode_t mode : {0644, 0664, 0666, 0604, 0640}) {
+    CapturedLog log;
+    ::chmod(folders.configurationFile().c_str(), mode);
+    EXPECT_TRUE(folders.guardConfiguration());
+    EXPECT_EQ(rightsOf(folders.configurationFile()), 0600u);
+    ASSERT_EQ(log.messages(LogLevel::error).size(), 1u) << mode;
+    EXPECT_NE(log.messages()[0].find(folders.configurationFile()), std::string::npos);
+  }
+  CapturedLog log;
+  EXPECT_TRUE(folders.guardConfiguration());
+  EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(ServiceFoldersTest, AConfigurationBehindALinkIsGuardedWhereItLies) {
+  const auto folders = locate(std::nullopt);
+  ASSERT_TRUE(folders.create());
+  std::filesystem::create_directory(home_ + "/settings");
+  std::ofstream(home_ + "/settings/vondle.json") << "{}";
+  std::filesystem::create_symlink("../settings/vondle.json", folders.configurationFile());
+  ::chmod((home_ + "/settings/vondle.json").c_str(), 0644);
+  EXPECT_TRUE(folders.guardConfiguration());
+  EXPECT_EQ(rightsOf(home_ + "/settings/vondle.json"), 0600u);
+  ::chmod((home_ + "/settings").c_str(), 0777);
+  const auto guarded = folders.guardConfiguration();
+  ASSERT_FALSE(guarded);
+  EXPECT_NE(guarded.error().description.find(home_ + "/settings"), std::string::npos);
 }
 
 }  // namespace
