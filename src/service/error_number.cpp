@@ -69,6 +69,9 @@ int errorNumber(const Error& error) {
     // The server did not answer in time: the more telling of the two.
     if (error.code == SERVER_UNREACHABLE && error.underlying && error.underlying->is(URL_ERROR_DOMAIN, URL_TIMED_OUT))
       return ETIMEDOUT;
+    // It was a file here, such as one on a full disk, and not the server at all.
+    if (error.code == SERVER_UNREACHABLE && error.underlying && error.underlying->isIn(POSIX_ERROR_DOMAIN))
+      return errorNumber(*error.underlying);
     return ofFileProvider(error.code);
   }
   if (error.isIn(COCOA_ERROR_DOMAIN)) return ofCocoa(error.code);

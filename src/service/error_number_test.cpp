@@ -17,6 +17,8 @@ TEST(ErrorNumberTest, EachErrorHasTheNumberThatProgramsUnderstand) {
       {unreachable, EHOSTUNREACH},
       {unreachable.withUnderlying({URL_ERROR_DOMAIN, URL_TIMED_OUT}), ETIMEDOUT},
       {unreachable.withUnderlying({URL_ERROR_DOMAIN, URL_CANNOT_FIND_HOST}), EHOSTUNREACH},
+      {unreachable.withUnderlying({POSIX_ERROR_DOMAIN, ENOSPC}), ENOSPC},
+      {unreachable.withUnderlying({POSIX_ERROR_DOMAIN, 0}), EIO},
       {{FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM}, ENOENT},
       {{FILE_PROVIDER_ERROR_DOMAIN, -1}, EIO},
       {{COCOA_ERROR_DOMAIN, FILE_NO_SUCH_FILE}, ENOENT},

@@ -1,6 +1,7 @@
 #include "service/contents/content_store.h"
 
 #include <fcntl.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -46,20 +47,33 @@ Error broken(std::string description) {
   return {COCOA_ERROR_DOMAIN, FILE_READ_UNKNOWN, std::move(description)};
 }
 
+// 0 or the error number.
+int copyFile(const std::string& from, const std::string& to) {
+  const int source = ::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  const int target = source < 0 ? -1 : ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+  int number = target < 0 ? errno : 0;
+  constexpr std::size_t PIECE = 1 << 30;
+  for (ssize_t count = 1; number == 0 && count != 0;) {
+    count = ::sendfile(target, source, nullptr, PIECE);
+    if (count < 0 && errno != EINTR) number = errno;
+  }
+  if (source >= 0) ::close(source);
+  if (target >= 0 && ::close(target) != 0 && number == 0) number = errno;
+  return number;
+}
+
 // Gives the file its place, also from another file system.
 Result<void> moveFile(const std::string& from, const std::string& to) {
   if (::chmod(from.c_str(), 0600) != 0) return failure(Error::posix(errno, from));
   if (::rename(from.c_str(), to.c_str()) == 0) return {};
   if (errno != EXDEV) return failure(Error::posix(errno, to));
   const auto unfinished = to + std::string(UNFINISHED);
-  std::error_code error;
-  std::filesystem::copy_file(from, unfinished, std::filesystem::copy_options::overwrite_existing, error);
-  if (error) {
-    std::error_code ignored;
-    std::filesystem::remove(unfinished, ignored);
-    return failure(Error::posix(error.value(), to));
+  int number = copyFile(from, unfinished);
+  if (number == 0 && ::rename(unfinished.c_str(), to.c_str()) != 0) number = errno;
+  if (number != 0) {
+    ::unlink(unfinished.c_str());
+    return failure(Error::posix(number, to));
   }
-  if (::rename(unfinished.c_str(), to.c_str()) != 0) return failure(Error::posix(errno, to));
   ::unlink(from.c_str());
   return {};
 }
