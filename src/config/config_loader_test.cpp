@@ -171,5 +171,16 @@ TEST_F(ConfigLoaderTest, FollowsAServerThatHasMovedThoughItCannotBeSaved) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
+TEST_F(ConfigLoaderTest, HasNoneInAFileThatIsCutAnywhere) {
+  const std::string whole = R"({"server":"https://a.example","api_key":"k\u00e9","max_download_kbps":7})";
+  for (std::size_t length = 0; length < whole.size(); ++length) {
+    files.put(PATH, whole.substr(0, length));
+    EXPECT_EQ(loader.load(), std::nullopt) << length;
+    EXPECT_EQ(files.contents(PATH), whole.substr(0, length));
+  }
+  files.put(PATH, whole);
+  EXPECT_TRUE(loader.load());
+}
+
 }  // namespace
 }  // namespace vondle

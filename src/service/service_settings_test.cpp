@@ -64,5 +64,15 @@ TEST_F(ServiceSettingsTest, ASettingThatCannotBeObeyedIsAnErrorThatNamesIt) {
   }
 }
 
+TEST_F(ServiceSettingsTest, AFileThatIsCutAnywhereIsAnErrorThatNamesIt) {
+  const std::string text = R"({"mount": "~/Cloud", "read_only": true, "name": "Für Zoë \u00e9\n"})";
+  ASSERT_TRUE(load(text));
+  for (std::size_t length = 0; length < text.size(); ++length) {
+    const auto settings = load(text.substr(0, length));
+    ASSERT_FALSE(settings) << length;
+    EXPECT_NE(settings.error().description.find(path_), std::string::npos) << length;
+  }
+}
+
 }  // namespace
 }  // namespace vondle

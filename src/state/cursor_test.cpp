@@ -82,5 +82,14 @@ TEST_F(CursorTest, LoadsZeroAndSavesNothingWithoutAContainer) {
   EXPECT_EQ(cursor.load(), 1);
 }
 
+TEST_F(CursorTest, LoadsZeroFromAFileThatIsCutAnywhere) {
+  cursor.save(4711);
+  const auto whole = *files.contents(PATH);
+  for (std::size_t length = 0; length < whole.size(); ++length) {
+    files.put(PATH, whole.substr(0, length));
+    EXPECT_EQ(cursor.load(), 0) << length;
+  }
+}
+
 }  // namespace
 }  // namespace vondle

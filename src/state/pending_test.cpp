@@ -158,5 +158,14 @@ TEST_F(PendingTest, TheWatchdogEndsWithItsRegistry) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
+TEST_F(PendingTest, TakesNoNoticeOfAWallClockThatIsSetBack) {
+  const auto id = pending.begin("fetch a", 1);
+  scheduler.advance(seconds(5));
+  scheduler.setWallClock({scheduler.now().secondsSince1970 - 3600});
+  scheduler.advance(seconds(6));
+  pending.end(id);
+  EXPECT_THAT(log.messages(), ElementsAre("fetch a finished after 11s"));
+}
+
 }  // namespace
 }  // namespace vondle

@@ -188,5 +188,19 @@ TEST_F(PinsTest, GiveTheRequestsThoughTheirFileCannotBeRemoved) {
   EXPECT_THAT(pins.takePending(), ElementsAre(PinRequest{"a", true}));
 }
 
+TEST_F(PinsTest, AreNoneInAFileThatIsCutAnywhere) {
+  const std::string whole = R"(["a1","b\u00e92","Zoë"])";
+  for (const auto& path : {PINNED, DIRTY, PENDING}) {
+    const auto text = path == PENDING ? std::string(R"([{"id":"a1","pin":true},{"id":"b2","pin":0}])") : whole;
+    for (std::size_t length = 0; length < text.size(); ++length) {
+      files.put(path, text.substr(0, length));
+      scheduler.advance(SECOND);
+      EXPECT_FALSE(pins.contains("a1")) << length;
+      EXPECT_THAT(pins.takeDirty(), IsEmpty()) << length;
+      EXPECT_THAT(pins.takePending(), IsEmpty()) << length;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace vondle

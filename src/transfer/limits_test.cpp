@@ -155,6 +155,16 @@ TEST_F(LimitsTest, ASetBackWallClockDoesNotStopIt) {
   EXPECT_EQ(limits.maxConcurrent(), 3);
 }
 
+TEST_F(LimitsTest, AFileThatIsCutAnywhereChangesNothing) {
+  const std::string whole = R"({"max_download_kbps": 50, "transfers_paused": false, "max_concurrent_transfers": 3})";
+  configure(whole);
+  for (std::size_t length = 0; length < whole.size(); ++length) {
+    configure(whole.substr(0, length));
+    EXPECT_EQ(limits.maxConcurrent(), 3) << length;
+    EXPECT_EQ(limits.download.rate(), 50 * 1024) << length;
+  }
+}
+
 TEST_F(LimitsTest, ARateBeyondAllWholeNumbersEndsTheProcess) {
   files.put(CONFIG, R"({"max_download_kbps": 1e30})");
   EXPECT_DEATH(limits.refresh(), "too large");

@@ -72,5 +72,16 @@ TEST_F(StatsTest, AWriteThatFailsIsForgotten) {
   EXPECT_DOUBLE_EQ(down(), 1.0);
 }
 
+TEST_F(StatsTest, AWallClockThatIsSetBackChangesTheTimeOfTheReportAlone) {
+  stats.record(3'000, 0);
+  EXPECT_DOUBLE_EQ(down(), 1'000.0);
+  const auto earlier = Timestamp{scheduler.now().secondsSince1970 - 3600};
+  scheduler.setWallClock(earlier);
+  scheduler.advance(seconds(1));
+  stats.record(3'000, 0);
+  EXPECT_DOUBLE_EQ(down(), 2'000.0);
+  EXPECT_EQ(json::number(published(), "at"), earlier.secondsSince1970 + 1);
+}
+
 }  // namespace
 }  // namespace vondle
