@@ -5,46 +5,8 @@ set -euo pipefail
 BIN_GIVEN=$(realpath "$1")
 cd "$(dirname "$0")/.."
 source tools/demo.sh
+source tests/checks.sh
 
-failures=0
-check() { # WHAT COMMAND...
-  local what=$1
-  shift
-  if "$@"; then echo "ok: $what"; else
-    echo "FAILED: $what" >&2
-    failures=$((failures + 1))
-  fi
-}
-# exits STATUS COMMAND...: whether the command, which must not hang, ends with the status; its output is in $WORLD/out.
-exits() {
-  local wanted=$1 status=0
-  shift
-  in_world timeout 60 "$@" >"$WORLD/out" 2>&1 || status=$?
-  [ $status = "$wanted" ] && return 0
-  printf 'exit status %s instead of %s: %s\n' "$status" "$wanted" "$*" >&2
-  cat "$WORLD/out" >&2
-  return 1
-}
-says() { grep -qF -- "$1" "$WORLD/out" || { cat "$WORLD/out" >&2; return 1; }; }
-# until_true SECONDS COMMAND...
-until_true() {
-  local deadline=$((SECONDS + $1))
-  shift
-  until "$@" >/dev/null 2>&1; do
-    [ $SECONDS -lt $deadline ] || return 1
-    sleep 0.1
-  done
-}
-# field PATH: of the status, as text, such as service.pid
-field() { in_world timeout 20 vondle status --json 2>/dev/null | python3 -c '
-import json, sys
-value = json.load(sys.stdin)
-for key in sys.argv[1].split("."): value = value[key]
-print(value)' "$1"; }
-# The pattern must match the whole of the name, so that no other process is meant.
-service_processes() { pgrep -f "^$BIN/vondle-service .*$WORLD" || true; }
-service_is_gone() { [ -z "$(service_processes)" ]; }
-is_mounted() { mountpoint -q "$MOUNT"; }
 inodes() { (cd "$MOUNT" && find . -printf '%P %i\n' | sort); }
 serve_garbage() { # on the storage's port
   python3 - "$STORAGE_PORT" >"$WORLD/garbage.log" 2>&1 <<'PY' &
@@ -56,8 +18,9 @@ class Garbage(http.server.BaseHTTPRequestHandler):
         self.wfile.write(b'{"entries": [{"id": 7}, "x"], "seq": "many", <html>\xff\x00' * 50)
     do_POST = do_PUT = do_GET
 http.server.ThreadingHTTPServer.allow_reuse_address = True
+server = http.server.ThreadingHTTPServer(("127.0.0.1", int(sys.argv[1])), Garbage)
 print("listening", flush=True)
-http.server.ThreadingHTTPServer(("127.0.0.1", int(sys.argv[1])), Garbage).serve_forever()
+server.serve_forever()
 PY
   GARBAGE_PID=$!
   wait_for_line "$WORLD/garbage.log" listening 20 "$GARBAGE_PID"
@@ -70,7 +33,7 @@ stop_garbage() {
 }
 finish() {
   stop_garbage
-  if [ $failures -gt 0 ]; then find "$HOME_FOLDER/.local/state" -name '*.log' -exec tail -n 60 {} + >&2 || true; fi
+  [ $failures = 0 ] || show_log
   destroy_world
 }
 
@@ -202,7 +165,7 @@ umount "$HOME_FOLDER/Elsewhere" 2>/dev/null || fusermount3 -u "$HOME_FOLDER/Else
 check 'unmounted by hand, the service ends' until_true 20 service_is_gone
 
 check 'it mounts again' exits 0 vondle mount
-kill -9 $(service_processes | head -1)
+kill -9 "$(supervisor)"
 check 'without its supervisor the service unmounts and ends' until_true 20 service_is_gone
 check 'and leaves nothing mounted' sh -c "! mountpoint -q '$MOUNT'"
 
@@ -215,7 +178,7 @@ check 'with their place' says '"mount"'
 echo '{"mount": "~/Settled"}' >"$HOME_FOLDER/.vondle/service.json"
 check 'settings say where to mount' exits 0 vondle mount
 check 'there' test -f "$HOME_FOLDER/Settled/letter.txt"
-kill -TERM $(service_processes | head -1)
+kill -TERM "$(supervisor)"
 check 'a signal unmounts' until_true 20 service_is_gone
 check 'cleanly' sh -c "! mountpoint -q '$HOME_FOLDER/Settled'"
 
@@ -224,5 +187,4 @@ check 'the key is gone' sh -c "! grep -q api_key '$CONFIG'"
 check 'and so are the copies' test -z "$(find "$HOME_FOLDER/.local/share/vondle" -type f)"
 check 'signed out, nothing is mounted' exits 3 vondle mount
 
-[ $failures = 0 ] || { echo "$failures check(s) failed" >&2; exit 1; }
-echo 'Everything is as it should be.'
+conclude
