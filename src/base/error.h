@@ -71,6 +71,8 @@ struct Error {
 template <class T>
 using Result = std::expected<T, Error>;
 
-inline std::unexpected<Error> failure(Error error) { return std::unexpected<Error>(std::move(error)); }
+inline std::unexpected<Error> failure(Error error) {
+  return std::unexpected<Error>(std::move(error));
+}
 
 }  // namespace vondle

@@ -4,6 +4,8 @@
 
 namespace vondle {
 
-bool Item::isFolder() const { return contentType == FOLDER_CONTENT_TYPE; }
+bool Item::isFolder() const {
+  return contentType == FOLDER_CONTENT_TYPE;
+}
 
 }  // namespace vondle

@@ -35,8 +35,7 @@ class ReplicatedExtension {
 
   // The version wanted is a hint; what the server holds now is delivered.
   virtual std::shared_ptr<Progress> fetchContents(ItemIdentifier identifier, std::optional<ItemVersion> version,
-                                                  Request request,
-                                                  Completion<Result<FetchedContents>> completion) = 0;
+                                                  Request request, Completion<Result<FetchedContents>> completion) = 0;
 };
 
 }  // namespace vondle

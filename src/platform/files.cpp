@@ -8,6 +8,8 @@ std::optional<Timestamp> Files::modificationTime(const std::string& path) {
   return found->modified;
 }
 
-bool Files::exists(const std::string& path) { return attributes(path).has_value(); }
+bool Files::exists(const std::string& path) {
+  return attributes(path).has_value();
+}
 
 }  // namespace vondle

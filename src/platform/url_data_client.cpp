@@ -1,9 +1,9 @@
 #include "platform/url_data_client.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <utility>
+
+#include <fmt/format.h>
 
 namespace vondle {
 namespace {

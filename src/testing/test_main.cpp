@@ -1,8 +1,8 @@
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <cstdio>
 #include <cstdlib>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include "base/completion.h"
 
