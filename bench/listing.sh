@@ -1,0 +1,67 @@
+#!/usr/bin/env bash
+# A million known items through the mount: looking at them, starting with them, what they take in memory, and what the
+# service does when nobody wants anything. The account is generated, so that no server's speed counts.
+# listing.sh FOLDER-OF-PROGRAMS
+set -euo pipefail
+BIN_GIVEN=$(realpath "$1")
+cd "$(dirname "$0")/.."
+source tools/demo.sh
+source bench/report.sh
+
+ITEMS=1000901
+BIG=folder-000 # 100,000 files
+ROUNDS=5
+
+make_world "$BIN_GIVEN"
+finish() {
+  [ -z "${ACCOUNT_PID:-}" ] || kill "$ACCOUNT_PID" 2>/dev/null || true
+  destroy_world
+}
+trap finish EXIT
+trap 'exit 130' INT TERM
+
+"$BIN/account_server" >"$WORLD/account.log" 2>&1 &
+ACCOUNT_PID=$!
+wait_for_line "$WORLD/account.log" 'listening on' 20 "$ACCOUNT_PID"
+SERVER=$(sed -n 's/^listening on //p' "$WORLD/account.log")
+in_world vondle login --server "$SERVER" --key-file "$WORLD/key" >/dev/null
+in_world vondle mount "$MOUNT" >/dev/null
+
+service_pid() { in_world vondle status --json | sed -n 's/.*"pid": *\([0-9]*\).*/\1/p' | head -1; }
+megabytes() { awk '/^VmRSS/ { printf "%.0f", $2 / 1024 }' "/proc/$1/status"; }
+count_items() { [ "$(find "$MOUNT" -mindepth 1 | wc -l)" = "$ITEMS" ]; }
+
+seconds=$(seconds_of ls -f "$MOUNT/$BIG")
+report 'the first ls -f of 100,000 files, with the request' '-' '' "$seconds s" ''
+
+# The same files on the machine's own file system, for comparison.
+mkdir "$WORLD/native"
+(cd "$WORLD/native" && find "$MOUNT/$BIG" -type f -printf '%f\0' | xargs -0 -n 5000 touch)
+compare_seconds 'ls -f of 100,000 files, warm' '<= 0.3 s' "$ROUNDS" "ls -f '$WORLD/native'" "ls -f '$MOUNT/$BIG'"
+compare_seconds 'ls -l of 100,000 files, warm' '<= 1 s' "$ROUNDS" "ls -l '$WORLD/native'" "ls -l '$MOUNT/$BIG'"
+
+seconds=$(seconds_of count_items)
+report 'the first find over 1,000,000 items, with 900 requests' '-' '' "$seconds s" ''
+times=()
+for _ in 1 2 3; do times+=("$(seconds_of find "$MOUNT" -mindepth 1)"); done
+report 'find over 1,000,000 items, warm' '<= 3 s' '' "$(median "${times[@]}") s" ''
+report 'memory of the service that has listed them all' '-' '' "$(megabytes "$(service_pid)") MiB" ''
+
+times=()
+for _ in 1 2 3; do
+  in_world vondle unmount --wait 20 >/dev/null
+  times+=("$(seconds_of sh_in_world 'vondle mount "$0" >/dev/null && stat "$0/folder-900" >/dev/null' "$MOUNT")")
+done
+report 'start with 1,000,000 items until the folder answers' '<= 0.5 s' '' "$(median "${times[@]}") s" ''
+count_items || { echo 'not all items are there' >&2; exit 1; }
+pid=$(service_pid)
+report 'memory of the service with 1,000,000 items' '<= 300 MiB' '' "$(megabytes "$pid") MiB" ''
+
+# Nothing is asked of it from here on; the programs above are done with their last requests.
+sleep 3
+switches() { awk '/ctxt_switches/ { sum += $2 } END { print sum }' /proc/"$pid"/task/*/status; }
+ticks() { awk '{ print $14 + $15 }' "/proc/$pid/stat"; }
+before=$(switches) ticks_before=$(ticks)
+sleep 30
+report 'context switches in 30 s of rest' '-' '' "$(($(switches) - before))" ''
+report 'processor time in 30 s of rest' '-' '' "$((($(ticks) - ticks_before) * 10)) ms" ''
