@@ -73,8 +73,8 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
   if (!contents) return failure(contents.error());
   service->contents_ = std::move(*contents);
   service->tree_->subscribe([store = service->contents_](const auto& changes) { store->apply(changes); });
-  service->listing_ =
-      std::make_shared<FolderListing>(*service->tree_, *service->extension_, service->errors_, platform.clock);
+  service->listing_ = std::make_shared<FolderListing>(*service->tree_, *service->extension_, service->errors_,
+                                                      platform.scheduler, platform.clock);
 
   // It starts when the folder is mounted.
   service->follower_ = std::make_shared<Follower>(*service->extension_, *service->tree_, platform.scheduler,
@@ -91,6 +91,10 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
   service->managers_->set(std::make_shared<ServiceManager>(options.mountPath, *service->tree_, service->contents_,
                                                            service->follower_, platform.scheduler));
   service->follower_->start();
+  service->contents_->checkServerWith([weak = std::weak_ptr(service->follower_)](auto completion) {
+    if (const auto follower = weak.lock()) return follower->sync(std::move(completion));
+    std::move(completion)(stopping());
+  });
 
   service->commands_ = std::make_unique<ControlCommands>(
       ControlCommands::Parts{.tree = *service->tree_,

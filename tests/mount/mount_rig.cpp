@@ -94,7 +94,7 @@ std::optional<Error> MountRig::tryToStart() {
   errors_ = std::make_unique<LastErrors>();
   replica = *Replica::open(folder_ + "/replica.sqlite");
   tree = std::make_unique<Tree>(*replica, *scheduler_);
-  listing = std::make_shared<FolderListing>(*tree, extension, *errors_, clock_);
+  listing = std::make_shared<FolderListing>(*tree, extension, *errors_, *scheduler_, clock_);
   contents = *ContentStore::open(folder_ + "/contents", *tree, extension, *errors_, *scheduler_, clock_);
   tree->subscribe([store = contents](const std::vector<ReplicaChange>& changes) { store->apply(changes); });
   auto started = Mount::start({.path = mountPoint_}, *tree, *listing, *contents, *scheduler_, clock_);

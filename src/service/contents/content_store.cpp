@@ -159,7 +159,17 @@ class ContentStore::Fetch final : public std::enable_shared_from_this<Fetch> {
     // Through the queue, for an extension that answers at once.
     if (isReplaced) return store_->queue_->post([self = shared_from_this()] { self->start(); });
     if (!replica().attributes(inode_)) return finish(failure(noSuchItem()));
+    if (result.error().is(FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM)) return askServer(std::move(result.error()));
     finish(failure(std::move(result.error())));
+  }
+
+  // The replica knows the item that the extension did not find.
+  void askServer(Error notFound) {
+    const auto checkServer = store_->serverCheck();
+    if (!checkServer) return finish(failure(std::move(notFound)));
+    checkServer([self = shared_from_this(), notFound = std::move(notFound)](std::optional<Error> error) mutable {
+      self->finish(failure(error ? std::move(*error) : std::move(notFound)));
+    });
   }
 
   void check(FetchedContents contents) {
@@ -244,6 +254,7 @@ ContentStore::ContentStore(std::string folder, Tree& tree, ReplicatedExtension& 
       extension_(extension),
       errors_(errors),
       clock_(clock),
+      scheduler_(scheduler),
       queue_(scheduler.makeSerialQueue("com.ferrow.vondle.service.contents")) {}
 
 Result<std::shared_ptr<ContentStore>> ContentStore::open(std::string folder, Tree& tree, ReplicatedExtension& extension,
@@ -341,8 +352,19 @@ void ContentStore::begin(Inode inode, Request request) {
     records_[inode].fetch = fetch;
   }
   if (!stale.empty()) removeLater(std::move(stale));
-  fetch->start();
+  // Not on the caller's thread, which may be the kernel's: the extension reads the keyring before it sends anything.
+  scheduler_.global().post([fetch] { fetch->start(); });
   if (waiting_->waitingFor(inode) == 0) fetch->abandon();
+}
+
+void ContentStore::checkServerWith(ServerCheck check) {
+  MutexLock hold(lock_);
+  checkServer_ = std::move(check);
+}
+
+ContentStore::ServerCheck ContentStore::serverCheck() const {
+  MutexLock hold(lock_);
+  return checkServer_;
 }
 
 void ContentStore::abandoned(Inode inode) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,6 +13,7 @@
 #include "fileprovider/replicated_extension.h"
 #include "platform/clock.h"
 #include "platform/progress.h"
+#include "platform/scheduler.h"
 #include "service/contents/content_file.h"
 #include "service/contents/content_state.h"
 #include "service/last_errors.h"
@@ -52,6 +54,11 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
   void require(Inode inode, Request request, const std::shared_ptr<Progress>& wait, ContentAnswer answer)
       EXCLUDES(lock_);
 
+  // An extension reports whatever it could not look up as NO_SUCH_ITEM, a server out of reach as well. This reads the
+  // server's changes and completes with what went wrong there; its error then stands for the extension's.
+  using ServerCheck = std::function<void(Completion<std::optional<Error>>)>;
+  void checkServerWith(ServerCheck check) EXCLUDES(lock_);
+
   // Drops the local copy; open files keep theirs. Nothing to drop is success; one that is being fetched is EBUSY.
   std::optional<Error> evict(Inode inode) EXCLUDES(lock_);
 
@@ -84,6 +91,7 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
                const Clock& clock);
   Result<void> scan() EXCLUDES(lock_);
   [[nodiscard]] std::string pathOf(Inode inode, std::uint64_t tag) const;
+  [[nodiscard]] ServerCheck serverCheck() const EXCLUDES(lock_);
   void begin(Inode inode, Request request) EXCLUDES(lock_);
   void abandoned(Inode inode) EXCLUDES(lock_);
   void finished(Inode inode, Request request, bool wasAbandoned,
@@ -98,12 +106,14 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
   ReplicatedExtension& extension_;
   LastErrors& errors_;
   const Clock& clock_;
+  Scheduler& scheduler_;
   std::shared_ptr<Queue> queue_;  // everything that changes files, in order
   std::shared_ptr<WaitingRoom<std::shared_ptr<const ContentFile>>> waiting_;
   mutable Mutex lock_;
   std::unordered_map<Inode, Record> records_ GUARDED_BY(lock_);  // those not absent
   std::int64_t bytesHere_ GUARDED_BY(lock_) = 0;
   std::optional<Error> closed_ GUARDED_BY(lock_);
+  ServerCheck checkServer_ GUARDED_BY(lock_);
 };
 
 }  // namespace vondle

@@ -75,6 +75,7 @@ class ContentStoreTest : public testing::Test {
                                                  const std::shared_ptr<Progress>& wait = nullptr) {
     auto answer = std::make_shared<std::optional<Answer>>();
     store_->require(inode_, request, wait, [answer](const Answer& result) { *answer = result; });
+    scheduler_.runUntilIdle();  // the fetch begins on another thread
     return answer;
   }
   Answer get(Request request = VIEWER) {
@@ -219,6 +220,18 @@ TEST_F(ContentStoreTest, AFailureReachesThoseWhoWaitAndIsRemembered) {
   extension_.failFetches(std::nullopt);
   EXPECT_TRUE(get());
   EXPECT_FALSE(errors_.of(inode_));
+}
+
+TEST_F(ContentStoreTest, AnItemThatTheServerCouldNotBeAskedForIsNotSaidToBeMissing) {
+  const Error missing(FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM);
+  const Error unreachable(URL_ERROR_DOMAIN, URL_CANNOT_CONNECT_TO_HOST, "no network");
+  std::optional<Error> server = unreachable;
+  store_->checkServerWith([&](Completion<std::optional<Error>> completion) { std::move(completion)(server); });
+  extension_.failFetches(missing);
+  EXPECT_EQ(get().error(), unreachable);
+  EXPECT_EQ(errors_.of(inode_)->error, unreachable);
+  server.reset();
+  EXPECT_EQ(get().error(), missing);
 }
 
 TEST_F(ContentStoreTest, ContentsOfAnotherSizeThanToldAreRefused) {

@@ -69,7 +69,7 @@ class ControlCommandsTest : public testing::Test {
     replica_ = Replica::open(folder_ + "/replica.db").value();
     tree_ = std::make_unique<Tree>(*replica_, scheduler_);
     contents_ = ContentStore::open(folder_ + "/contents", *tree_, *extension_, errors_, scheduler_, scheduler_).value();
-    listing_ = std::make_shared<FolderListing>(*tree_, *extension_, errors_, scheduler_);
+    listing_ = std::make_shared<FolderListing>(*tree_, *extension_, errors_, scheduler_, scheduler_);
     follower_ = std::make_shared<Follower>(*extension_, *tree_, scheduler_, scheduler_, files_, "/home/tester/anchor",
                                            [] { return MonotonicTime{}; });
     commands_ = std::make_unique<ControlCommands>(ControlCommands::Parts{.tree = *tree_,

@@ -79,10 +79,12 @@ class FolderListing::Operation final : public EnumerationObserver, public std::e
   std::optional<Page> nextPage_ GUARDED_BY(lock_);
 };
 
-FolderListing::FolderListing(Tree& tree, ReplicatedExtension& extension, LastErrors& errors, const Clock& clock)
+FolderListing::FolderListing(Tree& tree, ReplicatedExtension& extension, LastErrors& errors, Scheduler& scheduler,
+                             const Clock& clock)
     : tree_(tree),
       extension_(extension),
       errors_(errors),
+      scheduler_(scheduler),
       clock_(clock),
       waiting_(std::make_shared<WaitingRoom<Nothing>>(nullptr)) {}
 
@@ -99,7 +101,8 @@ void FolderListing::require(Inode folder, Request request, const std::shared_ptr
       waiting_->enter(folder, wait, [completion = std::move(completion)](const Result<Nothing>& result) mutable {
         std::move(completion)(result ? std::nullopt : std::optional(result.error()));
       });
-  if (isFirst) begin(folder, request);
+  // Not on the caller's thread, which may be the kernel's: the extension reads the keyring before it sends anything.
+  if (isFirst) scheduler_.global().post([self = shared_from_this(), folder, request] { self->begin(folder, request); });
 }
 
 void FolderListing::begin(Inode folder, Request request) {

@@ -7,6 +7,7 @@
 #include "fileprovider/replicated_extension.h"
 #include "platform/clock.h"
 #include "platform/progress.h"
+#include "platform/scheduler.h"
 #include "service/last_errors.h"
 #include "service/replica/tree.h"
 #include "service/waiting_room.h"
@@ -21,7 +22,8 @@ class FolderListing : public std::enable_shared_from_this<FolderListing> {
   static constexpr std::size_t MAX_ITEMS = 5'000'000;
   static constexpr std::size_t MAX_PAGES = 10'000;
 
-  FolderListing(Tree& tree, ReplicatedExtension& extension, LastErrors& errors, const Clock& clock);
+  FolderListing(Tree& tree, ReplicatedExtension& extension, LastErrors& errors, Scheduler& scheduler,
+                const Clock& clock);
 
   // Completes at once when the folder is listed. Errors: the extension's; NO_SUCH_ITEM for one that is not (any more)
   // in the tree; USER_CANCELLED when the wait is cancelled. `wait` may be null.
@@ -43,6 +45,7 @@ class FolderListing : public std::enable_shared_from_this<FolderListing> {
   Tree& tree_;
   ReplicatedExtension& extension_;
   LastErrors& errors_;
+  Scheduler& scheduler_;
   const Clock& clock_;
   std::shared_ptr<WaitingRoom<Nothing>> waiting_;
   Mutex lock_;

@@ -22,7 +22,7 @@ class FolderListingTest : public testing::Test {
     folder_ = ::mkdtemp(pattern.data());
     replica_ = *Replica::open(folder_ + "/replica.sqlite");
     tree_ = std::make_unique<Tree>(*replica_, scheduler_);
-    listing_ = std::make_shared<FolderListing>(*tree_, extension_, errors_, scheduler_);
+    listing_ = std::make_shared<FolderListing>(*tree_, extension_, errors_, scheduler_, scheduler_);
   }
   ~FolderListingTest() override {
     listing_->close({COCOA_ERROR_DOMAIN, USER_CANCELLED});
@@ -171,7 +171,7 @@ class EndlessExtension final : public ReplicatedExtension {
 TEST_F(FolderListingTest, AListingWithoutEndFails) {
   for (const bool samePage : {true, false}) {
     EndlessExtension endless(samePage);
-    const auto listing = std::make_shared<FolderListing>(*tree_, endless, errors_, scheduler_);
+    const auto listing = std::make_shared<FolderListing>(*tree_, endless, errors_, scheduler_, scheduler_);
     std::optional<Error> answer;
     listing->require(ROOT_INODE, VIEWER, nullptr, [&](std::optional<Error> error) { answer = std::move(error); });
     scheduler_.runUntilIdle();
