@@ -58,6 +58,11 @@ ItemIndex::Slot ItemIndex::Table::find(std::uint64_t hash, const Matches& matche
 }
 
 template <class HashOf>
+void ItemIndex::Table::reserve(std::size_t slots, const HashOf& hashOf) {
+  while (slots * 3 > slots_.size() * 2) grow(hashOf);
+}
+
+template <class HashOf>
 void ItemIndex::Table::add(std::uint64_t hash, Slot slot, const HashOf& hashOf) {
   if ((used_ + 1) * 3 > slots_.size() * 2) grow(hashOf);
   const auto mask = slots_.size() - 1;
@@ -96,6 +101,12 @@ void ItemIndex::Table::grow(const HashOf& hashOf) {
 }
 
 ItemIndex::ItemIndex() = default;
+
+void ItemIndex::reserve(std::size_t nodes) {
+  byInode_.reserve(nodes, [this](Slot slot) { return inodeHash(slot); });
+  byIdentifier_.reserve(nodes, [this](Slot slot) { return identifierHash(slot); });
+  byName_.reserve(nodes, [this](Slot slot) { return nameHash(slot); });
+}
 
 ItemIndex::Slot ItemIndex::insert(Inode inode, std::string_view identifier, std::string_view name, const Facts& facts) {
   assert(find(inode) == NONE && findIdentifier(identifier) == NONE && identifier.size() <= MAX_IDENTIFIER);

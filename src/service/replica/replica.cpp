@@ -43,6 +43,10 @@ Result<void> Replica::load() {
     std::string oddServerName;
   };
   std::vector<Place> places;
+  const auto count = store_.rowCount();
+  if (!count) return std::unexpected(count.error());
+  state_.index.reserve(*count);
+  places.reserve(*count);
   const auto take = [&](const ReplicaStore::Row& row) REQUIRES(lock_) {
     if (row.inode == ROOT_INODE) {
       hasRoot = true;
@@ -69,8 +73,11 @@ Result<void> Replica::load() {
     state_.index.facts(slot).isNamedDifferently = row.localName != row.serverName;
   };
   if (auto read = store_.read(take); !read) return read;
+  // Neighbours mostly lie in the same folder.
+  Inode lastInode = ROOT_INODE;
+  Slot parent = state_.index.find(ROOT_INODE);
   for (const auto& [slot, parentInode, oddServerName] : places) {
-    const Slot parent = state_.index.find(parentInode);
+    if (parentInode != std::exchange(lastInode, parentInode)) parent = state_.index.find(parentInode);
     if (parent == NONE || !state_.index.facts(parent).isFolder || state_.index.isAtOrAbove(slot, parent) ||
         state_.index.findChild(parent, state_.index.name(slot)) != NONE)
       continue;

@@ -158,6 +158,13 @@ Result<void> ReplicaStore::prepare() {
   return keep(remove_, "DELETE FROM item WHERE id = ?1");
 }
 
+Result<std::size_t> ReplicaStore::rowCount() {
+  auto count = database_->prepare("SELECT count(*) FROM item");
+  if (!count) return std::unexpected(count.error());
+  if (const auto row = count->step(); !row) return std::unexpected(row.error());
+  return static_cast<std::size_t>(count->integer(0));
+}
+
 Result<void> ReplicaStore::read(const std::function<void(const Row&)>& take) {
   auto rows = database_->prepare(
       "SELECT id, parent, identifier, name, local, content_version, size, modified, capabilities, flags, policy, kind "

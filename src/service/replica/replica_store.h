@@ -62,6 +62,7 @@ class ReplicaStore {
 
   static Result<ReplicaStore> open(const std::string& path);
 
+  [[nodiscard]] Result<std::size_t> rowCount();
   // Every row, in no particular order. An error means that the database is damaged.
   Result<void> read(const std::function<void(const Row&)>& take);
   // Inode numbers from here on have never been used.
