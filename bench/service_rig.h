@@ -76,7 +76,8 @@ class ServiceRig {
   Tree tree_{*replica_, scheduler_};
   std::shared_ptr<ContentStore> contents_ =
       taken(ContentStore::open(*users_.home + "/contents", tree_, *extension_, errors_, scheduler_, clock_));
-  std::shared_ptr<FolderListing> listing_ = std::make_shared<FolderListing>(tree_, *extension_, errors_, clock_);
+  std::shared_ptr<FolderListing> listing_ =
+      std::make_shared<FolderListing>(tree_, *extension_, errors_, scheduler_, clock_);
 };
 
 }  // namespace vondle::bench
