@@ -71,7 +71,7 @@ check 'a file is none either' exits 1 vondle mount "$HOME_FOLDER/own/file"
 check 'and the refusal says so ' says "$HOME_FOLDER/own/file is not a folder."
 check 'nor a folder with files' exits 1 vondle mount "$HOME_FOLDER/own"
 check 'and the refusal says so  ' says 'is not empty'
-check 'nothing was mounted' sh -c "! grep -q fuse.vondle /proc/self/mountinfo"
+check 'nothing was mounted' sh -c "! grep '$WORLD/.*fuse.vondle' /proc/self/mountinfo"
 
 # A state folder that cannot be written to.
 mkdir -p "$STATE"
@@ -144,14 +144,18 @@ check 'the first is not disturbed' test "$(field service.pid)" = "$first"
 
 # Another user of the machine.
 # A line that is no command is answered too, but only to whom the service listens.
-asks() { "$@" curl -sS --http0.9 --max-time 20 --unix-socket "$WORLD/run/vondle/control" http://service/ 2>&1 || true; }
+asks() { "$@" curl -sS --http0.9 --max-time 20 --unix-socket "$WORLD/run/vondle/control" http://service/ >"$WORLD/out" 2>&1 || true; }
 chmod 711 "$WORLD" "$WORLD/run"
-check 'the user reaches the service' grep -q malformed <(asks env)
-check 'another does not reach its socket' grep -qF 'curl: (7)' <(asks "${NOBODY[@]}")
+asks env
+check 'the user reaches the service' says malformed
+check 'another does not reach its socket' sh -c "! ${NOBODY[*]} test -e '$WORLD/run/vondle/control'"
 chmod 711 "$WORLD/run/vondle"
 chmod 666 "$WORLD/run/vondle/control"
-check 'nor is answered when the rights would let them' grep -qE 'curl: \((52|55|56)\)' <(asks "${NOBODY[@]}")
-check 'while the user is' grep -q malformed <(asks env)
+check 'and when its rights would let them' "${NOBODY[@]}" test -w "$WORLD/run/vondle/control"
+asks "${NOBODY[@]}"
+check 'is not answered either' sh -c "grep -q '^curl: ' '$WORLD/out' && ! grep -q malformed '$WORLD/out'"
+asks env
+check 'while the user is' says malformed
 chmod 711 "$HOME_FOLDER"
 check 'nor sees the folder' sh -c "! ${NOBODY[*]} ls '$MOUNT' 2>/dev/null"
 chmod 700 "$WORLD" "$WORLD/run" "$WORLD/run/vondle" "$HOME_FOLDER"

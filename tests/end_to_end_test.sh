@@ -9,6 +9,7 @@ source tests/checks.sh
 
 inodes() { (cd "$MOUNT" && find . -printf '%P %i\n' | sort); }
 serve_garbage() { # on the storage's port
+  : >"$WORLD/garbage.log"
   python3 - "$STORAGE_PORT" >"$WORLD/garbage.log" 2>&1 <<'PY' &
 import http.server, sys
 class Garbage(http.server.BaseHTTPRequestHandler):

@@ -66,7 +66,8 @@ PY
 }
 database_is_whole() { [ "$(sqlite3 "$STATE/replica.db" 'PRAGMA integrity_check')" = ok ]; }
 serves() { ls "$MOUNT" >/dev/null 2>&1; }
-serves_from_another() { [ "$(worker)" != "$1" ] && serves; }
+# The folder answers a little before the commands do.
+serves_from_another() { [ "$(worker)" != "$1" ] && serves && in_world timeout 20 vondle status; }
 
 # What programs do meanwhile; every one of them may fail.
 be_busy() {
