@@ -64,11 +64,17 @@ fi
 in_world vondle evict "$MOUNT/big.bin" >/dev/null
 
 # The peer reads the same tree from a server of its own; both know their folders before the clock starts.
-rclone serve http "$IMPORT" --addr 127.0.0.1:0 -v >"$WORLD/rclone-server.log" 2>&1 &
+answers() { (: <"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+RCLONE_PORT=$((20000 + RANDOM % 10000))
+while answers "$RCLONE_PORT"; do RCLONE_PORT=$((RCLONE_PORT + 1)); done
+: >"$WORLD/rclone.conf"
+rclone serve http "$IMPORT" --addr "127.0.0.1:$RCLONE_PORT" --config "$WORLD/rclone.conf" >"$WORLD/rclone.log" 2>&1 &
 RCLONE_PIDS=$!
-wait_for_line "$WORLD/rclone-server.log" 'http://127.0.0.1:' 20 $!
-RCLONE_SERVER=$(grep -o 'http://127.0.0.1:[0-9]*' "$WORLD/rclone-server.log" | head -1)
-rclone mount ":http,url='$RCLONE_SERVER':" "$RCLONE_MOUNT" --config "$WORLD/rclone.conf" --read-only \
+until answers "$RCLONE_PORT"; do
+  kill -0 "$RCLONE_PIDS" 2>/dev/null || { cat "$WORLD/rclone.log" >&2; exit 1; }
+  sleep 0.1
+done
+rclone mount ":http,url='http://127.0.0.1:$RCLONE_PORT':" "$RCLONE_MOUNT" --config "$WORLD/rclone.conf" --read-only \
   --vfs-cache-mode full --cache-dir "$WORLD/rclone-cache" >"$WORLD/rclone.log" 2>&1 &
 RCLONE_PIDS+=" $!"
 until mountpoint -q "$RCLONE_MOUNT"; do
