@@ -12,13 +12,19 @@ expect() { # WHAT COMMAND...
 names_and_sizes() { (cd "$1" && find . -mindepth 1 \( -type d -printf '%P/\n' -o -printf '%P %s %TY-%Tm-%Td %TH:%TM\n' \) | LC_ALL=C sort); }
 same_listing() { diff <(names_and_sizes "$IMPORT") <(names_and_sizes "$MOUNT"); }
 same_bytes() { diff -r --no-dereference "$IMPORT" "$MOUNT"; }
+downloads() { grep -c 'fetchContents' "$HOME_FOLDER/.local/state/vondle/service.log"; }
+same_bytes_without_downloads() {
+  local before
+  before=$(downloads)
+  [ "$before" -gt 0 ] && same_bytes && [ "$(downloads)" = "$before" ]
+}
 sync_now() { in_world vondle sync --wait 30 >/dev/null; }
 contents_are() { [ "$(cat "$MOUNT/$1")" = "$2" ]; }
 is_gone() { [ ! -e "$MOUNT/$1" ]; }
 
 expect 'the mounted tree has the names, sizes and times of the imported one' same_listing
 expect 'every byte is the same' same_bytes
-expect 'a second reading needs no transfer' same_bytes
+expect 'a second reading downloads nothing' same_bytes_without_downloads
 
 is_gone 'From elsewhere' || differs 'a folder that was not made yet is already there'
 other_device mkdir 'From elsewhere' >/dev/null
