@@ -40,6 +40,20 @@ enum FileSystemFlags : std::uint32_t {
   USER_WRITABLE = 4,
 };
 
+// Bits that name what a change is about.
+enum ItemFields : std::uint32_t {
+  FIELD_CONTENTS = 1,
+  FIELD_FILENAME = 2,
+  FIELD_PARENT_ITEM_IDENTIFIER = 4,
+  FIELD_LAST_USED_DATE = 8,
+  FIELD_TAG_DATA = 16,
+  FIELD_FAVORITE_RANK = 32,
+  FIELD_CREATION_DATE = 64,
+  FIELD_CONTENT_MODIFICATION_DATE = 128,
+  FIELD_FILE_SYSTEM_FLAGS = 256,
+  FIELD_EXTENDED_ATTRIBUTES = 512,
+};
+
 enum class ContentPolicy : std::int32_t {
   inherited = 0,
   downloadLazily = 1,

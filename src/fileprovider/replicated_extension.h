@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "base/completion.h"
@@ -16,6 +18,16 @@ namespace vondle {
 struct FetchedContents {
   std::string path;
   Item item;
+};
+
+// What an item became after it was created or modified.
+struct SavedItem {
+  Item item;
+  std::uint32_t stillPendingFields = 0;  // ItemFields that are to be given again
+  bool shouldFetchContent = false;
+  // The contents that were given are those of `item` as it is now. Not so when they were kept as another file because
+  // of a conflict, or when somebody else has written since; then the service's copy is no copy of the item.
+  bool hasGivenContents = false;
 };
 
 // What the service asks of the extension of one domain. Any thread, concurrently; every call returns at once. Each
@@ -36,6 +48,24 @@ class ReplicatedExtension {
   // The version wanted is a hint; what the server holds now is delivered.
   virtual std::shared_ptr<Progress> fetchContents(ItemIdentifier identifier, std::optional<ItemVersion> version,
                                                   Request request, Completion<Result<FetchedContents>> completion) = 0;
+
+  // Of the template count the parent, the filename and the content type, which may be empty for a file. The contents,
+  // for a file, are a local file that must neither change nor go before the completion, whose own name ends like the
+  // template's filename. The options are the framework's; none is defined yet.
+  virtual std::shared_ptr<Progress> createItem(Item basedOn, std::uint32_t fields, std::optional<std::string> contents,
+                                               std::uint32_t options, Request request,
+                                               Completion<Result<SavedItem>> completion) = 0;
+
+  // Brings the changed fields of the item to the server; the item is as the service wants it, the base version the one
+  // that the change was made on. Contents as in createItem.
+  virtual std::shared_ptr<Progress> modifyItem(Item item, ItemVersion baseVersion, std::uint32_t changedFields,
+                                               std::optional<std::string> contents, std::uint32_t options,
+                                               Request request, Completion<Result<SavedItem>> completion) = 0;
+
+  // An item that is not in the trash is moved there; one that is goes for good. An unknown one counts as deleted.
+  virtual std::shared_ptr<Progress> deleteItem(ItemIdentifier identifier, ItemVersion baseVersion,
+                                               std::uint32_t options, Request request,
+                                               Completion<std::optional<Error>> completion) = 0;
 };
 
 }  // namespace vondle

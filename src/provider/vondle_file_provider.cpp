@@ -56,6 +56,25 @@ std::shared_ptr<Progress> VondleFileProvider::fetchContents(ItemIdentifier ident
   return std::make_shared<FetchContents>(services_, std::move(identifier), request, std::move(completion))->start();
 }
 
+std::shared_ptr<Progress> VondleFileProvider::createItem(Item, std::uint32_t, std::optional<std::string>, std::uint32_t,
+                                                         Request, Completion<Result<SavedItem>> completion) {
+  std::move(completion)(failure(noWrites()));
+  return Progress::make();
+}
+
+std::shared_ptr<Progress> VondleFileProvider::modifyItem(Item, ItemVersion, std::uint32_t, std::optional<std::string>,
+                                                         std::uint32_t, Request,
+                                                         Completion<Result<SavedItem>> completion) {
+  std::move(completion)(failure(noWrites()));
+  return Progress::make();
+}
+
+std::shared_ptr<Progress> VondleFileProvider::deleteItem(ItemIdentifier, ItemVersion, std::uint32_t, Request,
+                                                         Completion<std::optional<Error>> completion) {
+  std::move(completion)(noWrites());
+  return Progress::make();
+}
+
 void VondleFileProvider::parentPath(const std::string& id, Completion<std::optional<std::string>> completion) {
   if (id == SERVER_ROOT) return std::move(completion)("");
   services_.cache.resolve(id, mutationFreshness,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -31,6 +32,14 @@ class VondleFileProvider final : public ReplicatedExtension {
   std::shared_ptr<Enumerator> enumeratorForContainer(ItemIdentifier container, Request request) override;
   std::shared_ptr<Progress> fetchContents(ItemIdentifier identifier, std::optional<ItemVersion> version,
                                           Request request, Completion<Result<FetchedContents>> completion) override;
+  std::shared_ptr<Progress> createItem(Item basedOn, std::uint32_t fields, std::optional<std::string> contents,
+                                       std::uint32_t options, Request request,
+                                       Completion<Result<SavedItem>> completion) override;
+  std::shared_ptr<Progress> modifyItem(Item item, ItemVersion baseVersion, std::uint32_t changedFields,
+                                       std::optional<std::string> contents, std::uint32_t options, Request request,
+                                       Completion<Result<SavedItem>> completion) override;
+  std::shared_ptr<Progress> deleteItem(ItemIdentifier identifier, ItemVersion baseVersion, std::uint32_t options,
+                                       Request request, Completion<std::optional<Error>> completion) override;
 
   // The server path of the folder with this server id, asked for afresh, or as last known when the server fails; none
   // when it is not known either.

@@ -12,12 +12,13 @@
 #include "base/mutex.h"
 #include "fileprovider/replicated_extension.h"
 #include "platform/scheduler.h"
+#include "testing/read_only_extension.h"
 
 namespace vondle {
 
 // An extension without a server: a tree in memory that a test fills, whose answers can be held back and made to fail.
 // Answers come on the thread that asks or, when held back, on the one that lets them go. Any thread.
-class FakeExtension final : public ReplicatedExtension {
+class FakeExtension final : public ReadOnlyExtension {
  public:
   // Fetched contents are written into the folder, which must exist.
   explicit FakeExtension(std::string temporaryFolder);

@@ -15,6 +15,7 @@
 #include "platform/content_types.h"
 #include "service/replica/replica.h"
 #include "testing/captured_log.h"
+#include "testing/read_only_extension.h"
 #include "testing/simulated_files.h"
 #include "testing/virtual_scheduler.h"
 
@@ -40,7 +41,7 @@ const Error UNREACHABLE(URL_ERROR_DOMAIN, URL_CANNOT_CONNECT_TO_HOST, "no server
 
 // An extension whose working set says what the test lays out, page by page; like the real one it reads on from its own
 // anchor, whatever the service passes.
-class FeedExtension : public ReplicatedExtension {
+class FeedExtension : public ReadOnlyExtension {
  public:
   struct Page {
     std::vector<Item> updates;

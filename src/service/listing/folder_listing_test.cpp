@@ -7,6 +7,7 @@
 
 #include "fileprovider/error_codes.h"
 #include "testing/fake_extension.h"
+#include "testing/read_only_extension.h"
 #include "testing/virtual_scheduler.h"
 
 namespace vondle {
@@ -130,7 +131,7 @@ TEST_F(FolderListingTest, NewsThatArrivesDuringTheListingIsNotLost) {
 }
 
 // An extension that never comes to an end.
-class EndlessExtension final : public ReplicatedExtension {
+class EndlessExtension final : public ReadOnlyExtension {
  public:
   explicit EndlessExtension(bool samePage) : samePage_(samePage) {}
   class Pages final : public Enumerator {
