@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "base/error.h"
+#include "fileprovider/error_codes.h"
 
 namespace vondle {
 
@@ -17,7 +18,7 @@ struct APIError {
     malformed,      // the address could not be formed, or a reply lacks what it must hold
   };
 
-  static constexpr std::string_view DOMAIN = "VondleAPIError";
+  static constexpr std::string_view DOMAIN = API_ERROR_DOMAIN;
 
   Kind kind;
   std::int64_t status = 0;  // of badResponse: the HTTP status, 0 when there was no HTTP response

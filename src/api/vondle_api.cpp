@@ -106,6 +106,26 @@ Result<std::vector<Entry>> readTrash(const json::Object& reply, Timestamp now) {
   return entries;
 }
 
+Result<ContentTarget> readTarget(const json::Object& reply) {
+  auto target = ContentTarget::parse(reply);
+  if (!target) return malformed();
+  return *std::move(target);
+}
+
+Result<ThumbURLs> readThumbURLs(const json::Object& reply) {
+  const auto* urls = json::object(reply, "urls");
+  if (!urls) return malformed();
+  ThumbURLs thumbs;
+  for (const auto& [id, url] : *urls) {
+    if (!url.is_string()) return malformed();
+    thumbs.urls.emplace(id, url.get_string());
+  }
+  if (const auto* pending = json::list(reply, "pending"))
+    for (const auto& id : *pending)
+      if (id.is_string()) thumbs.pending.emplace(id.get_string());
+  return thumbs;
+}
+
 }  // namespace
 
 VondleAPI::VondleAPI(URLLoading& loading, const Clock& clock, ConfigLoader& config, std::string clientHeader)
@@ -180,6 +200,38 @@ void VondleAPI::restore(std::string id, Reply completion) {
 
 void VondleAPI::purge(std::string id, Reply completion) {
   post("purge", {{"id", id}}, std::move(completion));
+}
+
+void VondleAPI::contentURL(std::string id, std::int64_t baseVersion, std::int64_t size,
+                           Completion<Result<ContentTarget>> completion) {
+  json::Object body{{"id", id}, {"base_version", baseVersion}, {"thumb", true}};
+  if (size >= multipartThreshold) {
+    body["size"] = size;
+    body["multipart"] = true;
+  }
+  post("content-url", std::move(body), reading(std::move(completion), readTarget));
+}
+
+void VondleAPI::contentCommit(std::string id, std::int64_t baseVersion, std::string key, bool thumb, Reply completion) {
+  json::Object body{{"id", id}, {"base_version", baseVersion}, {"key", key}};
+  if (thumb) body["thumb"] = true;
+  post("content-commit", std::move(body), std::move(completion));
+}
+
+void VondleAPI::notifyUpload(std::string key) {
+  notifyUpload(std::move(key), false, [] {});
+}
+
+void VondleAPI::notifyUpload(std::string key, bool thumb, Completion<> answered) {
+  const json::Array keys{json::Value(key)};
+  json::Object body{{"keys", keys}};
+  if (thumb) body["thumbs"] = keys;
+  post("notify-upload", std::move(body),
+       [answered = std::move(answered)](const Result<json::Object>&) mutable { std::move(answered)(); });
+}
+
+void VondleAPI::thumbURLs(std::vector<std::string> ids, Completion<Result<ThumbURLs>> completion) {
+  post("thumb-urls", {{"ids", json::Array(ids.begin(), ids.end())}}, reading(std::move(completion), readThumbURLs));
 }
 
 void VondleAPI::get(std::string path, Query query, Reply completion) {

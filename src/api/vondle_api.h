@@ -7,7 +7,9 @@
 #include <vector>
 
 #include "api/change_set.h"
+#include "api/content_target.h"
 #include "api/entry.h"
+#include "api/thumb_urls.h"
 #include "base/completion.h"
 #include "base/error.h"
 #include "base/json.h"
@@ -54,6 +56,18 @@ class VondleAPI {
   void deleteFolder(std::string path, Reply completion);
   void restore(std::string id, Reply completion);
   void purge(std::string id, Reply completion);
+
+  // Asks where new contents of the entry go; `baseVersion` is the version that the edit began with. The server decides
+  // the form; sizes below multipartThreshold are not told to it.
+  void contentURL(std::string id, std::int64_t baseVersion, std::int64_t size,
+                  Completion<Result<ContentTarget>> completion);
+  // Makes the contents stored under the key the entry's next version; `thumb`: a preview of them was stored, too.
+  void contentCommit(std::string id, std::int64_t baseVersion, std::string key, bool thumb, Reply completion);
+  // Tells that contents were stored under the key. Nobody learns what became of it.
+  void notifyUpload(std::string key);
+  // The same for who waits until the server has heard it, or can't; `thumb` as above.
+  void notifyUpload(std::string key, bool thumb, Completion<> answered);
+  void thumbURLs(std::vector<std::string> ids, Completion<Result<ThumbURLs>> completion);
 
   // One POST request by the rules of all: `path` is the endpoint's text below "/vondle/api/".
   void post(std::string path, json::Object body, Reply completion);
