@@ -11,6 +11,7 @@
 #include "config/paths.h"
 #include "platform/linux/asio_scheduler.h"
 #include "platform/linux/curl_url_session.h"
+#include "platform/linux/helper_preview_renderer.h"
 #include "platform/linux/linux_clock.h"
 #include "platform/linux/linux_files.h"
 #include "platform/linux/linux_process_control.h"
@@ -67,8 +68,9 @@ class ServiceRig {
   CurlURLLoading loading_;
   LastErrors errors_;
   AsioScheduler scheduler_;
+  HelperPreviewRenderer previews_;
   Process process_{Platform{clock_, scheduler_, loading_, files_, keychain_, notifyCentre_, users_, processControl_,
-                            random_, BundleInformation({})}};
+                            random_, previews_, BundleInformation({})}};
   std::shared_ptr<ReplicatedExtension> extension_ =
       process_.makeExtension({.identifier = "bench", .displayName = "Bench"},
                              [](const Domain&) -> std::shared_ptr<Manager> { return nullptr; });

@@ -19,6 +19,7 @@
 #include "testing/scripted_manager.h"
 #include "testing/simulated_keychain.h"
 #include "testing/simulated_notify_centre.h"
+#include "testing/simulated_preview_renderer.h"
 #include "testing/simulated_process_control.h"
 #include "testing/simulated_random.h"
 #include "testing/simulated_user_database.h"
@@ -46,7 +47,8 @@ class HostileServerTest : public testing::Test {
     EXPECT_TRUE(files.createFolder(home.path + "/.vondle"));
     EXPECT_TRUE(files.writeAtomically(home.path + "/.vondle/config.json",
                                       json::serialize(json::Object{{"server", api.url("")}, {"api_key", KEY}})));
-    process.emplace(Platform{clock, scheduler, loading, files, keychain, notifyCentre, users, control, random, bundle});
+    process.emplace(
+        Platform{clock, scheduler, loading, files, keychain, notifyCentre, users, control, random, previews, bundle});
     extension = process->makeExtension({"domain", "Ann's files"}, [this](const Domain&) { return manager; });
   }
 
@@ -98,6 +100,7 @@ class HostileServerTest : public testing::Test {
   SimulatedNotifyCentre notifyCentre;
   SimulatedProcessControl control;
   SimulatedRandom random;
+  SimulatedPreviewRenderer previews{scheduler};
   const BundleInformation bundle = bundleInformation();
   std::optional<Process> process;
   std::shared_ptr<ScriptedManager> manager = std::make_shared<ScriptedManager>(scheduler.global());

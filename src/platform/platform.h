@@ -6,6 +6,7 @@
 #include "platform/keychain.h"
 #include "platform/log.h"
 #include "platform/notify_centre.h"
+#include "platform/preview_renderer.h"
 #include "platform/process_control.h"
 #include "platform/random_source.h"
 #include "platform/scheduler.h"
@@ -26,6 +27,7 @@ struct Platform {
   UserDatabase& users;
   ProcessControl& process;
   RandomSource& random;
+  PreviewRenderer& previews;
   BundleInformation bundle;
 };
 

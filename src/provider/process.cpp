@@ -18,9 +18,12 @@ Process::Process(const Platform& platform, const ServerDirectory& directory)
       cursor_(platform.files),
       pins_(platform.files, platform.clock, paths_),
       pending_(platform.clock, platform.scheduler),
+      resume_(platform.files, platform.clock),
       api_(platform.urlLoading, platform.clock, config_, vondleClientHeader(platform.bundle)),
       cache_(*api_, platform.clock),
       gate_(platform.scheduler.global()),
+      thumbs_(platform.clock, platform.scheduler, platform.files, platform.random, platform.urlLoading,
+              platform.previews),
       transfers_(TransferServices{platform.clock, platform.scheduler, platform.urlLoading, platform.files,
                                   platform.random, *limits_, *largeUpload_, *stats_}) {}
 
@@ -34,7 +37,11 @@ std::shared_ptr<VondleFileProvider> Process::makeExtension(Domain domain, Manage
 }
 
 ProviderServices Process::services() {
-  return {{*api_, *cache_, *gate_, *pins_, *cursor_, platform_.scheduler}, *pending_, *transfers_};
+  return {{*api_, *cache_, *gate_, *pins_, *cursor_, platform_.scheduler},
+          *pending_,
+          *transfers_,
+          {*api_, *transfers_, *resume_, *thumbs_, *largeUpload_, *limits_, platform_.files, platform_.scheduler,
+           platform_.random}};
 }
 
 }  // namespace vondle

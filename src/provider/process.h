@@ -10,6 +10,7 @@
 #include "fileprovider/domain.h"
 #include "items/listing_gate.h"
 #include "platform/platform.h"
+#include "preview/client_thumb.h"
 #include "provider/provider_services.h"
 #include "provider/vondle_file_provider.h"
 #include "state/cursor.h"
@@ -20,6 +21,7 @@
 #include "transfer/limits.h"
 #include "transfer/stats.h"
 #include "transfer/throttled_transfer.h"
+#include "upload/multipart_resume.h"
 
 namespace vondle {
 
@@ -54,9 +56,11 @@ class Process {
   SharedInstance<Cursor> cursor_;
   SharedInstance<Pins> pins_;
   SharedInstance<Pending> pending_;
+  SharedInstance<MultipartResume> resume_;
   SharedInstance<VondleAPI> api_;
   SharedInstance<ItemCache> cache_;
   SharedInstance<ListingGate> gate_;
+  SharedInstance<ClientThumb> thumbs_;
   SharedInstance<ThrottledTransfer> transfers_;  // last: its end answers operations, which use the others
 };
 

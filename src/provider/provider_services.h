@@ -1,6 +1,7 @@
 #pragma once
 
 #include "items/item_services.h"
+#include "upload/upload_services.h"
 
 namespace vondle {
 
@@ -11,6 +12,7 @@ class ThrottledTransfer;
 struct ProviderServices : ItemServices {
   Pending& pending;
   ThrottledTransfer& transfers;
+  UploadServices upload;
 };
 
 }  // namespace vondle

@@ -7,6 +7,7 @@ SimulatedPlatform::SimulatedPlatform(std::optional<std::uint64_t> seed)
       files(scheduler),
       urlLoading(scheduler, files),
       random(seed.value_or(1)),
+      previews(scheduler),
       bundle({{"CFBundleShortVersionString", "1.4"},
               {"CFBundleVersion", "57"},
               {"CFBundleExecutable", "VondleFileProvider"}}) {
@@ -14,7 +15,7 @@ SimulatedPlatform::SimulatedPlatform(std::optional<std::uint64_t> seed)
 }
 
 Platform SimulatedPlatform::platform() {
-  return {scheduler, scheduler, urlLoading, files, keychain, notifyCentre, users, process, random, bundle};
+  return {scheduler, scheduler, urlLoading, files, keychain, notifyCentre, users, process, random, previews, bundle};
 }
 
 }  // namespace vondle

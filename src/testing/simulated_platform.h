@@ -8,6 +8,7 @@
 #include "testing/simulated_files.h"
 #include "testing/simulated_keychain.h"
 #include "testing/simulated_notify_centre.h"
+#include "testing/simulated_preview_renderer.h"
 #include "testing/simulated_process_control.h"
 #include "testing/simulated_random.h"
 #include "testing/simulated_user_database.h"
@@ -31,6 +32,7 @@ struct SimulatedPlatform {
   SimulatedUserDatabase users;
   SimulatedProcessControl process;
   SimulatedRandom random;
+  SimulatedPreviewRenderer previews;
   BundleInformation bundle;
 };
 

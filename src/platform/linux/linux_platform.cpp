@@ -3,6 +3,7 @@
 #include "platform/bundle.h"
 #include "platform/linux/asio_scheduler.h"
 #include "platform/linux/curl_url_session.h"
+#include "platform/linux/helper_preview_renderer.h"
 #include "platform/linux/inotify_notify_centre.h"
 #include "platform/linux/journal_log.h"
 #include "platform/linux/libsecret_keychain.h"
@@ -50,6 +51,7 @@ struct LinuxPlatform::Parts {
   CurlURLLoading urlLoading;
   InotifyNotifyCentre notifyCentre;
   AsioScheduler scheduler;
+  HelperPreviewRenderer previews;
 };
 
 LinuxPlatform::LinuxPlatform(std::string_view applicationGroup) : parts_(std::make_unique<Parts>(applicationGroup)) {}
@@ -57,8 +59,9 @@ LinuxPlatform::LinuxPlatform(std::string_view applicationGroup) : parts_(std::ma
 LinuxPlatform::~LinuxPlatform() = default;
 
 Platform LinuxPlatform::platform() {
-  return {parts_->clock,        parts_->scheduler, parts_->urlLoading, parts_->files,  parts_->keychain,
-          parts_->notifyCentre, parts_->users,     parts_->process,    parts_->random, bundleInformation()};
+  return {parts_->clock,    parts_->scheduler,    parts_->urlLoading, parts_->files,
+          parts_->keychain, parts_->notifyCentre, parts_->users,      parts_->process,
+          parts_->random,   parts_->previews,     bundleInformation()};
 }
 
 }  // namespace vondle
