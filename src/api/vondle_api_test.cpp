@@ -50,6 +50,24 @@ struct VondleAPITest : testing::Test, ApiRig {
     scheduler.runUntilIdle();
     return std::move(answer.value());
   }
+  Result<ContentTarget> contentURL(std::int64_t size) {
+    Answer<ContentTarget> answer;
+    api.contentURL("7", 3, size, answer.completion());
+    scheduler.runUntilIdle();
+    return std::move(answer.value());
+  }
+  Result<ThumbURLs> thumbURLs(std::vector<std::string> ids) {
+    Answer<ThumbURLs> answer;
+    api.thumbURLs(std::move(ids), answer.completion());
+    scheduler.runUntilIdle();
+    return std::move(answer.value());
+  }
+  // What was posted last: the endpoint and the body.
+  [[nodiscard]] std::pair<std::string, json::Value> posted() const {
+    const URLRequest& request = loading.tasks().back()->originalRequest();
+    EXPECT_EQ(request.method, "POST");
+    return {requests().back(), json::parse(request.body.value()).value()};
+  }
   Result<std::vector<Entry>> trash() {
     Answer<std::vector<Entry>> answer;
     api.trash(answer.completion());
@@ -414,6 +432,111 @@ TEST_F(VondleAPITest, SendsWritesWithTheirBodies) {
     EXPECT_EQ(request.method, "POST");
     EXPECT_EQ(request.url, std::string(API) + c.path);
     EXPECT_EQ(json::parse(*request.body).value(), json::parse(c.body).value()) << *request.body;
+  }
+}
+
+// Contents.
+
+TEST_F(VondleAPITest, TellsTheServerASizeOnlyFromTheThresholdOn) {
+  answer("content-url", R"({"key":"k","upload_url":"https://store.example/k"})");
+  const auto small = json::parse(R"({"id":"7","base_version":3,"thumb":true})").value();
+  for (const std::int64_t size : {std::int64_t{0}, std::int64_t{1}, std::int64_t{104'857'599}}) {
+    ASSERT_TRUE(contentURL(size));
+    EXPECT_EQ(posted(), std::pair(std::string("content-url"), small)) << size;
+  }
+  ASSERT_TRUE(contentURL(104'857'600));
+  EXPECT_EQ(posted().second,
+            json::parse(R"({"id":"7","base_version":3,"thumb":true,"size":104857600,"multipart":true})").value());
+}
+
+TEST_F(VondleAPITest, LetsTheServerDecideTheFormOfAnUpload) {
+  answer("content-url", R"({"key":"k","upload_id":"u1","part_size":8388608,"upload_url":"x"})");
+  EXPECT_EQ(contentURL(1)->uploadID, "u1");
+  answer("content-url", R"({"key":"k","upload_url":"https://store.example/k"})");
+  EXPECT_EQ(contentURL(104'857'600)->uploadURL, "https://store.example/k");
+}
+
+TEST_F(VondleAPITest, RefusesATargetThatCannotBeUsed) {
+  for (const char* body : {R"({})", R"({"upload_url":"https://store.example/k"})",
+                           R"({"key":"k","upload_id":"u1","part_size":0})", R"({"key":"k","upload_url":"x"})"}) {
+    answer("content-url", body);
+    EXPECT_EQ(contentURL(1).error(), Error(APIError::malformed())) << body;
+  }
+}
+
+TEST_F(VondleAPITest, PassesARefusedTargetUnchanged) {
+  for (const int status : {401, 403, 404, 409, 413, 429, 500, 507}) {
+    answer("content-url", R"({"key":"k","upload_url":"https://store.example/k"})", status);
+    EXPECT_EQ(contentURL(1).error(), Error(APIError::badResponse(status)));
+  }
+  for (const char* garbage : {"", "{", "[]", "<html>", "\xFF\xFE", "null", "{\"key\":\"k\"}{}"}) {
+    answer("content-url", garbage);
+    EXPECT_EQ(contentURL(1).error(), Error(APIError::badResponse(200))) << garbage;
+  }
+  fail("content-url", {URL_ERROR_DOMAIN, URL_NETWORK_CONNECTION_LOST});
+  EXPECT_EQ(contentURL(1).error(), Error(URL_ERROR_DOMAIN, URL_NETWORK_CONNECTION_LOST));
+}
+
+TEST_F(VondleAPITest, CommitsContentsWithAndWithoutAPreview) {
+  answer("content-commit", R"({"any":"thing"})");
+  for (const bool thumb : {false, true}) {
+    Answer<json::Object> reply;
+    api.contentCommit("7", 3, "k", thumb, reply.completion());
+    scheduler.runUntilIdle();
+    EXPECT_EQ(json::serialize(*reply.value()), R"({"any":"thing"})");
+    EXPECT_EQ(posted(), std::pair(std::string("content-commit"),
+                                  json::parse(thumb ? R"({"id":"7","base_version":3,"key":"k","thumb":true})"
+                                                    : R"({"id":"7","base_version":3,"key":"k"})")
+                                      .value()));
+  }
+}
+
+TEST_F(VondleAPITest, NotifiesTheServerOfAnUploadAndForgetsIt) {
+  answer("notify-upload", "", 500);
+  api.notifyUpload("k");
+  scheduler.runUntilIdle();
+  EXPECT_EQ(posted(), std::pair(std::string("notify-upload"), json::parse(R"({"keys":["k"]})").value()));
+}
+
+TEST_F(VondleAPITest, TellsWhenANotificationIsOverHoweverItEnds) {
+  for (const int status : {200, 500}) {
+    for (const bool thumb : {false, true}) {
+      answer("notify-upload", "{}", status);
+      int answered = 0;
+      api.notifyUpload("k", thumb, [&] { ++answered; });
+      EXPECT_EQ(answered, 0);
+      scheduler.runUntilIdle();
+      EXPECT_EQ(answered, 1);
+      EXPECT_EQ(posted().second, json::parse(thumb ? R"({"keys":["k"],"thumbs":["k"]})" : R"({"keys":["k"]})").value());
+    }
+  }
+}
+
+TEST_F(VondleAPITest, AsksForTheAddressesOfThumbnails) {
+  answer("thumb-urls", R"({"urls":{"a":"https://t/a","b":""},"pending":["c","d","c"]})");
+  const auto thumbs = thumbURLs({"a", "b", "c", "d", "e"});
+  EXPECT_EQ(posted(), std::pair(std::string("thumb-urls"), json::parse(R"({"ids":["a","b","c","d","e"]})").value()));
+  ASSERT_TRUE(thumbs);
+  EXPECT_THAT(thumbs->urls, ElementsAre(Pair("a", "https://t/a"), Pair("b", "")));
+  EXPECT_THAT(thumbs->pending, ElementsAre("c", "d"));
+}
+
+TEST_F(VondleAPITest, ReadsThumbnailsWithoutAnyPending) {
+  for (const char* body : {R"({"urls":{}})", R"({"urls":{},"pending":null})", R"({"urls":{},"pending":"a"})",
+                           R"({"urls":{},"pending":[7]})"}) {
+    answer("thumb-urls", body);
+    const auto thumbs = thumbURLs({});
+    ASSERT_TRUE(thumbs) << body;
+    EXPECT_THAT(thumbs->urls, IsEmpty());
+    EXPECT_THAT(thumbs->pending, IsEmpty());
+  }
+}
+
+TEST_F(VondleAPITest, RefusesThumbnailsWithoutAMapOfTexts) {
+  for (const char* body :
+       {R"({"pending":["a"]})", "{}", R"({"urls":[]})", R"({"urls":{"a":7}})", R"({"urls":{"a":"x","b":null}})"}) {
+    answer("thumb-urls", body);
+    EXPECT_EQ(thumbURLs({"a"}).error(), Error(APIError::malformed())) << body;
   }
 }
 
