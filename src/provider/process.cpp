@@ -38,6 +38,7 @@ std::shared_ptr<VondleFileProvider> Process::makeExtension(Domain domain, Manage
 
 ProviderServices Process::services() {
   return {{*api_, *cache_, *gate_, *pins_, *cursor_, platform_.scheduler},
+          platform_.clock,
           *pending_,
           *transfers_,
           {*api_, *transfers_, *resume_, *thumbs_, *largeUpload_, *limits_, platform_.files, platform_.scheduler,

@@ -5,11 +5,13 @@
 
 namespace vondle {
 
+class Clock;
 class Pending;
 class ThrottledTransfer;
 
 // What the extension's operations work with. A value of references: what they name must outlive every operation.
 struct ProviderServices : ItemServices {
+  const Clock& clock;
   Pending& pending;
   ThrottledTransfer& transfers;
   UploadServices upload;

@@ -1,10 +1,7 @@
 #include "provider/vondle_file_provider.h"
 
-#include <algorithm>
 #include <utility>
 
-#include "api/vondle_api.h"
-#include "config/containers.h"
 #include "config/extension_restart.h"
 #include "config/plog.h"
 #include "fileprovider/error_codes.h"
@@ -14,7 +11,12 @@
 #include "items/vondle_enumerator.h"
 #include "items/vondle_item.h"
 #include "items/working_set_enumerator.h"
+#include "provider/create_item.h"
+#include "provider/delete_item.h"
 #include "provider/fetch_contents.h"
+#include "provider/item_lookup.h"
+#include "provider/modify_item.h"
+#include "provider/write_contents.h"
 #include "state/cursor.h"
 #include "state/item_cache.h"
 
@@ -56,43 +58,36 @@ std::shared_ptr<Progress> VondleFileProvider::fetchContents(ItemIdentifier ident
   return std::make_shared<FetchContents>(services_, std::move(identifier), request, std::move(completion))->start();
 }
 
-std::shared_ptr<Progress> VondleFileProvider::createItem(Item, std::uint32_t, std::optional<std::string>, std::uint32_t,
-                                                         Request, Completion<Result<SavedItem>> completion) {
-  std::move(completion)(failure(noWrites()));
-  return Progress::make();
-}
-
-std::shared_ptr<Progress> VondleFileProvider::modifyItem(Item, ItemVersion, std::uint32_t, std::optional<std::string>,
-                                                         std::uint32_t, Request,
+std::shared_ptr<Progress> VondleFileProvider::createItem(Item basedOn, std::uint32_t,
+                                                         std::optional<std::string> contents, std::uint32_t, Request,
                                                          Completion<Result<SavedItem>> completion) {
-  std::move(completion)(failure(noWrites()));
-  return Progress::make();
+  return std::make_shared<CreateItem>(services_, std::move(basedOn), std::move(contents), std::move(completion))
+      ->start();
 }
 
-std::shared_ptr<Progress> VondleFileProvider::deleteItem(ItemIdentifier, ItemVersion, std::uint32_t, Request,
+std::shared_ptr<Progress> VondleFileProvider::modifyItem(Item item, ItemVersion baseVersion,
+                                                         std::uint32_t changedFields,
+                                                         std::optional<std::string> contents, std::uint32_t, Request,
+                                                         Completion<Result<SavedItem>> completion) {
+  if ((changedFields & FIELD_CONTENTS) != 0)
+    return std::make_shared<WriteContents>(services_, std::move(item), baseVersion, std::move(contents),
+                                           std::move(completion))
+        ->start();
+  return std::make_shared<ModifyItem>(services_, std::move(item), changedFields, std::move(completion))->start();
+}
+
+std::shared_ptr<Progress> VondleFileProvider::deleteItem(ItemIdentifier identifier, ItemVersion, std::uint32_t, Request,
                                                          Completion<std::optional<Error>> completion) {
-  std::move(completion)(noWrites());
-  return Progress::make();
+  return std::make_shared<DeleteItem>(services_, identifier, std::move(completion))->start();
 }
 
 void VondleFileProvider::parentPath(const std::string& id, Completion<std::optional<std::string>> completion) {
-  if (id == SERVER_ROOT) return std::move(completion)("");
-  services_.cache.resolve(id, mutationFreshness,
-                          [completion = std::move(completion)](std::optional<Entry> entry) mutable {
-                            std::move(completion)(entry ? std::optional(std::move(entry->path)) : std::nullopt);
-                          });
+  vondle::parentPath(services_, id, std::move(completion));
 }
 
 void VondleFileProvider::findChild(std::string name, std::string folderID,
                                    Completion<std::optional<Entry>> completion) {
-  services_.api.browse(
-      std::move(folderID), [services = services_, name = std::move(name),
-                            completion = std::move(completion)](Result<std::vector<Entry>> entries) mutable {
-        if (!entries) return std::move(completion)(std::nullopt);
-        services.cache.store(*entries);
-        const auto found = std::ranges::find(*entries, name, &Entry::name);
-        std::move(completion)(found == entries->end() ? std::nullopt : std::optional(std::move(*found)));
-      });
+  vondle::findChild(services_, std::move(name), std::move(folderID), std::move(completion));
 }
 
 Error VondleFileProvider::noWrites() {
