@@ -415,7 +415,7 @@ void ContentStore::apply(const std::vector<ReplicaChange>& changes) {
   std::vector<std::shared_ptr<Fetch>> unwanted;
   {
     MutexLock hold(lock_);
-    for (const auto& [kind, parent, name, inode] : changes) {
+    for (const auto& [kind, parent, name, inode, byProgram] : changes) {
       if (kind != ReplicaChange::Kind::contentsChanged && kind != ReplicaChange::Kind::itemRemoved) continue;
       const auto found = records_.find(inode);
       if (found == records_.end()) continue;

@@ -6,7 +6,8 @@
 
 namespace vondle {
 
-// One consequence of news from the server, for the kernel's caches and for the downloaded contents.
+// One consequence of news from the server, or of what a program did, for the kernel's caches and for the downloaded
+// contents.
 struct ReplicaChange {
   enum class Kind {
     entryAdded,         // the name now leads to the item
@@ -20,6 +21,7 @@ struct ReplicaChange {
   Inode parent = 0;  // of entryAdded, entryRemoved, itemRemoved
   std::string name;  // local
   Inode inode = 0;
+  bool byProgram = false;  // a program did it through the mount, so the kernel knows
 
   friend bool operator==(const ReplicaChange&, const ReplicaChange&) = default;
 };

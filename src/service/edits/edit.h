@@ -1,0 +1,70 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "base/time.h"
+#include "fileprovider/item.h"
+
+namespace vondle {
+
+// Names an edit in the queue for ever: a row id of its database, never used again. Edits made earlier have lower ones.
+using EditID = std::int64_t;
+
+// Bits that say what of an item is not on the server yet.
+enum EditedFields : std::uint32_t {
+  EDIT_CREATED = 1,   // the server does not know the item at all
+  EDIT_PLACED = 2,    // renamed or moved
+  EDIT_CONTENTS = 4,  // new contents
+  EDIT_DELETED = 8,   // alone: the user sees the item no more. A local one was being sent when it was deleted: should
+                      // it turn out to be on the server, it is to be deleted there.
+};
+
+// A folder and the server name of something in it.
+struct Place {
+  ItemIdentifier folder;
+  std::string name;
+  friend bool operator==(const Place&, const Place&) = default;
+};
+
+// Items that the server does not know yet are named by this prefix and a UUID. No item of the server's may be named so.
+inline constexpr std::string_view LOCAL_IDENTIFIER_PREFIX = "com.ferrow.vondle.local:";
+[[nodiscard]] inline bool isLocal(const ItemIdentifier& identifier) {
+  return identifier.text.starts_with(LOCAL_IDENTIFIER_PREFIX);
+}
+
+// All that one item has that the server has not: there is at most one for an item, and what happens to the item
+// meanwhile changes it, so that ten saves and two renamings go up as one of each. A value; the truth is in EditStore.
+struct Edit {
+  EditID id = 0;
+  ItemIdentifier item;
+  bool isFolder = false;
+  std::uint32_t fields = 0;  // EditedFields
+  // Where the user sees it, or saw it last when it is deleted.
+  Place place;
+  // Where the server has it, as far as is known; none for one that it does not know.
+  std::optional<Place> serverPlace;
+  // What the user saw when the edit was made; of CONTENTS, what they were made on. Empty for a new item, and when it is
+  // not known.
+  ItemVersion baseVersion;
+  // Of CREATED files and of CONTENTS: the number of the private file (see EditedFiles). 0: none.
+  std::int64_t contents = 0;
+  // What programs were last known to have made of that file; it has its own, which are kept here with the next change.
+  std::int64_t size = 0;
+  Timestamp modified;
+  // Counts what programs change: what was sent is still all there is when it is the same afterwards.
+  std::int64_t generation = 0;
+  std::int64_t contentsGeneration = 0;  // the one that changed the contents last
+  Timestamp changedAt;                  // when programs changed it last
+
+  // Of sending it.
+  int attempts = 0;  // that failed since programs changed it last
+  std::optional<Timestamp> nextTry;
+  std::string lastError;  // what a person reads; empty: none
+
+  friend bool operator==(const Edit&, const Edit&) = default;
+};
+
+}  // namespace vondle

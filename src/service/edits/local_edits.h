@@ -1,0 +1,114 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/completion.h"
+#include "base/error.h"
+#include "fileprovider/replicated_extension.h"
+#include "platform/clock.h"
+#include "platform/random_source.h"
+#include "service/edits/edit.h"
+#include "service/edits/edit_store.h"
+#include "service/replica/tree.h"
+
+namespace vondle {
+
+// What programs change in the folder, and what of it is not on the server yet. Each change of a program's is checked
+// against the tree, recorded in the edit database and shown in the tree, in this order, on the tree's queue; then its
+// completion runs (there), so that a program never hears of a change that the end of this process could undo. News
+// from the server never undoes one either: the tree keeps what an edit says of an item (its place, its contents, that
+// it is gone) until the edit is done, and what the server has lost but an edit still needs is made anew there.
+//
+// Any thread may call; completions run on the tree's queue. Errors for programs are POSIX errors.
+class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
+ public:
+  using Made = Completion<Result<ItemAttributes>>;
+  using Done = Completion<Result<void>>;
+
+  // Reads the database and shows its edits in the tree: call it before anything else changes the tree. A database that
+  // cannot be read is an error, never made anew: it tells of what is nowhere else.
+  static Result<std::shared_ptr<LocalEdits>> open(const std::string& databasePath, Tree& tree, const Clock& clock,
+                                                  RandomSource& random);
+
+  // What programs do. The folders must be listed (Filesystem sees to it), names are local names. EEXIST, ENOENT,
+  // ENOTDIR, EISDIR, ENOTEMPTY, EACCES (the server says that it is not for us to change), EINVAL (below itself).
+
+  // An empty file with the private file of this number as its contents.
+  void createFile(Inode folder, std::string name, std::int64_t contents, bool isExecutable, Made completion);
+  void createFolder(Inode folder, std::string name, Made completion);
+  // What stands at the new place is replaced, if that is allowed; a file that replaces one takes its identity over: for
+  // the server it is the same item with new contents.
+  void rename(Inode fromFolder, std::string fromName, Inode toFolder, std::string toName, bool mayReplace,
+              Done completion);
+  void removeFile(Inode folder, std::string name, Done completion);
+  // ENOTEMPTY unless it is listed and empty.
+  void removeFolder(Inode folder, std::string name, Done completion);
+  // The item's contents are the private file of this number from now on, and no longer what they were.
+  void editContents(Inode inode, std::int64_t contents, Done completion);
+  // The private file has changed again: nothing is recorded but that it is to be sent (again).
+  void touchContents(Inode inode, std::int64_t size, Timestamp modified);
+  // What the private file of the edit is like, which is news only after a start; nothing is to be sent for it.
+  void describeContents(EditID id, std::int64_t size, Timestamp modified);
+  // Shown instead of what the server says until the contents change there.
+  void setModified(Inode inode, Timestamp modified, Made completion);
+  // Kept here; the server knows nothing of it.
+  void setPermissions(Inode inode, bool isWritable, bool isExecutable, Made completion);
+  // After it, what was recorded before survives power loss.
+  void makeDurable(Done completion);
+
+  // What waits, in the order in which it was made. Any thread.
+  [[nodiscard]] std::vector<Edit> pending() const;
+  [[nodiscard]] std::size_t pendingCount() const;
+  [[nodiscard]] std::optional<Edit> find(EditID id) const;
+  [[nodiscard]] std::optional<Edit> ofItem(Inode inode) const;
+  // Where the item of the edit is in the tree; 0 for a deleted one.
+  [[nodiscard]] Inode inodeOf(EditID id) const;
+  // Called on the tree's queue after edits were added, changed or removed. Before the first change.
+  void onChange(std::function<void()> changed);
+
+  // The edit as it is now, which is about to be sent; none when it has gone. From here until one of the calls below has
+  // its answer, the item neither takes over another's identity nor is forgotten when it is deleted, for the server may
+  // have it already.
+  void beginSending(EditID id, Completion<std::optional<Edit>> completion);
+  // Sending was given up, with nothing learnt from it.
+  void abandonSending(EditID id);
+
+  // What became of sending. `sent` is the edit as it was sent, `fields` what of it; what programs changed meanwhile
+  // (another generation) stays to be sent. The answer says whether everything that was sent is done with: then, and
+  // only then, the private file that was sent belongs to the caller again.
+  struct Outcome {
+    Inode inode = 0;               // 0: the item is gone
+    bool isContentsDone = false;   // the private file that was sent is no longer the item's contents
+    std::uint64_t contentTag = 0;  // of the item as it is now
+  };
+  // The item is on the server like this. A new item gets its identifier.
+  void succeeded(const Edit& sent, std::uint32_t fields, SavedItem saved, Completion<Outcome> completion);
+  void deleted(const Edit& sent, Done completion);
+  void failed(const Edit& sent, std::string error, std::optional<Timestamp> nextTry, Done completion);
+  // The server has the item no more: with contents it becomes a new one (the edit wins); without, the edit is dropped
+  // and the item goes.
+  void itemVanished(const Edit& sent, Done completion);
+  // The name is taken on the server: the item gets another one, "NAME (conflicted copy).EXT" or one with a number,
+  // here too.
+  void renameAside(const Edit& sent, Done completion);
+  // A deleted item that must not be deleted after all: it shows up again.
+  void undelete(const Edit& sent, Done completion);
+  // All edits are due now, whatever their next try was.
+  void retryAll();
+
+ private:
+  LocalEdits(EditStore store, Tree& tree, const Clock& clock, RandomSource& random);
+
+  EditStore store_;
+  Tree& tree_;
+  const Clock& clock_;
+  RandomSource& random_;
+  std::function<void()> changed_;
+};
+
+}  // namespace vondle
