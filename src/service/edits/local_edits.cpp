@@ -39,7 +39,8 @@ void LocalEdits::removeFile(Inode /*folder*/, std::string /*name*/, Done complet
 void LocalEdits::removeFolder(Inode /*folder*/, std::string /*name*/, Done completion) {
   std::move(completion)(failure(readOnly()));
 }
-void LocalEdits::editContents(Inode /*inode*/, std::int64_t /*contents*/, Done completion) {
+void LocalEdits::editContents(Inode /*inode*/, std::int64_t /*contents*/, std::optional<std::uint64_t> /*madeFrom*/,
+                              Done completion) {
   std::move(completion)(failure(readOnly()));
 }
 void LocalEdits::touchContents(Inode /*inode*/, std::int64_t /*size*/, Timestamp /*modified*/) {}
