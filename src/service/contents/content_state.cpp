@@ -15,10 +15,25 @@ std::optional<ContentState> contentStateAfter(ContentState state, ContentEvent e
       if (state == fetching) return absent;
       break;
     case ContentEvent::changed:
-      // What is on its way is looked at when it is here.
+      // What is on its way is looked at when it is here, what was edited when it is sent.
       return state == clean ? absent : state;
     case ContentEvent::evicted:
-      if (state != fetching) return absent;
+      if (state == absent || state == clean) return absent;
+      break;
+    case ContentEvent::edited:
+      // From being fetched when all of it is written anew, from being sent when it is written to meanwhile.
+      return edited;
+    case ContentEvent::sent:
+      if (state == edited) return uploading;
+      break;
+    case ContentEvent::kept:
+      if (state == uploading) return edited;
+      break;
+    case ContentEvent::saved:
+      if (state == uploading) return clean;
+      break;
+    case ContentEvent::abandoned:
+      if (state == edited || state == uploading) return absent;
       break;
   }
   return std::nullopt;

@@ -1,11 +1,9 @@
 #include "service/contents/content_store.h"
 
 #include <fcntl.h>
-#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cassert>
 #include <cerrno>
 #include <charconv>
 #include <filesystem>
@@ -15,13 +13,13 @@
 
 #include "fileprovider/error_codes.h"
 #include "platform/log.h"
+#include "service/contents/file_copy.h"
 
 namespace vondle {
 namespace {
 
 constexpr Log slog("com.ferrow.vondle.service", "contents");
 
-constexpr std::string_view UNFINISHED = ".part";
 // A background fetch that has come this far is not begun anew for a program.
 constexpr double WORTH_KEEPING = 0.5;
 
@@ -51,15 +49,20 @@ Error broken(std::string description) {
 int copyFile(const std::string& from, const std::string& to) {
   const int source = ::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
   const int target = source < 0 ? -1 : ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
-  int number = target < 0 ? errno : 0;
-  constexpr std::size_t PIECE = 1 << 30;
-  for (ssize_t count = 1; number == 0 && count != 0;) {
-    count = ::sendfile(target, source, nullptr, PIECE);
-    if (count < 0 && errno != EINTR) number = errno;
-  }
+  int number = target < 0 ? errno : copyFileContents(source, target);
   if (source >= 0) ::close(source);
   if (target >= 0 && ::close(target) != 0 && number == 0) number = errno;
   return number;
+}
+
+// The copy has its name only when it is whole.
+Result<void> placeCopy(const std::string& from, const std::string& to) {
+  const auto unfinished = to + std::string(ContentStore::UNFINISHED);
+  int number = copyFile(from, unfinished);
+  if (number == 0 && ::rename(unfinished.c_str(), to.c_str()) != 0) number = errno;
+  if (number == 0) return {};
+  ::unlink(unfinished.c_str());
+  return failure(Error::posix(number, to));
 }
 
 // Gives the file its place, also from another file system.
@@ -67,15 +70,15 @@ Result<void> moveFile(const std::string& from, const std::string& to) {
   if (::chmod(from.c_str(), 0600) != 0) return failure(Error::posix(errno, from));
   if (::rename(from.c_str(), to.c_str()) == 0) return {};
   if (errno != EXDEV) return failure(Error::posix(errno, to));
-  const auto unfinished = to + std::string(UNFINISHED);
-  int number = copyFile(from, unfinished);
-  if (number == 0 && ::rename(unfinished.c_str(), to.c_str()) != 0) number = errno;
-  if (number != 0) {
-    ::unlink(unfinished.c_str());
-    return failure(Error::posix(number, to));
-  }
-  ::unlink(from.c_str());
-  return {};
+  auto copied = placeCopy(from, to);
+  if (copied) ::unlink(from.c_str());
+  return copied;
+}
+
+// Gives the file a second place; the first is not written to any more.
+Result<void> shareFile(const std::string& from, const std::string& to) {
+  ::unlink(to.c_str());
+  return ::link(from.c_str(), to.c_str()) == 0 ? Result<void>() : placeCopy(from, to);
 }
 
 }  // namespace
@@ -228,7 +231,7 @@ class ContentStore::Fetch final : public std::enable_shared_from_this<Fetch> {
       request = request_;
       isAbandoned = isAbandoned_;
     }
-    store_->finished(inode_, request, isAbandoned, result);
+    store_->finished(inode_, shared_from_this(), request, isAbandoned, result);
   }
 
   const std::shared_ptr<ContentStore> store_;
@@ -285,7 +288,8 @@ Result<void> ContentStore::scan() {
     // The size shows a file that power loss has cut short.
     if (attributes && !attributes->isFolder && attributes->contentTag == name->tag && attributes->size == size) {
       MutexLock hold(lock_);
-      records_[name->inode] = {.state = ContentState::clean, .tag = name->tag, .size = size, .file = {}, .fetch = {}};
+      records_[name->inode] = {
+          .state = ContentState::clean, .tag = name->tag, .size = size, .file = {}, .fetch = {}, .privatePath = {}};
       bytesHere_ += size;
     } else if (name || files->path().native().ends_with(UNFINISHED)) {
       std::filesystem::remove(files->path(), failed);
@@ -316,7 +320,7 @@ std::shared_ptr<const ContentFile> ContentStore::current(Inode inode) {
                           found->second.tag == attributes->contentTag;
   if (!file) {
     slog.error("contents that should be here are not: %{public}@", file.error().localizedDescription());
-    if (isAsBefore) change(inode, ContentEvent::evicted);
+    if (isAsBefore) move(inode, ContentEvent::evicted);
     return nullptr;
   }
   if (isAsBefore) found->second.file = *file;
@@ -333,6 +337,8 @@ void ContentStore::require(Inode inode, Request request, const std::shared_ptr<P
   const auto attributes = tree_.replica().attributes(inode);
   if (!attributes || attributes->isFolder) return std::move(answer)(failure(noSuchItem()));
   if (auto file = current(inode)) return std::move(answer)(std::move(file));
+  if (const auto path = privatePathOf(inode))
+    return std::move(answer)(ContentFile::open(*path, attributes->contentTag));
   if (waiting_->enter(inode, wait, std::move(answer))) return begin(inode, request);
   if (!request.isFileViewerRequest) return;
   if (const auto fetch = fetchOf(inode)) fetch->hurry(request);
@@ -340,18 +346,23 @@ void ContentStore::require(Inode inode, Request request, const std::shared_ptr<P
 
 void ContentStore::begin(Inode inode, Request request) {
   const auto fetch = std::make_shared<Fetch>(shared_from_this(), inode, request);
-  std::string stale;
+  std::string stale, edited;
+  bool isBegun = false;
   {
     MutexLock hold(lock_);
-    if (const auto found = records_.find(inode); found != records_.end()) {
+    const auto found = records_.find(inode);
+    if (found != records_.end() && found->second.state == ContentState::clean) {
       stale = pathOf(inode, found->second.tag);
-      change(inode, ContentEvent::changed);
+      move(inode, ContentEvent::changed);
     }
-    const bool isBegun = change(inode, ContentEvent::wanted);
-    assert(isBegun && "one fetch at a time for an item");
-    records_[inode].fetch = fetch;
+    isBegun = move(inode, ContentEvent::wanted);
+    if (isBegun)
+      records_[inode].fetch = fetch;
+    else
+      edited = records_[inode].privatePath;
   }
   if (!stale.empty()) removeLater(std::move(stale));
+  if (!isBegun) return waiting_->settle(inode, ContentFile::open(edited, 0));
   // Not on the caller's thread, which may be the kernel's: the extension reads the keyring before it sends anything.
   scheduler_.global().post([fetch] { fetch->start(); });
   if (waiting_->waitingFor(inode) == 0) fetch->abandon();
@@ -371,20 +382,27 @@ void ContentStore::abandoned(Inode inode) {
   if (const auto fetch = fetchOf(inode)) fetch->abandon();
 }
 
-void ContentStore::finished(Inode inode, Request request, bool wasAbandoned,
-                            const Result<std::shared_ptr<const ContentFile>>& result) {
-  {
-    MutexLock hold(lock_);
-    change(inode, result ? ContentEvent::arrived : ContentEvent::failed);
-    if (result) {
-      auto& record = records_[inode];
-      record.tag = (*result)->tag();
-      record.size = (*result)->size();
-      record.file = *result;
-      record.fetch = nullptr;
-      bytesHere_ += record.size;
-    }
+bool ContentStore::take(Inode inode, const std::shared_ptr<Fetch>& fetch,
+                        const Result<std::shared_ptr<const ContentFile>>& result) {
+  MutexLock hold(lock_);
+  const auto found = records_.find(inode);
+  if (found == records_.end() || found->second.fetch != fetch) {
+    return found != records_.end() && result && found->second.tag == (*result)->tag();
   }
+  move(inode, result ? ContentEvent::arrived : ContentEvent::failed);
+  if (!result) return true;
+  auto& record = found->second;
+  record.tag = (*result)->tag();
+  record.size = (*result)->size();
+  record.file = *result;
+  record.fetch = nullptr;
+  bytesHere_ += record.size;
+  return true;
+}
+
+void ContentStore::finished(Inode inode, const std::shared_ptr<Fetch>& fetch, Request request, bool wasAbandoned,
+                            const Result<std::shared_ptr<const ContentFile>>& result) {
+  if (!take(inode, fetch, result) && result) removeLater(pathOf(inode, (*result)->tag()));
   if (result) {
     errors_.forget(inode);
   } else if (wasAbandoned && waiting_->waitingFor(inode) > 0) {
@@ -404,10 +422,103 @@ std::optional<Error> ContentStore::evict(Inode inode) {
     const auto found = records_.find(inode);
     if (found == records_.end()) return std::nullopt;
     path = pathOf(inode, found->second.tag);
-    if (!change(inode, ContentEvent::evicted)) return Error::posix(EBUSY, "the contents are being fetched");
+    const bool isFetched = found->second.state == ContentState::fetching;
+    if (!move(inode, ContentEvent::evicted))
+      return Error::posix(EBUSY,
+                          isFetched ? "the contents are being fetched" : "the contents are not on the server yet");
   }
   removeLater(std::move(path));
   return std::nullopt;
+}
+
+void ContentStore::giveAway(Inode inode, std::string path, GivenAway completion) {
+  queue_->post(
+      [self = shared_from_this(), inode, path = std::move(path), completion = std::move(completion)]() mutable {
+        std::uint64_t tag = 0;
+        {
+          MutexLock hold(self->lock_);
+          const auto found = self->records_.find(inode);
+          if (found != self->records_.end() && found->second.state == ContentState::clean) tag = found->second.tag;
+        }
+        if (tag == 0) return std::move(completion)(failure(Error::posix(EAGAIN, "the contents are not here")));
+        const auto moved = moveFile(self->pathOf(inode, tag), path);
+        {
+          MutexLock hold(self->lock_);
+          if (moved) {
+            self->becomeEdited(inode, std::move(path));
+          } else if (moved.error().is(POSIX_ERROR_DOMAIN, ENOENT)) {
+            self->move(inode, ContentEvent::evicted);
+          }
+        }
+        if (moved) return std::move(completion)(tag);
+        const bool isGone = moved.error().is(POSIX_ERROR_DOMAIN, ENOENT);
+        std::move(completion)(failure(isGone ? Error::posix(EAGAIN, "the contents are not here") : moved.error()));
+      });
+}
+
+void ContentStore::noteEdited(Inode inode, std::string path) {
+  std::string stale;
+  {
+    MutexLock hold(lock_);
+    const auto found = records_.find(inode);
+    if (found != records_.end() && found->second.state == ContentState::clean) stale = pathOf(inode, found->second.tag);
+    becomeEdited(inode, std::move(path));
+  }
+  if (!stale.empty()) removeLater(std::move(stale));
+}
+
+void ContentStore::noteSending(Inode inode, bool isSending) {
+  MutexLock hold(lock_);
+  move(inode, isSending ? ContentEvent::sent : ContentEvent::kept);
+}
+
+void ContentStore::takeBack(Inode inode, std::uint64_t tag, std::string path, Completion<> completion) {
+  queue_->post(
+      [self = shared_from_this(), inode, tag, path = std::move(path), completion = std::move(completion)]() mutable {
+        const auto place = self->pathOf(inode, tag);
+        ::mkdir(self->folder_.c_str(), 0700);
+        const auto shared = shareFile(path, place);
+        const auto file = shared ? ContentFile::open(place, tag) : failure(shared.error());
+        bool isTaken = false;
+        {
+          MutexLock hold(self->lock_);
+          isTaken = file && self->move(inode, ContentEvent::saved);
+          if (isTaken) {
+            auto& record = self->records_[inode];
+            record.tag = tag;
+            record.size = (*file)->size();
+            record.file = *file;
+            record.privatePath.clear();
+            self->bytesHere_ += record.size;
+          }
+        }
+        // They are on the server, and can be had again from there.
+        if (!isTaken) {
+          ::unlink(place.c_str());
+          self->noteAbandoned(inode);
+        }
+        std::move(completion)();
+      });
+}
+
+void ContentStore::noteAbandoned(Inode inode) {
+  MutexLock hold(lock_);
+  move(inode, ContentEvent::abandoned);
+}
+
+void ContentStore::becomeEdited(Inode inode, std::string path) {
+  move(inode, ContentEvent::edited);
+  auto& record = records_[inode];
+  // A fetch that is under way brings something to those who wait for it, and nothing else.
+  record = {
+      .state = ContentState::edited, .tag = 0, .size = 0, .file = {}, .fetch = {}, .privatePath = std::move(path)};
+}
+
+std::optional<std::string> ContentStore::privatePathOf(Inode inode) const {
+  MutexLock hold(lock_);
+  const auto found = records_.find(inode);
+  if (found == records_.end() || found->second.privatePath.empty()) return std::nullopt;
+  return found->second.privatePath;
 }
 
 void ContentStore::apply(const std::vector<ReplicaChange>& changes) {
@@ -415,13 +526,15 @@ void ContentStore::apply(const std::vector<ReplicaChange>& changes) {
   std::vector<std::shared_ptr<Fetch>> unwanted;
   {
     MutexLock hold(lock_);
-    for (const auto& [kind, parent, name, inode, byProgram] : changes) {
-      if (kind != ReplicaChange::Kind::contentsChanged && kind != ReplicaChange::Kind::itemRemoved) continue;
+    for (const auto& change : changes) {
+      const auto inode = change.inode;
+      const bool isRemoved = change.kind == ReplicaChange::Kind::itemRemoved;
+      if (change.kind != ReplicaChange::Kind::contentsChanged && !isRemoved) continue;
       const auto found = records_.find(inode);
       if (found == records_.end()) continue;
       if (found->second.state == ContentState::clean) stale.push_back(pathOf(inode, found->second.tag));
-      if (found->second.fetch && kind == ReplicaChange::Kind::itemRemoved) unwanted.push_back(found->second.fetch);
-      change(inode, ContentEvent::changed);
+      if (found->second.fetch && isRemoved) unwanted.push_back(found->second.fetch);
+      move(inode, ContentEvent::changed);
     }
   }
   for (auto& path : stale) removeLater(std::move(path));
@@ -483,7 +596,7 @@ std::shared_ptr<ContentStore::Fetch> ContentStore::fetchOf(Inode inode) const {
   return found == records_.end() ? nullptr : found->second.fetch;
 }
 
-bool ContentStore::change(Inode inode, ContentEvent event) {
+bool ContentStore::move(Inode inode, ContentEvent event) {
   const auto found = records_.find(inode);
   const auto before = found == records_.end() ? ContentState::absent : found->second.state;
   const auto after = contentStateAfter(before, event);

@@ -31,26 +31,30 @@ struct ContentTransfer {
 
 // The downloaded contents: one private file per item in a folder of its own, named by inode and content tag, so that
 // what a file holds can be told from its name alone, also after a restart. Everything in that folder can be had again
-// from the server. Any thread.
+// from the server. What programs have edited lies elsewhere (see EditedContents, which tells of it here): it is neither
+// dropped nor fetched over. Any thread.
 class ContentStore : public std::enable_shared_from_this<ContentStore> {
  public:
   using ContentAnswer = Completion<const Result<std::shared_ptr<const ContentFile>>&>;
 
   // How often a fetch is begun anew because the contents changed on the server meanwhile.
   static constexpr int MAX_ATTEMPTS = 5;
+  // How the name of a copy that is not whole ends.
+  static constexpr std::string_view UNFINISHED = ".part";
 
   // The folder is made when missing. Files in it that fit no item of the replica are removed.
   static Result<std::shared_ptr<ContentStore>> open(std::string folder, Tree& tree, ReplicatedExtension& extension,
                                                     LastErrors& errors, Scheduler& scheduler, const Clock& clock);
 
   // The contents if they are here in the version the replica knows; opens a local file, so it never waits for the
-  // network. Null otherwise.
+  // network. Null otherwise, and when they are edited.
   [[nodiscard]] std::shared_ptr<const ContentFile> current(Inode inode) EXCLUDES(lock_);
 
   // The contents, fetched first when they are not here; everyone who wants the same item shares one fetch, and when all
   // their waits are cancelled it is cancelled. A program's wait for what is fetched in the background begins the fetch
   // anew, ahead of the others, unless half of it is here. Errors: the extension's; NO_SUCH_ITEM
-  // for an unknown item or a folder; POSIX errors for the local file; USER_CANCELLED. `wait` may be null.
+  // for an unknown item or a folder; POSIX errors for the local file; USER_CANCELLED. `wait` may be null. Of edited
+  // contents it is what is in the private file now.
   void require(Inode inode, Request request, const std::shared_ptr<Progress>& wait, ContentAnswer answer)
       EXCLUDES(lock_);
 
@@ -59,11 +63,26 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
   using ServerCheck = std::function<void(Completion<std::optional<Error>>)>;
   void checkServerWith(ServerCheck check) EXCLUDES(lock_);
 
-  // Drops the local copy; open files keep theirs. Nothing to drop is success; one that is being fetched is EBUSY.
+  // Drops the local copy; open files keep theirs. Nothing to drop is success; one that is being fetched or is not on
+  // the server yet is EBUSY.
   std::optional<Error> evict(Inode inode) EXCLUDES(lock_);
 
   // What the changes mean for the contents; subscribe it to the Tree.
   void apply(const std::vector<ReplicaChange>& changes) EXCLUDES(lock_);
+
+  // For EditedContents. What is here becomes the private file at the path, without copying where that can be, and is
+  // edited from now on. Completes with the tag it had; EAGAIN when it is not here (any more).
+  using GivenAway = Completion<Result<std::uint64_t>>;
+  void giveAway(Inode inode, std::string path, GivenAway completion);
+  // The private file at the path is the contents, whatever was here.
+  void noteEdited(Inode inode, std::string path) EXCLUDES(lock_);
+  // It is sent, or may be written to again.
+  void noteSending(Inode inode, bool isSending) EXCLUDES(lock_);
+  // What was sent is what the server has with this tag: the private file is shared or copied, and is no longer needed
+  // afterwards.
+  void takeBack(Inode inode, std::uint64_t tag, std::string path, Completion<> completion);
+  // The private file is no longer the contents.
+  void noteAbandoned(Inode inode) EXCLUDES(lock_);
 
   [[nodiscard]] const std::string& folder() const { return folder_; }
   [[nodiscard]] ContentState state(Inode inode) const EXCLUDES(lock_);
@@ -85,6 +104,7 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
     std::int64_t size = 0;                  // of clean
     std::weak_ptr<const ContentFile> file;  // of clean, while somebody has it open
     std::shared_ptr<Fetch> fetch;           // of fetching
+    std::string privatePath;                // of edited and uploading
   };
 
   ContentStore(std::string folder, Tree& tree, ReplicatedExtension& extension, LastErrors& errors, Scheduler& scheduler,
@@ -94,11 +114,16 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
   [[nodiscard]] ServerCheck serverCheck() const EXCLUDES(lock_);
   void begin(Inode inode, Request request) EXCLUDES(lock_);
   void abandoned(Inode inode) EXCLUDES(lock_);
-  void finished(Inode inode, Request request, bool wasAbandoned,
+  void finished(Inode inode, const std::shared_ptr<Fetch>& fetch, Request request, bool wasAbandoned,
                 const Result<std::shared_ptr<const ContentFile>>& result) EXCLUDES(lock_);
+  [[nodiscard]] std::optional<std::string> privatePathOf(Inode inode) const EXCLUDES(lock_);
   [[nodiscard]] std::shared_ptr<Fetch> fetchOf(Inode inode) const EXCLUDES(lock_);
+  // Keeps what a fetch has brought. False when it is not wanted any more.
+  bool take(Inode inode, const std::shared_ptr<Fetch>& fetch, const Result<std::shared_ptr<const ContentFile>>& result)
+      EXCLUDES(lock_);
+  void becomeEdited(Inode inode, std::string path) REQUIRES(lock_);
   // Moves the record on; one that becomes absent goes. False when the event cannot happen.
-  bool change(Inode inode, ContentEvent event) REQUIRES(lock_);
+  bool move(Inode inode, ContentEvent event) REQUIRES(lock_);
   void removeLater(std::string path);
 
   const std::string folder_;

@@ -42,6 +42,10 @@ constexpr std::string_view stateText(ContentState state) {
       return "being fetched";
     case ContentState::clean:
       return "here";
+    case ContentState::edited:
+      return "edited here";
+    case ContentState::uploading:
+      return "being sent";
   }
   return "";
 }
