@@ -55,8 +55,7 @@ void LargeUpload::endIfQuiet() {
   MutexLock hold(lock_);
   if (lastActivity_ && clock_.monotonic() - lastActivity_->monotonic <= quietGap) return;
   const bool wasActive = std::exchange(active_, false);
-  bytes_ = 0;
-  uploads_ = 0;
+  if (wasActive || bytes_ >= 1) bytes_ = uploads_ = 0;  // empty files alone are no reason to count anew
   hold.unlock();
   if (!wasActive) return;
   plog.log("large upload finished");

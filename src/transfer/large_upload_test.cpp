@@ -89,6 +89,15 @@ TEST_F(LargeUploadTest, UploadsPartedByTwoQuietMinutesDoNotAddUp) {
   EXPECT_EQ(json::integer(state(), "files"), 2);
 }
 
+TEST_F(LargeUploadTest, UploadsOfNothingStayCountedHoweverQuietItIs) {
+  large.started(0);
+  large.started(0);
+  scheduler.advance(seconds(121));
+  large.endIfQuiet();
+  large.started(3 * GIBIBYTE);
+  EXPECT_EQ(json::integer(state(), "files"), 3);
+}
+
 TEST_F(LargeUploadTest, EndsAfterMoreThanTwoQuietMinutes) {
   large.started(3 * GIBIBYTE);
   EXPECT_TRUE(isAnnounced());
