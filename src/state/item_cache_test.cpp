@@ -87,8 +87,10 @@ TEST_F(ItemCacheTest, AlwaysAsksTheServerBeforeAMutation) {
 TEST_F(ItemCacheTest, StoresWhatTheServerAnswers) {
   answer("item", R"({"id":"7","name":"fresh"})");
   EXPECT_EQ(resolve("7", std::nullopt)->name, "fresh");
-  EXPECT_EQ(cache.get("7")->name, "fresh");
-  EXPECT_EQ(cache.get("7")->fetchedAt, scheduler.now());
+  const auto stored = cache.get("7");
+  ASSERT_TRUE(stored);
+  EXPECT_EQ(stored->name, "fresh");
+  EXPECT_EQ(stored->fetchedAt, scheduler.now());
 }
 
 TEST_F(ItemCacheTest, FallsBackToTheStaleRecordWhenTheServerFails) {

@@ -60,6 +60,9 @@ TEST_F(PinsTest, LookAtTheFileOnceASecond) {
   scheduler.advance(INSTANT);
   EXPECT_TRUE(pins.contains("x"));
   EXPECT_EQ(files.attributesCount(PINNED), 2);
+  scheduler.advance(SECOND - INSTANT);
+  EXPECT_TRUE(pins.contains("x"));
+  EXPECT_EQ(files.attributesCount(PINNED), 2);
   EXPECT_EQ(files.readCount(PINNED), 1);
 }
 
