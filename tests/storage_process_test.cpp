@@ -1,12 +1,8 @@
 // The storage service as a program: started, killed at any moment, started again.
 
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -22,6 +18,7 @@
 #include "base/json.h"
 #include "base/mutex.h"
 #include "platform/linux/sqlite.h"
+#include "storage_program.h"
 #include "testing/raw_http_client.h"
 #include "testing/storage_rig.h"
 
@@ -31,76 +28,6 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
-
-// A run of vondle-storage; killed at the end of its life when it still runs.
-class Program {
- public:
-  explicit Program(const std::vector<std::string>& arguments) {
-    std::array<int, 2> out{};
-    std::array<int, 2> err{};
-    EXPECT_EQ(pipe2(out.data(), O_CLOEXEC), 0);
-    EXPECT_EQ(pipe2(err.data(), O_CLOEXEC), 0);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-    std::vector<std::string> all{STORAGE_PROGRAM};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    std::vector<char*> pointers;
-    for (auto& argument : all) pointers.push_back(argument.data());
-    pointers.push_back(nullptr);
-    EXPECT_EQ(posix_spawn(&pid_, STORAGE_PROGRAM, &actions, nullptr, pointers.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(out[1]);
-    ::close(err[1]);
-    out_ = out[0];
-    err_ = err[0];
-  }
-  ~Program() {
-    if (pid_ > 0) end(SIGKILL);
-    ::close(out_);
-    ::close(err_);
-  }
-  Program(const Program&) = delete;
-  Program& operator=(const Program&) = delete;
-
-  // The port of the line that says it is ready; 0 when the program ends first.
-  int port() {
-    std::string line;
-    char c = 0;
-    while (::read(out_, &c, 1) == 1 && c != '\n') line += c;
-    const std::string start = "vondle-storage listening on http://127.0.0.1:";
-    if (!line.starts_with(start)) return 0;
-    return std::atoi(line.c_str() + start.size());
-  }
-  void signal(int number) const { ::kill(pid_, number); }
-  // The exit code, or the negative number of the signal that ended it.
-  int wait() {
-    int status = 0;
-    EXPECT_EQ(::waitpid(pid_, &status, 0), pid_);
-    pid_ = 0;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-  }
-  int end(int number) {
-    signal(number);
-    return wait();
-  }
-  std::string output() { return all(out_); }
-  std::string errors() { return all(err_); }
-
- private:
-  static std::string all(int descriptor) {
-    std::string text;
-    std::array<char, 4096> bytes{};
-    for (ssize_t count = 0; (count = ::read(descriptor, bytes.data(), bytes.size())) > 0;)
-      text.append(bytes.data(), static_cast<std::size_t>(count));
-    return text;
-  }
-
-  pid_t pid_ = 0;
-  int out_ = -1;
-  int err_ = -1;
-};
 
 // Counts up to what is waited for; a worker that ends early ends the waiting.
 class Counter {
@@ -190,7 +117,7 @@ class Client {
 
 TEST_F(StorageProcessTest, ItStartsServesAndStopsCleanly) {
   for (const int number : {SIGTERM, SIGINT}) {
-    Program program(arguments());
+    StorageProgram program(arguments());
     const int port = program.port();
     ASSERT_GT(port, 0) << program.errors();
     EXPECT_TRUE(Client(port).call("GET", "browse?path="));
@@ -200,10 +127,10 @@ TEST_F(StorageProcessTest, ItStartsServesAndStopsCleanly) {
 }
 
 TEST_F(StorageProcessTest, HelpAndVersionAreTold) {
-  Program help({"--help"});
+  StorageProgram help({"--help"});
   EXPECT_EQ(help.wait(), 0);
   EXPECT_THAT(help.output(), HasSubstr("--import"));
-  Program version({"--version"});
+  StorageProgram version({"--version"});
   EXPECT_EQ(version.wait(), 0);
   EXPECT_THAT(version.output(), StartsWith("vondle-storage "));
 }
@@ -232,7 +159,7 @@ TEST_F(StorageProcessTest, AWrongCallEndsWith2AndAFailureWith1) {
       {{"--root", root(), "--listen", "192.0.2.1:0"}, 1},
   };
   for (const auto& [given, code] : cases) {
-    Program program(given);
+    StorageProgram program(given);
     EXPECT_EQ(program.wait(), code) << testing::PrintToString(given);
     EXPECT_NE(program.errors(), "") << testing::PrintToString(given);
     EXPECT_EQ(program.output(), "") << testing::PrintToString(given);
@@ -240,18 +167,18 @@ TEST_F(StorageProcessTest, AWrongCallEndsWith2AndAFailureWith1) {
 }
 
 TEST_F(StorageProcessTest, OneFolderOrPortIsServedOnce) {
-  Program first(arguments());
+  StorageProgram first(arguments());
   const int port = first.port();
   ASSERT_GT(port, 0);
-  Program sameFolder(arguments());
+  StorageProgram sameFolder(arguments());
   EXPECT_EQ(sameFolder.wait(), 1);
   EXPECT_THAT(sameFolder.errors(), HasSubstr("another vondle-storage"));
-  Program samePort({"--root", root() + "2", "--listen", "127.0.0.1:" + std::to_string(port)});
+  StorageProgram samePort({"--root", root() + "2", "--listen", "127.0.0.1:" + std::to_string(port)});
   EXPECT_EQ(samePort.wait(), 1);
 }
 
 TEST_F(StorageProcessTest, TheKeyIsReadFromItsFileAndShownNowhere) {
-  Program program(arguments());
+  StorageProgram program(arguments());
   const int port = program.port();
   ASSERT_GT(port, 0);
   RawHttpClient client(port);
@@ -265,7 +192,7 @@ TEST_F(StorageProcessTest, ImportingTwiceIsTheSameAsOnce) {
   folder_.write("tree/a", "hello");
   folder_.write("tree/d/b", "");
   for (int i = 0; i < 2; ++i) {
-    Program program(arguments({"--import", folder_.path() + "/tree"}));
+    StorageProgram program(arguments({"--import", folder_.path() + "/tree"}));
     const int port = program.port();
     ASSERT_GT(port, 0) << program.errors();
     Client client(port);
@@ -289,7 +216,7 @@ TEST_F(StorageProcessTest, NothingThatWasAnsweredIsLostWhenTheServiceIsKilled) {
   };
 
   for (int round = 0; round < 6; ++round) {
-    Program program(arguments());
+    StorageProgram program(arguments());
     const int port = program.port();
     ASSERT_GT(port, 0) << program.errors();
 
@@ -341,12 +268,12 @@ TEST_F(StorageProcessTest, AnEditIsOldOrNewWhenTheServiceIsKilled) {
   std::string current = "version 1";
   std::int64_t version = 1;
   {
-    Program program(arguments());
+    StorageProgram program(arguments());
     ASSERT_TRUE(Client(program.port()).makeFile("thesis", current));
     program.end(SIGKILL);
   }
   for (int round = 0; round < 5; ++round) {
-    Program program(arguments());
+    StorageProgram program(arguments());
     const int port = program.port();
     ASSERT_GT(port, 0);
     Counter commits;
@@ -371,7 +298,7 @@ TEST_F(StorageProcessTest, AnEditIsOldOrNewWhenTheServiceIsKilled) {
     program.end(SIGKILL);
     writer.join();
 
-    Program again(arguments());
+    StorageProgram again(arguments());
     Client client(again.port());
     const auto entry = client.list().at("thesis");
     const auto bytes = client.get(*json::text(entry, "download_url"));
@@ -396,7 +323,7 @@ TEST_F(StorageProcessTest, AnUploadInPartsGoesOnAfterTheServiceWasKilled) {
     return std::string(*json::text(json::listOfObjects(*reply, "parts")->front().get_object(), "url"));
   };
   {
-    Program program(arguments());
+    StorageProgram program(arguments());
     const int port = program.port();
     Client client(port);
     target = client.place("film", first.size() + second.size(), true).value_or(json::Object());
@@ -407,7 +334,7 @@ TEST_F(StorageProcessTest, AnUploadInPartsGoesOnAfterTheServiceWasKilled) {
     half.send("PUT " + Client::targetOf(partUrl(client, 2)) + " HTTP/1.1\r\nHost: x\r\nContent-Length: 7\r\n\r\nthe");
     program.end(SIGKILL);
   }
-  Program program(arguments());
+  StorageProgram program(arguments());
   Client client(program.port());
   const auto status = client.post("upload-status", {{"key", target["key"]}, {"upload_id", target["upload_id"]}});
   ASSERT_TRUE(status);

@@ -20,7 +20,7 @@ struct UploadRequest {
   std::string filename;  // in that folder
   std::int64_t size = 0;
   // Under which an upload in parts is saved and resumed, see MultipartResume::identity; none: never.
-  std::optional<std::string> resumeID;
+  std::optional<std::string> resumeID{};
 };
 
 // Stores the file's contents on the server, in one request or in parts as the server decides, with a preview where it
