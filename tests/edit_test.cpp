@@ -94,7 +94,9 @@ class Client {
     home_.write(".vondle/config.json",
                 json::serialize(json::Object{{"server", "http://127.0.0.1:" + std::to_string(port)}, {"api_key", KEY}}),
                 false);
-    extension_ = process_.makeExtension({"domain", "Ann's files"}, [this](const Domain&) { return manager_; });
+    process_.emplace(Platform{clock_, scheduler_, loading_, linuxFiles_, keychain_, notifyCentre_, users_, control_,
+                              random_, previews_, bundleInformation()});
+    extension_ = process_->makeExtension({"domain", "Ann's files"}, [this](const Domain&) { return manager_; });
   }
 
   std::string file(const std::string& name, std::string_view bytes) {
@@ -194,8 +196,7 @@ class Client {
   SimulatedNotifyCentre notifyCentre_;
   SimulatedProcessControl control_;
   HelperPreviewRenderer previews_;
-  Process process_{{clock_, scheduler_, loading_, linuxFiles_, keychain_, notifyCentre_, users_, control_, random_,
-                    previews_, bundleInformation()}};
+  std::optional<Process> process_;
   std::shared_ptr<ScriptedManager> manager_ = std::make_shared<ScriptedManager>(scheduler_.global());
   std::shared_ptr<VondleFileProvider> extension_;  // goes before the process
 };
@@ -254,7 +255,7 @@ TEST_F(EditTest, FilesOfEverySizeArriveWhole) {
   std::string large(LARGE, 'x');
   for (std::size_t i = 0; i < large.size(); i += 4093) large[i] = static_cast<char>('a' + i % 26);
   const std::string halfAMegabyte(524'288, 'y');
-  for (const auto* bytes : {&large, &halfAMegabyte}) {
+  for (const std::string* bytes : std::vector<const std::string*>{&large, &halfAMegabyte}) {
     const std::string name = std::to_string(bytes->size()) + ".bin";
     const auto created = client_.create(name, *bytes);
     ASSERT_TRUE(created) << created.error().localizedDescription();
