@@ -7,6 +7,8 @@
 
 #include <fmt/format.h>
 
+#include "service/stable_hash.h"
+
 namespace vondle {
 
 namespace {
@@ -276,7 +278,7 @@ SendPlan planSending(const std::vector<QueuedEdit>& edits, const ParentOf& paren
 }
 
 std::string asideName(const Edit& edit) {
-  return fmt::format(".vondle-{}-{}", edit.id, edit.attempts);
+  return fmt::format(".vondle-{:016x}", stableHash(edit.item.text));
 }
 
 }  // namespace vondle

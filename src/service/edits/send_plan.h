@@ -74,7 +74,8 @@ using ParentOf = std::function<std::optional<ItemIdentifier>(const ItemIdentifie
 [[nodiscard]] SendPlan planSending(const std::vector<QueuedEdit>& edits, const ParentOf& parentOf,
                                    std::size_t capacity);
 
-// What an item is called for the moment when its name is not free yet.
+// What an item is called for the moment when its name is not free yet: always the same, so that a folder that was made
+// is found again when its answer was lost.
 [[nodiscard]] std::string asideName(const Edit& edit);
 
 }  // namespace vondle

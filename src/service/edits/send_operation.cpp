@@ -1,0 +1,307 @@
+#include "service/edits/send_operation.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <utility>
+
+#include "fileprovider/error_codes.h"
+#include "platform/content_types.h"
+#include "platform/log.h"
+#include "service/edits/send_failure.h"
+#include "service/listing/whole_listing.h"
+
+namespace vondle {
+
+namespace {
+
+constexpr Log LOG("com.ferrow.vondle.service", "edits");
+
+// Nobody waits for it.
+constexpr Request SYSTEM{.isSystemRequest = true};
+constexpr std::uint32_t FIELDS_PLACE = FIELD_FILENAME | FIELD_PARENT_ITEM_IDENTIFIER;
+
+bool hasSameBytes(const std::string& path, const std::string& otherPath) {
+  std::ifstream one(path, std::ios::binary);
+  std::ifstream other(otherPath, std::ios::binary);
+  std::array<char, 65536> bytes{};
+  std::array<char, 65536> otherBytes{};
+  while (one && other) {
+    one.read(bytes.data(), bytes.size());
+    other.read(otherBytes.data(), otherBytes.size());
+    if (one.gcount() != other.gcount() || !std::equal(bytes.begin(), bytes.begin() + one.gcount(), otherBytes.begin()))
+      return false;
+  }
+  return one.eof() && other.eof();
+}
+
+bool isGone(const Result<Item>& item) {
+  if (item) return item->parentItemIdentifier == TRASH_CONTAINER;
+  return sendFailureOf(item.error()) == SendFailure::noSuchItem;
+}
+
+}  // namespace
+
+SendOperation::SendOperation(const SendServices& services, std::shared_ptr<Queue> queue, SendTask task,
+                             Completion<SendResult> completion)
+    : services_(services), queue_(std::move(queue)), task_(task), completion_(std::move(completion)) {
+  progress_->setKind(ProgressKind::file, FileOperationKind::uploading);
+  result_.sent.id = task_.edit;
+}
+
+template <class Function>
+auto SendOperation::onQueue(Function function) {
+  return [self = shared_from_this(), function = std::move(function)](auto... answer) mutable {
+    self->queue_->post([self, function = std::move(function), ... answer = std::move(answer)]() mutable {
+      function(*self, std::move(answer)...);
+    });
+  };
+}
+
+LocalEdits::Done SendOperation::whenRecorded() {
+  return onQueue([](SendOperation& self, const Result<void>& result) {
+    if (!result)
+      LOG.error("what became of an edit could not be recorded: %{public}@", result.error().localizedDescription());
+    self.finish(Ending::done);
+  });
+}
+
+void SendOperation::start() {
+  services_.edits->beginSending(
+      task_.edit, onQueue([](SendOperation& self, std::optional<Edit> edit) { self.begun(std::move(edit)); }));
+}
+
+void SendOperation::begun(std::optional<Edit> edit) {
+  if (!edit) return finish(Ending::changed);
+  result_.sent = edit_ = std::move(*edit);
+  if (edit_.generation != task_.generation || nextStep(edit_) != task_.step || progress_->isCancelled()) {
+    services_.edits->abandonSending(task_.edit);
+    return finish(Ending::changed);
+  }
+  if (task_.isAside) edit_.place.name = asideName(edit_);
+  switch (task_.step) {
+    case SendStep::create:
+      if (!edit_.isFolder && !freeze()) return;
+      return task_.looksFirst ? look() : create();
+    case SendStep::contents:
+      if (!freeze()) return;
+      [[fallthrough]];
+    case SendStep::place:
+      return modify(task_.step == SendStep::contents ? std::uint32_t{FIELD_CONTENTS} : FIELDS_PLACE, edit_.place.folder,
+                    onQueue([](SendOperation& self, Result<SavedItem> result) { self.modified(std::move(result)); }));
+    case SendStep::remove:
+      return edit_.isFolder ? listFolder() : moveToTrash();
+  }
+}
+
+// The contents do not change from here on. False when that ends the operation.
+bool SendOperation::freeze() {
+  auto outgoing = services_.contents->beginSending(edit_.contents, edit_.place.name);
+  if (outgoing) {
+    outgoing_ = std::move(*outgoing);
+    return true;
+  }
+  if (outgoing.error().is(POSIX_ERROR_DOMAIN, EBUSY)) {
+    services_.edits->abandonSending(task_.edit);
+    finish(Ending::later);
+  } else {
+    failed(outgoing.error());
+  }
+  return false;
+}
+
+void SendOperation::create() {
+  Item item;
+  item.itemIdentifier = edit_.item;
+  item.parentItemIdentifier = edit_.place.folder;
+  item.filename = edit_.place.name;
+  if (edit_.isFolder) item.contentType = FOLDER_CONTENT_TYPE;
+  follow(services_.extension.createItem(
+      std::move(item), FIELDS_PLACE | (outgoing_ ? std::uint32_t{FIELD_CONTENTS} : 0),
+      outgoing_ ? std::optional(outgoing_->path) : std::nullopt, 0, SYSTEM,
+      onQueue([](SendOperation& self, Result<SavedItem> result) { self.created(std::move(result)); })));
+}
+
+void SendOperation::created(Result<SavedItem> result) {
+  if (result) return succeeded(std::move(*result));
+  switch (sendFailureOf(result.error())) {
+    case SendFailure::clash:
+      if (clash_ || task_.looksFirst) return failed(result.error());
+      clash_ = result.error();
+      return look();
+    case SendFailure::noSuchItem:
+      return checkServer(result.error());
+    default:
+      return failed(result.error());
+  }
+}
+
+void SendOperation::modify(std::uint32_t fields, ItemIdentifier parent, Completion<Result<SavedItem>> completion) {
+  Item item;
+  item.itemIdentifier = edit_.item;
+  item.parentItemIdentifier = std::move(parent);
+  item.filename = edit_.place.name;
+  if (edit_.isFolder) item.contentType = FOLDER_CONTENT_TYPE;
+  item.itemVersion = edit_.baseVersion;
+  follow(services_.extension.modifyItem(std::move(item), edit_.baseVersion, fields,
+                                        outgoing_ ? std::optional(outgoing_->path) : std::nullopt, 0, SYSTEM,
+                                        std::move(completion)));
+}
+
+void SendOperation::modified(Result<SavedItem> result) {
+  if (result) return succeeded(std::move(*result));
+  const auto why = sendFailureOf(result.error());
+  if (why == SendFailure::noSuchItem) return checkServer(result.error());
+  if (why != SendFailure::clash || task_.step != SendStep::place) return failed(result.error());
+  clash_ = result.error();
+  look();
+}
+
+// What stands at the place that the item is to have.
+void SendOperation::look() {
+  listWhole(
+      services_.extension, edit_.place.folder, SYSTEM,
+      [name = edit_.place.name](const Item& item) { return item.filename == name; },
+      onQueue([](SendOperation& self, Result<std::vector<Item>> found) { self.looked(std::move(found)); }));
+}
+
+void SendOperation::looked(Result<std::vector<Item>> found) {
+  if (!found) {
+    return sendFailureOf(found.error()) == SendFailure::noSuchItem ? checkServer(found.error()) : failed(found.error());
+  }
+  if (found->empty()) return clash_ ? failed(*clash_) : create();
+  auto& item = found->front();
+  if (task_.step == SendStep::place)
+    return item.itemIdentifier == edit_.item ? succeeded({.item = std::move(item)}) : renameAside();
+  if (item.isFolder() != edit_.isFolder) return renameAside();
+  if (edit_.isFolder) return succeeded({.item = std::move(item)});
+  if (item.documentSize.value_or(0) != outgoing_->size) return renameAside();
+  compare(std::move(item));
+}
+
+void SendOperation::compare(Item found) {
+  follow(services_.extension.fetchContents(
+      found.itemIdentifier, found.itemVersion, SYSTEM,
+      onQueue([](SendOperation& self, Result<FetchedContents> result) { self.fetched(std::move(result)); })));
+}
+
+void SendOperation::fetched(Result<FetchedContents> result) {
+  if (!result) return failed(result.error());
+  services_.scheduler.global().post([there = std::move(*result), here = outgoing_->path,
+                                     compared = onQueue([](SendOperation& self, bool isSame, Item found) {
+                                       self.compared(isSame, std::move(found));
+                                     })]() mutable {
+    const bool isSame = hasSameBytes(here, there.path);
+    std::error_code ignored;
+    std::filesystem::remove(there.path, ignored);
+    compared(isSame, std::move(there.item));
+  });
+}
+
+void SendOperation::compared(bool isSame, Item found) {
+  if (!isSame) return renameAside();
+  succeeded({.item = std::move(found), .hasGivenContents = true});
+}
+
+void SendOperation::listFolder() {
+  listWhole(
+      services_.extension, edit_.item, SYSTEM, [](const Item&) { return true; },
+      onQueue([](SendOperation& self, Result<std::vector<Item>> inFolder) { self.folderListed(std::move(inFolder)); }));
+}
+
+void SendOperation::folderListed(Result<std::vector<Item>> inFolder) {
+  if (!inFolder) {
+    return sendFailureOf(inFolder.error()) == SendFailure::noSuchItem ? checkServer(inFolder.error())
+                                                                      : failed(inFolder.error());
+  }
+  if (inFolder->empty()) return moveToTrash();
+  // What leaves the folder by another edit has its turn first.
+  const auto pending = services_.edits->pending();
+  const bool isOurs = std::ranges::all_of(*inFolder, [&](const Item& item) {
+    return std::ranges::any_of(pending, [&](const Edit& edit) {
+      return edit.item == item.itemIdentifier && edit.fields & (EDIT_DELETED | EDIT_PLACED);
+    });
+  });
+  if (isOurs) {
+    services_.edits->abandonSending(task_.edit);
+    return finish(Ending::later);
+  }
+  LOG.log("“%{public}@” is not deleted: the server has something in it that nobody here has seen", edit_.place.name);
+  services_.edits->undelete(result_.sent, whenRecorded());
+}
+
+void SendOperation::moveToTrash() {
+  modify(FIELD_PARENT_ITEM_IDENTIFIER, TRASH_CONTAINER,
+         onQueue([](SendOperation& self, Result<SavedItem> result) { self.trashed(std::move(result)); }));
+}
+
+void SendOperation::trashed(Result<SavedItem> result) {
+  if (result) return services_.edits->deleted(result_.sent, whenRecorded());
+  const auto why = sendFailureOf(result.error());
+  if (why == SendFailure::noSuchItem || why == SendFailure::clash) return checkServer(result.error());
+  failed(result.error());
+}
+
+// The server says that there is no such thing, or could not be asked.
+void SendOperation::checkServer(Error error) {
+  services_.sync(onQueue([error = std::move(error)](SendOperation& self, std::optional<Error> serverError) mutable {
+    self.serverChecked(std::move(error), std::move(serverError));
+  }));
+}
+
+void SendOperation::serverChecked(Error error, std::optional<Error> serverError) {
+  if (serverError) return failed(std::move(*serverError));
+  // What is missing is the folder that it is made in; the tree knows by now.
+  if (task_.step == SendStep::create) return failed(std::move(error));
+  follow(services_.extension.itemForIdentifier(
+      edit_.item, SYSTEM,
+      onQueue([error = std::move(error)](SendOperation& self, Result<Item> item) { self.itemChecked(error, item); })));
+}
+
+void SendOperation::itemChecked(const Error& error, const Result<Item>& item) {
+  if (!isGone(item)) return failed(error);
+  if (task_.step == SendStep::remove) return services_.edits->deleted(result_.sent, whenRecorded());
+  services_.edits->itemVanished(result_.sent, whenRecorded());
+}
+
+void SendOperation::succeeded(SavedItem saved) {
+  const bool isContentStep = outgoing_.has_value();
+  const bool hasTheseBytes = saved.hasGivenContents;
+  std::uint32_t fields = EDIT_PLACED;
+  if (task_.step == SendStep::create) fields = EDIT_CREATED | EDIT_PLACED | EDIT_CONTENTS;
+  if (task_.step == SendStep::contents) fields = EDIT_CONTENTS;
+  result_.hasClashed = isContentStep && !hasTheseBytes;
+  services_.edits->succeeded(
+      edit_, fields, std::move(saved),
+      onQueue([isContentStep, hasTheseBytes](SendOperation& self, const LocalEdits::Outcome& outcome) {
+        self.result_.inode = outcome.inode;
+        if (isContentStep)
+          self.services_.contents->endSending(*std::exchange(self.outgoing_, {}), outcome, hasTheseBytes);
+        self.finish(Ending::done);
+      }));
+}
+
+void SendOperation::renameAside() {
+  LOG.log("the name “%{public}@” is taken on the server", edit_.place.name);
+  services_.edits->renameAside(result_.sent, whenRecorded());
+}
+
+void SendOperation::failed(Error error) {
+  if (progress_->isCancelled() || sendFailureOf(error) == SendFailure::cancelled) {
+    services_.edits->abandonSending(task_.edit);
+    return finish(Ending::changed);
+  }
+  result_.error = std::move(error);
+  finish(Ending::failed);
+}
+
+void SendOperation::finish(Ending ending) {
+  // Whatever was frozen and is not done with can be written to again.
+  if (outgoing_) services_.contents->endSending(*std::exchange(outgoing_, {}), {}, false);
+  result_.ending = ending;
+  std::move(completion_)(std::move(result_));
+}
+
+}  // namespace vondle

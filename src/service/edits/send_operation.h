@@ -1,0 +1,122 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/completion.h"
+#include "fileprovider/replicated_extension.h"
+#include "platform/progress.h"
+#include "platform/scheduler.h"
+#include "service/contents/edited_contents.h"
+#include "service/edits/local_edits.h"
+#include "service/edits/send_plan.h"
+
+namespace vondle {
+
+// Whom sending deals with.
+struct SendServices {
+  ReplicatedExtension& extension;
+  std::shared_ptr<LocalEdits> edits;
+  std::shared_ptr<EditedContents> contents;
+  // Reads the server's changes and completes with what went wrong there. The extension says of whatever it could not
+  // look up that there is no such item, also when the server is out of reach; this tells the two apart.
+  std::function<void(Completion<std::optional<Error>>)> sync;
+  Scheduler& scheduler;
+};
+
+struct SendTask {
+  EditID edit = 0;
+  std::int64_t generation = 0;  // of the edit when this was decided
+  SendStep step = SendStep::create;
+  bool isAside = false;
+  // It may be on the server already: sending it was begun before, and nobody knows how that ended.
+  bool looksFirst = false;
+};
+
+struct SendResult {
+  enum class Ending {
+    done,     // and recorded
+    changed,  // or cancelled: nothing is known to have been sent, to be decided anew
+    later,    // it is not time yet, for a reason whose end nobody tells
+    failed,   // with the error; not recorded yet
+  };
+  Ending ending = Ending::changed;
+  Edit sent;
+  std::optional<Error> error;
+  // What the server has now are not the contents that were sent, which it keeps as another file.
+  bool hasClashed = false;
+  Inode inode = 0;  // of hasClashed
+};
+
+// Does one step for one edit: asks the extension and records what became of it. Runs and completes on the queue given.
+// Kept alive by what it waits for.
+//
+// - An item that is made is looked for first when it may be there already, and when the name turns out to be taken: a
+//   folder of that name, or a file with the same contents, is the one that was to be made. Anything else keeps the
+//   name, and ours gets another.
+// - Deleting means moving to the trash, never more: what somebody else has put there meanwhile stays there. A folder is
+//   deleted when the server lists nothing in it; what the user has never seen is not taken along.
+class SendOperation : public std::enable_shared_from_this<SendOperation> {
+ public:
+  SendOperation(const SendServices& services, std::shared_ptr<Queue> queue, SendTask task,
+                Completion<SendResult> completion);
+
+  void start();
+  // Any thread.
+  void cancel() { progress_->cancel(); }
+  [[nodiscard]] const std::shared_ptr<Progress>& progress() const { return progress_; }
+  [[nodiscard]] const SendTask& task() const { return task_; }
+
+ private:
+  using Ending = SendResult::Ending;
+
+  void begun(std::optional<Edit> edit);
+  bool freeze();
+
+  void create();
+  void created(Result<SavedItem> result);
+  void modify(std::uint32_t fields, ItemIdentifier parent, Completion<Result<SavedItem>> completion);
+  void modified(Result<SavedItem> result);
+
+  void look();
+  void looked(Result<std::vector<Item>> found);
+  void compare(Item found);
+  void fetched(Result<FetchedContents> result);
+  void compared(bool isSame, Item found);
+
+  void listFolder();
+  void folderListed(Result<std::vector<Item>> inFolder);
+  void moveToTrash();
+  void trashed(Result<SavedItem> result);
+
+  void checkServer(Error error);
+  void serverChecked(Error error, std::optional<Error> serverError);
+  void itemChecked(const Error& error, const Result<Item>& item);
+
+  void succeeded(SavedItem saved);
+  void renameAside();
+  void failed(Error error);
+  void finish(Ending ending);
+
+  // The answer of any thread becomes a step on the queue.
+  template <class Function>
+  [[nodiscard]] auto onQueue(Function function);
+  [[nodiscard]] LocalEdits::Done whenRecorded();
+  void follow(const std::shared_ptr<Progress>& work) { progress_->addChild(work, 1); }
+
+  const SendServices services_;
+  const std::shared_ptr<Queue> queue_;
+  const SendTask task_;
+  const std::shared_ptr<Progress> progress_ = Progress::make(1);
+  Completion<SendResult> completion_;
+  Edit edit_;  // as it is sent: its place is where the server is to have it
+  std::optional<EditedContents::Outgoing> outgoing_;
+  std::optional<Error> clash_;  // the server's word that the name is taken
+  SendResult result_;
+};
+
+}  // namespace vondle
