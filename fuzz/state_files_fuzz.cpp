@@ -11,6 +11,7 @@
 #include "testing/simulated_notify_centre.h"
 #include "testing/simulated_process_control.h"
 #include "transfer/limits.h"
+#include "upload/multipart_resume.h"
 
 // The files that the system reads and that others may have written, damaged or forged: the first byte chooses the file,
 // the rest is what stands in it.
@@ -129,13 +130,25 @@ void fuzzServiceSettings(const std::string& bytes) {
   }
 }
 
+void fuzzMultipartResume(ItemsRig& rig, const std::string& bytes) {
+  MultipartResume resume(rig.files, rig.scheduler);
+  rig.files.put(*resume.fileURL(), bytes);
+  const auto object = json::parseObject(bytes);
+  std::map<std::string, MultipartResume::Saved> before;
+  for (const auto& [id, value] : object.value_or(json::Object()))
+    if (const auto saved = resume.load(id)) before.emplace(id, *saved);
+  resume.begin("one more", "key", "upload", 1, 1);
+  REQUIRE(resume.load("one more"));
+  for (const auto& [id, saved] : before) REQUIRE(id == "one more" || resume.load(id)->etags == saved.etags);
+}
+
 }  // namespace
 
 void fuzz(std::string_view input) {
   if (input.empty()) return;
   const std::string bytes(input.substr(1));
   ItemsRig rig;
-  switch (input[0] % 8) {
+  switch (input[0] % 9) {
     case 0:
       return fuzzConfig(rig, bytes);
     case 1:
@@ -150,8 +163,10 @@ void fuzz(std::string_view input) {
       return fuzzExtensionRecord(rig, bytes);
     case 6:
       return fuzzAnchor(rig, bytes);
-    default:
+    case 7:
       return fuzzServiceSettings(bytes);
+    default:
+      return fuzzMultipartResume(rig, bytes);
   }
 }
 
