@@ -1,6 +1,7 @@
 #include "storage/api_handlers.h"
 
 #include <charconv>
+#include <set>
 
 #include <fmt/format.h>
 
@@ -65,8 +66,11 @@ bool flagOf(const json::Object& body, std::string_view key) {
 
 // After these, contents may lie around that belong to nobody.
 bool makesGarbage(std::string_view endpoint) {
-  return endpoint == "purge" || endpoint == "content-commit" || endpoint == "upload-abort" ||
-         endpoint == "upload-urls" || endpoint == "content-url";
+  return endpoint == "purge" || endpoint == "content-commit" || endpoint == "upload-abort";
+}
+
+bool asksForRoom(std::string_view endpoint) {
+  return endpoint == "upload-urls" || endpoint == "content-url";
 }
 
 // Where and how to send contents; the same for new files and for new contents of old ones.
@@ -157,6 +161,7 @@ ApiReply ApiHandlers::handle(const ApiRequest& request) {
     body = std::move(*parsed);
   }
   const Handler handler = known ? found->second.handler : nullptr;
+  if (asksForRoom(request.endpoint)) tidy();
 
   Answer<std::string> answer;
   if (reads || !known) {
@@ -180,15 +185,29 @@ Answer<std::string> ApiHandlers::run(MetadataStore& store, const ApiRequest& req
   auto account = store.accountWithKey(hashOfKey(*request.key));
   if (!account) return refuse(401, "the account key is not known");
   if (!handler) return refuse(404, "there is no such endpoint");
-  const auto now = static_cast<std::int64_t>(clock_.now().secondsSince1970 * 1000);
-  Tree tree(store, std::move(*account), now);
+  Tree tree(store, std::move(*account), now());
   Call call{.store = store,
             .tree = tree,
-            .uploads = Uploads(store, contents_, tree, now),
-            .addresses = {.base = request.base, .signer = signer_, .now = now / 1000},
+            .uploads = Uploads(store, contents_, tree, now()),
+            .addresses = {.base = request.base, .signer = signer_, .now = now() / 1000},
             .request = request,
             .body = std::move(body)};
   return (this->*handler)(call);
+}
+
+std::int64_t ApiHandlers::now() const {
+  return static_cast<std::int64_t>(clock_.now().secondsSince1970 * 1000);
+}
+
+void ApiHandlers::tidy() {
+  {
+    auto store = stores_.writer();
+    (void)store->write<bool>([&]() -> Answer<bool> {
+      Uploads::sweep(*store, now());
+      return true;
+    });
+  }
+  collectGarbage();
 }
 
 void ApiHandlers::collectGarbage() {
@@ -397,7 +416,6 @@ Answer<std::string> ApiHandlers::uploadUrls(Call& call) {
   const auto* files = json::listOfObjects(call.body, "files");
   if (!files || files->empty()) return refuse(400, "\"files\" is missing or not a list of objects");
   if (files->size() > MAX_BATCH) return refuse(400, fmt::format("\"files\" has more than {} members", MAX_BATCH));
-  call.uploads.sweep();
   std::string out = "{\"urls\":[";
   for (const auto& member : *files) {
     const auto& file = member.get_object();
@@ -414,19 +432,23 @@ Answer<std::string> ApiHandlers::uploadUrls(Call& call) {
   return out;
 }
 
-Answer<std::string> ApiHandlers::uploadStatus(Call& call) {
+Answer<Upload> ApiHandlers::uploadOf(Call& call) {
   const auto key = textOf(call.body, "key");
-  if (!key) return key;
+  if (!key) return refuse(key.error());
   const auto id = textOf(call.body, "upload_id");
-  if (!id) return id;
-  const auto upload = call.uploads.find(*key, *id);
+  if (!id) return refuse(id.error());
+  return call.uploads.find(*key, *id);
+}
+
+Answer<std::string> ApiHandlers::uploadStatus(Call& call) {
+  const auto upload = uploadOf(call);
   if (!upload) return refuse(upload.error());
   std::string out = "{\"key\":";
   appendJson(out, upload->key);
   out += ",\"upload_id\":";
   appendJson(out, upload->uploadId);
   out += fmt::format(",\"part_size\":{},\"size\":{},\"parts\":[", upload->partSize, *upload->size);
-  const auto parts = call.store.parts(*key);
+  const auto parts = call.store.parts(upload->key);
   for (const auto& part : parts) {
     if (&part != &parts.front()) out += ',';
     out += fmt::format("{{\"part\":{},\"size\":{},\"etag\":", part.number, part.size);
@@ -438,11 +460,7 @@ Answer<std::string> ApiHandlers::uploadStatus(Call& call) {
 }
 
 Answer<std::string> ApiHandlers::uploadParts(Call& call) {
-  const auto key = textOf(call.body, "key");
-  if (!key) return key;
-  const auto id = textOf(call.body, "upload_id");
-  if (!id) return id;
-  const auto upload = call.uploads.find(*key, *id);
+  const auto upload = uploadOf(call);
   if (!upload) return refuse(upload.error());
   const auto* numbers = json::list(call.body, "parts");
   if (!numbers || numbers->empty()) return refuse(400, "\"parts\" is missing or not a list");
@@ -481,11 +499,9 @@ Answer<std::string> ApiHandlers::uploadComplete(Call& call) {
 }
 
 Answer<std::string> ApiHandlers::uploadAbort(Call& call) {
-  const auto key = textOf(call.body, "key");
-  if (!key) return key;
-  const auto id = textOf(call.body, "upload_id");
-  if (!id) return id;
-  if (auto done = call.uploads.abort(*key, *id); !done) return refuse(done.error());
+  const auto upload = uploadOf(call);
+  if (!upload) return refuse(upload.error());
+  call.uploads.abort(*upload);
   return "{}";
 }
 
@@ -513,7 +529,6 @@ Answer<std::string> ApiHandlers::contentUrl(Call& call) {
   }
   const auto view = call.tree.byId(*id);
   if (!view) return refuse(view.error());
-  call.uploads.sweep();
   const auto upload = call.uploads.forContents(*view, size, flagOf(call.body, "multipart"));
   if (!upload) return refuse(upload.error());
   return targetText(*upload, flagOf(call.body, "thumb"), call.addresses);
@@ -534,19 +549,23 @@ Answer<std::string> ApiHandlers::contentCommit(Call& call) {
 Answer<std::string> ApiHandlers::thumbUrls(Call& call) {
   const auto ids = textsOf(call.body, "ids");
   if (!ids) return refuse(ids.error());
-  std::string out = "{\"urls\":{";
-  bool first = true;
-  for (const auto& id : *ids) {
+  std::string urls;
+  std::string pending;
+  for (const auto& id : std::set(ids->begin(), ids->end())) {
     const auto view = call.tree.byId(id);
-    if (!view || !view->item.hasThumb) continue;
-    if (!first) out += ',';
-    first = false;
-    appendJson(out, id);
-    out += ':';
-    appendJson(out, call.addresses.signedFor("GET", thumbPath(view->item.key)));
+    if (!view || !hasThumb(view->item)) continue;
+    if (view->item.thumb == Thumb::stored) {
+      if (!urls.empty()) urls += ',';
+      appendJson(urls, id);
+      urls += ':';
+      appendJson(urls, call.addresses.signedFor("GET", thumbPath(view->item.key)));
+    } else if (thumbnailer_) {
+      if (!pending.empty()) pending += ',';
+      appendJson(pending, id);
+      thumbnailer_->want(view->item);
+    }
   }
-  out += "},\"pending\":[]}";
-  return out;
+  return fmt::format("{{\"urls\":{{{}}},\"pending\":[{}]}}", urls, pending);
 }
 
 }  // namespace vondle::storage

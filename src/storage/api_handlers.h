@@ -11,6 +11,7 @@
 #include "storage/entry_json.h"
 #include "storage/signed_url.h"
 #include "storage/store_pool.h"
+#include "storage/thumbnailer.h"
 #include "storage/tree.h"
 #include "storage/uploads.h"
 
@@ -43,13 +44,16 @@ ApiReply errorReply(int status, std::string_view text);
 // Answers the JSON API: each endpoint is one function from a request to a reply over the stores. Any thread.
 class ApiHandlers {
  public:
-  ApiHandlers(StorePool& stores, const ContentStore& contents, const SignedUrl& signer, const Clock& clock)
-      : stores_(stores), contents_(contents), signer_(signer), clock_(clock) {}
+  // Without a thumbnailer there are no previews but those that clients send.
+  ApiHandlers(StorePool& stores, const ContentStore& contents, const SignedUrl& signer, const Clock& clock,
+              Thumbnailer* thumbnailer = nullptr)
+      : stores_(stores), contents_(contents), signer_(signer), clock_(clock), thumbnailer_(thumbnailer) {}
 
   ApiReply handle(const ApiRequest& request);
 
-  // Removes contents that belong to nobody any more from the disk.
-  void collectGarbage();
+  // Drops abandoned uploads, and removes contents that belong to nobody any more from the disk. For the start; later
+  // it is done before anybody is told where to send more.
+  void tidy();
 
  private:
   // What an endpoint works with; one transaction's worth.
@@ -68,7 +72,12 @@ class ApiHandlers {
   };
   static const std::map<std::string_view, Endpoint>& endpoints();
 
+  void collectGarbage();
+  [[nodiscard]] std::int64_t now() const;  // milliseconds since 1970
   Answer<std::string> run(MetadataStore& store, const ApiRequest& request, Handler handler, json::Object body);
+
+  // The upload that "key" and "upload_id" name.
+  Answer<Upload> uploadOf(Call& call);
 
   Answer<std::string> browse(Call& call);
   Answer<std::string> item(Call& call);
@@ -98,6 +107,7 @@ class ApiHandlers {
   const ContentStore& contents_;
   const SignedUrl& signer_;
   const Clock& clock_;
+  Thumbnailer* thumbnailer_;
 };
 
 }  // namespace vondle::storage

@@ -3,6 +3,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include <fmt/format.h>
 
 #include "platform/log.h"
 
@@ -12,6 +17,9 @@ namespace {
 constexpr Log slog("com.ferrow.vondle.storage", "contents");
 
 const Refusal NO_CONTENTS{404, "there is nothing stored at this address"};
+const Refusal OTHER_CONTENTS{409, "other contents were sent to this address already"};
+const Refusal TAKEN_OVER{409, "the part is being sent again by another request"};
+const Refusal JOINED{409, "the parts were joined already"};
 
 std::optional<std::string> queryOf(const ContentRequest& request, const std::string& name) {
   return request.query.count(name) == 1 ? std::optional(request.query.find(name)->second) : std::nullopt;
@@ -47,12 +55,40 @@ Refusal diskFailed(const Error& error) {
   slog.error("%{public}@", error.localizedDescription());
   if (error.isIn(POSIX_ERROR_DOMAIN) && (error.code == ENOSPC || error.code == EDQUOT))
     return {507, "the service's disk is full"};
-  if (error.is(POSIX_ERROR_DOMAIN, ECANCELED)) return {409, "the part is being sent again by another request"};
+  if (error.is(POSIX_ERROR_DOMAIN, ECANCELED)) return TAKEN_OVER;
   return {500, "the service's disk failed"};
+}
+
+template <class T>
+Answer<T> fromDisk(Result<T> result) {
+  if (!result) return refuse(diskFailed(result.error()));
+  if constexpr (std::is_void_v<T>)
+    return {};
+  else
+    return std::move(*result);
 }
 
 std::string quoted(const std::string& hash) {
   return "\"" + hash + "\"";
+}
+
+// The upload as log lines name it: enough to tell it from others, and no use to anybody.
+std::string nameOf(const Upload& upload, std::int64_t part) {
+  return fmt::format("part {} of upload {}", part, upload.uploadId.substr(0, 8));
+}
+
+struct Stored {
+  std::int64_t size = 0;
+  std::string hash = {};
+};
+
+// What was sent in one request to the key before.
+std::optional<Stored> storedUnder(MetadataStore& store, const std::string& key) {
+  if (const auto upload = store.upload(key))
+    return upload->stored && upload->partSize == 0 ? std::optional(Stored{upload->storedSize, upload->hash})
+                                                   : std::nullopt;
+  const auto item = store.itemWithKey(key);
+  return item && !item->hash.empty() ? std::optional(Stored{item->size, item->hash}) : std::nullopt;
 }
 
 }  // namespace
@@ -98,7 +134,7 @@ Answer<Download> ContentHandlers::download(const ContentRequest& request) {
   if (!store) return refuse(500, "the service's database cannot be opened");
   const auto item = (*store)->read<Item>([&]() -> Answer<Item> {
     auto found = (*store)->itemWithKey(key);
-    if (!found || (thumbKey && !found->hasThumb)) return refuse(NO_CONTENTS);
+    if (!found || (thumbKey && found->thumb != Thumb::stored)) return refuse(NO_CONTENTS);
     return std::move(*found);
   });
   if (!item) return refuse(item.error());
@@ -135,92 +171,160 @@ Answer<T> ContentHandlers::withUpload(const std::string& key,
 // Contents in one request.
 class ContentHandlers::WholeReceiver final : public Receiver {
  public:
-  WholeReceiver(ContentHandlers& handlers, std::string key, std::unique_ptr<ContentStore::Incoming> incoming)
-      : handlers_(handlers), key_(std::move(key)), incoming_(std::move(incoming)) {}
+  WholeReceiver(ContentHandlers& handlers, std::string key, std::int64_t length,
+                std::unique_ptr<ContentStore::Incoming> incoming, std::unique_ptr<Arrivals::Hold> hold)
+      : Receiver("contents", length),
+        handlers_(handlers),
+        key_(std::move(key)),
+        incoming_(std::move(incoming)),
+        hold_(std::move(hold)) {}
 
-  Answer<void> write(std::string_view bytes) override {
-    if (auto written = incoming_->write(bytes); !written) return refuse(diskFailed(written.error()));
-    return {};
-  }
+ private:
+  Answer<void> take(std::string_view bytes) override { return fromDisk(incoming_->write(bytes)); }
 
-  Answer<std::string> finish() override {
-    const auto hash = incoming_->seal();
-    if (!hash) return refuse(diskFailed(hash.error()));
+  Answer<std::string> accept() override {
+    const auto hash = fromDisk(incoming_->seal());
+    if (!hash) return hash;
     return handlers_.withUpload<std::string>(
         key_, [&](MetadataStore&, Uploads& uploads, Upload& upload) -> Answer<std::string> {
+          // By another transfer meanwhile: what was answered to it must stay true.
+          if (upload.stored) return upload.hash == *hash ? Answer<std::string>(quoted(*hash)) : refuse(OTHER_CONTENTS);
           if (auto storable = uploads.checkStorable(upload, incoming_->size()); !storable)
             return refuse(storable.error());
-          if (auto placed = incoming_->place(); !placed) return refuse(diskFailed(placed.error()));
+          if (auto placed = fromDisk(incoming_->place()); !placed) return refuse(placed.error());
           uploads.stored(upload, incoming_->size(), *hash);
           return quoted(*hash);
         });
   }
 
- private:
   ContentHandlers& handlers_;
   std::string key_;
   std::unique_ptr<ContentStore::Incoming> incoming_;
+  std::unique_ptr<Arrivals::Hold> hold_;
 };
 
-class ContentHandlers::PartReceiver final : public Receiver {
+// Contents that were stored before, sent again because the answer was lost: answered as then when they are the same.
+class ContentHandlers::RepeatReceiver final : public Receiver {
  public:
-  PartReceiver(ContentHandlers& handlers, std::string key, std::int64_t number,
-               std::unique_ptr<ContentStore::IncomingPart> incoming)
-      : handlers_(handlers), key_(std::move(key)), number_(number), incoming_(std::move(incoming)) {}
-
-  Answer<void> write(std::string_view bytes) override {
-    if (auto written = incoming_->write(bytes); !written) return refuse(diskFailed(written.error()));
-    return {};
-  }
-
-  Answer<std::string> finish() override {
-    const auto hash = incoming_->seal();
-    if (!hash) return refuse(diskFailed(hash.error()));
-    return handlers_.withUpload<std::string>(
-        key_, [&](MetadataStore& store, Uploads&, Upload& upload) -> Answer<std::string> {
-          if (!incoming_->isCurrent()) return refuse(409, "the part is being sent again by another request");
-          if (upload.stored) return refuse(409, "the parts were joined already");
-          store.setPart(key_, {.number = number_, .size = incoming_->size(), .etag = quoted(*hash)});
-          upload.touched = handlers_.now();
-          store.setUpload(upload);
-          return quoted(*hash);
-        });
-  }
+  explicit RepeatReceiver(const Stored& stored) : Receiver("contents again", stored.size), hash_(stored.hash) {}
 
  private:
+  Answer<void> take(std::string_view bytes) override {
+    hasher_.add(bytes);
+    return {};
+  }
+  Answer<std::string> accept() override {
+    if (hexadecimal(hasher_.finish()) != hash_) return refuse(OTHER_CONTENTS);
+    return quoted(hash_);
+  }
+
+  std::string hash_;
+  Sha256 hasher_;
+};
+
+// A part that was not there, straight to its place.
+class ContentHandlers::PartReceiver final : public Receiver {
+ public:
+  PartReceiver(ContentHandlers& handlers, const Upload& upload, std::int64_t number,
+               std::unique_ptr<ContentStore::IncomingPart> incoming)
+      : Receiver(nameOf(upload, number), partLength(upload, number)),
+        handlers_(handlers),
+        key_(upload.key),
+        number_(number),
+        incoming_(std::move(incoming)) {}
+
+ private:
+  Answer<void> take(std::string_view bytes) override { return fromDisk(incoming_->write(bytes)); }
+  Answer<std::string> accept() override { return handlers_.keepPart(key_, number_, *incoming_); }
+
   ContentHandlers& handlers_;
   std::string key_;
   std::int64_t number_;
   std::unique_ptr<ContentStore::IncomingPart> incoming_;
 };
 
-class ContentHandlers::ThumbReceiver final : public Receiver {
+// A part that is there already. It stays what was answered until all of the new bytes are here, and longer when they
+// are the same.
+class ContentHandlers::ResentPartReceiver final : public Receiver {
  public:
-  ThumbReceiver(ContentHandlers& handlers, std::string key, std::unique_ptr<ContentStore::Incoming> incoming)
-      : handlers_(handlers), key_(std::move(key)), incoming_(std::move(incoming)) {}
+  ResentPartReceiver(ContentHandlers& handlers, const Upload& upload, std::int64_t number,
+                     std::unique_ptr<ContentStore::Incoming> incoming)
+      : Receiver(nameOf(upload, number), partLength(upload, number)),
+        handlers_(handlers),
+        key_(upload.key),
+        number_(number),
+        incoming_(std::move(incoming)) {}
 
-  Answer<void> write(std::string_view bytes) override {
-    constexpr std::string_view JPEG_START = "\xff\xd8\xff";
-    if (start_.size() < JPEG_START.size()) start_ += bytes.substr(0, JPEG_START.size() - start_.size());
-    if (!JPEG_START.starts_with(start_)) return refuse(400, "the preview is not a JPEG picture");
-    if (auto written = incoming_->write(bytes); !written) return refuse(diskFailed(written.error()));
+ private:
+  Answer<void> take(std::string_view bytes) override { return fromDisk(incoming_->write(bytes)); }
+
+  Answer<std::string> accept() override {
+    const auto hash = fromDisk(incoming_->seal(false));
+    if (!hash) return hash;
+    std::unique_ptr<ContentStore::IncomingPart> part;
+    const auto begun =
+        handlers_.withUpload<bool>(key_, [&](MetadataStore& store, Uploads&, Upload& upload) -> Answer<bool> {
+          if (upload.stored) return refuse(JOINED);
+          const auto there = store.part(key_, number_);
+          if (there && there->etag == quoted(*hash)) {
+            upload.touched = handlers_.now();
+            store.setUpload(upload);
+            return true;
+          }
+          auto receiving = handlers_.beginPart(store, upload, number_);
+          if (!receiving) return refuse(receiving.error());
+          part = std::move(*receiving);
+          return true;
+        });
+    if (!begun) return refuse(begun.error());
+    if (!part) return quoted(*hash);
+    if (auto copied = copyTo(*part); !copied) return refuse(copied.error());
+    return handlers_.keepPart(key_, number_, *part);
+  }
+
+  Answer<void> copyTo(ContentStore::IncomingPart& part) const {
+    std::vector<char> buffer(256 * 1024);
+    while (part.size() < incoming_->size()) {
+      const auto count = fromDisk(incoming_->readAt(part.size(), buffer));
+      if (!count) return refuse(count.error());
+      if (auto written = fromDisk(part.write({buffer.data(), *count})); !written) return written;
+    }
     return {};
   }
 
-  Answer<std::string> finish() override {
+  ContentHandlers& handlers_;
+  std::string key_;
+  std::int64_t number_;
+  std::unique_ptr<ContentStore::Incoming> incoming_;
+};
+
+class ContentHandlers::ThumbReceiver final : public Receiver {
+ public:
+  ThumbReceiver(ContentHandlers& handlers, std::string key, std::int64_t length,
+                std::unique_ptr<ContentStore::Incoming> incoming)
+      : Receiver("a preview", length), handlers_(handlers), key_(std::move(key)), incoming_(std::move(incoming)) {}
+
+ private:
+  Answer<void> take(std::string_view bytes) override {
+    constexpr std::string_view JPEG_START = "\xff\xd8\xff";
+    if (start_.size() < JPEG_START.size()) start_ += bytes.substr(0, JPEG_START.size() - start_.size());
+    if (!JPEG_START.starts_with(start_)) return refuse(400, "the preview is not a JPEG picture");
+    return fromDisk(incoming_->write(bytes));
+  }
+
+  Answer<std::string> accept() override {
     if (start_.size() < 3) return refuse(400, "the preview is not a JPEG picture");
-    const auto hash = incoming_->seal();
-    if (!hash) return refuse(diskFailed(hash.error()));
+    const auto hash = fromDisk(incoming_->seal());
+    if (!hash) return hash;
     auto store = handlers_.stores_.writer();
     // In a transaction, so that it cannot come after the removal of its contents.
     return store->write<std::string>([&]() -> Answer<std::string> {
       if (!store->upload(key_) && !store->itemWithKey(key_)) return refuse(NO_CONTENTS);
-      if (auto placed = incoming_->place(); !placed) return refuse(diskFailed(placed.error()));
+      if (auto placed = fromDisk(incoming_->place()); !placed) return refuse(placed.error());
       return quoted(*hash);
     });
   }
 
- private:
   ContentHandlers& handlers_;
   std::string key_;
   std::string start_;
@@ -230,47 +334,90 @@ class ContentHandlers::ThumbReceiver final : public Receiver {
 Answer<std::unique_ptr<Receiver>> ContentHandlers::upload(const ContentRequest& request,
                                                           std::optional<std::int64_t> length,
                                                           std::string_view contentType) {
+  auto receiver = receive(request, length, contentType);
+  if (!receiver) slog.info("refused a transfer: %d %{public}@", receiver.error().status, receiver.error().text);
+  return receiver;
+}
+
+ContentHandlers::Receiving ContentHandlers::receive(const ContentRequest& request, std::optional<std::int64_t> length,
+                                                    std::string_view contentType) {
   if (auto allowed = check(request); !allowed) return refuse(std::move(allowed.error()));
   if (!length) return refuse(411, "the length of the body is not told");
   if (*length > MAX_FILE_SIZE) return refuse(413, "no file is that long");
+  if (const auto key = keyAfter(request.path, "/vondle/thumbs/")) return receiveThumb(*key, *length, contentType);
+  if (const auto key = keyAfter(request.path, "/vondle/uploads/")) return receiveWhole(std::string(*key), *length);
+  if (const auto part = partAfter(request.path, "/vondle/uploads/"))
+    return receivePart(part->first, part->second, *length);
+  return refuse(NO_CONTENTS);
+}
 
-  if (const auto thumb = keyAfter(request.path, "/vondle/thumbs/")) {
-    if (contentType != "image/jpeg") return refuse(415, "a preview is sent as image/jpeg");
-    if (*length > MAX_THUMB_BYTES) return refuse(413, "a preview has at most 4 MiB");
-    auto incoming = contents_.receive(ContentStore::Kind::thumb, *thumb);
-    if (!incoming) return refuse(diskFailed(incoming.error()));
-    return std::make_unique<ThumbReceiver>(*this, std::string(*thumb), std::move(*incoming));
+ContentHandlers::Receiving ContentHandlers::receiveThumb(std::string_view key, std::int64_t length,
+                                                         std::string_view contentType) {
+  if (contentType != "image/jpeg") return refuse(415, "a preview is sent as image/jpeg");
+  if (length > MAX_THUMB_BYTES) return refuse(413, "a preview has at most 4 MiB");
+  auto incoming = fromDisk(contents_.receive(ContentStore::Kind::thumb, key));
+  if (!incoming) return refuse(incoming.error());
+  return std::make_unique<ThumbReceiver>(*this, std::string(key), length, std::move(*incoming));
+}
+
+ContentHandlers::Receiving ContentHandlers::receiveWhole(const std::string& key, std::int64_t length) {
+  {
+    auto store = stores_.writer();
+    const auto stored =
+        store->read<std::optional<Stored>>([&]() -> Answer<std::optional<Stored>> { return storedUnder(*store, key); });
+    if (!stored) return refuse(stored.error());
+    if (*stored && (*stored)->size != length) return refuse(OTHER_CONTENTS);
+    if (*stored) return std::make_unique<RepeatReceiver>(**stored);
   }
-
-  if (const auto whole = keyAfter(request.path, "/vondle/uploads/")) {
-    const std::string key(*whole);
-    const auto storable = withUpload<bool>(key, [&](MetadataStore&, Uploads& uploads, Upload& upload) -> Answer<bool> {
-      if (upload.partSize > 0) return refuse(409, "these contents are sent in parts");
-      if (auto checked = uploads.checkStorable(upload, *length); !checked) return refuse(checked.error());
-      return true;
-    });
-    if (!storable) return refuse(storable.error());
-    auto incoming = contents_.receive(ContentStore::Kind::contents, key);
-    if (!incoming) return refuse(diskFailed(incoming.error()));
-    return std::make_unique<WholeReceiver>(*this, key, std::move(*incoming));
-  }
-
-  const auto part = partAfter(request.path, "/vondle/uploads/");
-  if (!part) return refuse(NO_CONTENTS);
-  const auto& [key, number] = *part;
-  std::unique_ptr<ContentStore::IncomingPart> incoming;
-  const auto begun = withUpload<bool>(key, [&](MetadataStore& store, Uploads&, Upload& upload) -> Answer<bool> {
-    if (number < 1 || number > partCount(upload)) return refuse(404, "the upload has no such part");
-    if (upload.stored) return refuse(409, "the parts were joined already");
-    if (*length != partLength(upload, number)) return refuse(400, "the part has not the length that it has to have");
-    auto receiving = contents_.receivePart(key, number, (number - 1) * upload.partSize);
-    if (!receiving) return refuse(diskFailed(receiving.error()));
-    incoming = std::move(*receiving);
-    store.removePart(key, number);  // its bytes are about to be overwritten
+  std::unique_ptr<Arrivals::Hold> hold;
+  const auto storable = withUpload<bool>(key, [&](MetadataStore&, Uploads& uploads, Upload& upload) -> Answer<bool> {
+    if (upload.partSize > 0) return refuse(409, "these contents are sent in parts");
+    if (auto checked = uploads.checkStorable(upload, length); !checked) return refuse(checked.error());
+    hold = std::make_unique<Arrivals::Hold>(contents_.arrivals(), upload.owner, key, length);
     return true;
   });
-  if (!begun) return refuse(begun.error());
-  return std::make_unique<PartReceiver>(*this, key, number, std::move(incoming));
+  if (!storable) return refuse(storable.error());
+  auto incoming = fromDisk(contents_.receive(ContentStore::Kind::contents, key));
+  if (!incoming) return refuse(incoming.error());
+  return std::make_unique<WholeReceiver>(*this, key, length, std::move(*incoming), std::move(hold));
+}
+
+ContentHandlers::Receiving ContentHandlers::receivePart(const std::string& key, std::int64_t number,
+                                                        std::int64_t length) {
+  return withUpload<std::unique_ptr<Receiver>>(key, [&](MetadataStore& store, Uploads&, Upload& upload) -> Receiving {
+    if (number < 1 || number > partCount(upload)) return refuse(404, "the upload has no such part");
+    if (upload.stored) return refuse(JOINED);
+    if (length != partLength(upload, number)) return refuse(400, "the part has not the length that it has to have");
+    if (store.part(key, number)) {
+      auto incoming = fromDisk(contents_.receive(ContentStore::Kind::contents, key));
+      if (!incoming) return refuse(incoming.error());
+      return std::make_unique<ResentPartReceiver>(*this, upload, number, std::move(*incoming));
+    }
+    auto incoming = beginPart(store, upload, number);
+    if (!incoming) return refuse(incoming.error());
+    return std::make_unique<PartReceiver>(*this, upload, number, std::move(*incoming));
+  });
+}
+
+Answer<std::unique_ptr<ContentStore::IncomingPart>> ContentHandlers::beginPart(MetadataStore& store,
+                                                                               const Upload& upload,
+                                                                               std::int64_t number) const {
+  store.removePart(upload.key, number);
+  return fromDisk(contents_.receivePart(upload.key, number, (number - 1) * upload.partSize));
+}
+
+Answer<std::string> ContentHandlers::keepPart(const std::string& key, std::int64_t number,
+                                              ContentStore::IncomingPart& part) {
+  const auto hash = fromDisk(part.seal());
+  if (!hash) return hash;
+  return withUpload<std::string>(key, [&](MetadataStore& store, Uploads&, Upload& upload) -> Answer<std::string> {
+    if (!part.isCurrent()) return refuse(TAKEN_OVER);
+    if (upload.stored) return refuse(JOINED);
+    store.setPart(key, {.number = number, .size = part.size(), .etag = quoted(*hash)});
+    upload.touched = now();
+    store.setUpload(upload);
+    return quoted(*hash);
+  });
 }
 
 }  // namespace vondle::storage

@@ -9,6 +9,7 @@
 
 #include "platform/clock.h"
 #include "storage/content_store.h"
+#include "storage/receiver.h"
 #include "storage/refusal.h"
 #include "storage/signed_url.h"
 #include "storage/store_pool.h"
@@ -35,15 +36,6 @@ struct Download {
 // it is of a form that is not served (several ranges), so that everything is sent; 416 when nothing of it exists.
 Answer<std::optional<std::pair<std::int64_t, std::int64_t>>> rangeOf(std::string_view header, std::int64_t size);
 
-// Takes the body of one PUT, piece by piece.
-class Receiver {
- public:
-  virtual ~Receiver() = default;  // what was not finished is forgotten
-  virtual Answer<void> write(std::string_view bytes) = 0;
-  // The body is whole; answers the ETag with its quotes.
-  virtual Answer<std::string> finish() = 0;
-};
-
 // Answers requests to signed addresses: GET of contents and previews, PUT of contents, parts and previews. Any thread.
 class ContentHandlers {
  public:
@@ -57,8 +49,11 @@ class ContentHandlers {
 
  private:
   class WholeReceiver;
+  class RepeatReceiver;
   class PartReceiver;
+  class ResentPartReceiver;
   class ThumbReceiver;
+  using Receiving = Answer<std::unique_ptr<Receiver>>;
 
   // 400 for a key in the header, 403 unless the address was signed by the service and has not expired.
   [[nodiscard]] Answer<void> check(const ContentRequest& request) const;
@@ -66,6 +61,16 @@ class ContentHandlers {
   // Runs `work` in one transaction, with the upload of the key and the uploads of the account that asked for it.
   template <class T>
   Answer<T> withUpload(const std::string& key, const std::function<Answer<T>(MetadataStore&, Uploads&, Upload&)>& work);
+
+  Receiving receive(const ContentRequest& request, std::optional<std::int64_t> length, std::string_view contentType);
+  Receiving receiveThumb(std::string_view key, std::int64_t length, std::string_view contentType);
+  Receiving receiveWhole(const std::string& key, std::int64_t length);
+  Receiving receivePart(const std::string& key, std::int64_t number, std::int64_t length);
+  // The part's bytes are about to be overwritten: from now on it counts as not sent.
+  Answer<std::unique_ptr<ContentStore::IncomingPart>> beginPart(MetadataStore& store, const Upload& upload,
+                                                                std::int64_t number) const;
+  // All bytes of the part are there; answers its tag.
+  Answer<std::string> keepPart(const std::string& key, std::int64_t number, ContentStore::IncomingPart& part);
 
   StorePool& stores_;
   const ContentStore& contents_;

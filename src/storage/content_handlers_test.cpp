@@ -68,6 +68,35 @@ TEST_F(ContentAddressTest, AnAddressServesUntilItExpires) {
   EXPECT_EQ(download(rig_.parse("GET", url)), 403);
 }
 
+TEST_F(ContentAddressTest, AddressesForSendingExpireAndCannotBeForged) {
+  const auto place = rig_.target("", "f", 1);
+  const auto parts = rig_.target("", "big", 1, true);
+  const json::Value ask = {{"key", parts.text("key")}, {"upload_id", parts.text("upload_id")}, {"parts", {1}}};
+  const auto part = rig_.post("upload-parts", ask).first("parts").text("url");
+  const auto statusOf = [&](const ContentRequest& request) {
+    const auto receiver = rig_.contentHandlers().upload(request, 1, "image/jpeg");
+    return receiver ? 200 : receiver.error().status;
+  };
+  for (const auto& url : {place.text("upload_url"), place.text("thumb_upload_url"), part}) {
+    const auto request = rig_.parse("PUT", url);
+    EXPECT_EQ(statusOf(request), 200) << url;
+    auto forged = request;
+    auto& signature = forged.query.find("signature")->second;
+    signature.front() = signature.front() == '0' ? '1' : '0';
+    EXPECT_EQ(statusOf(forged), 403) << url;
+    forged = request;
+    forged.query.find("expires")->second += "0";
+    EXPECT_EQ(statusOf(forged), 403) << url;
+    forged = request;
+    forged.path += "/2";
+    EXPECT_EQ(statusOf(forged), 403) << url;
+  }
+  rig_.clock().advance(3600);
+  for (const auto& url : {place.text("upload_url"), place.text("thumb_upload_url"), part})
+    EXPECT_EQ(statusOf(rig_.parse("PUT", url)), 403) << url;
+  EXPECT_EQ(rig_.storedFiles(), 0U + 1U) << "the place of the part that was begun";
+}
+
 TEST_F(ContentAddressTest, TheAccountKeyMustNotBeSentAlong) {
   auto request = rig_.parse("GET", rig_.makeFile("f", "x").text("download_url"));
   request.hasApiKey = true;

@@ -71,6 +71,14 @@ Result<void> writeAll(int descriptor, std::string_view bytes, std::int64_t offse
   return {};
 }
 
+Result<std::size_t> readFrom(int descriptor, std::int64_t offset, std::span<char> buffer) {
+  for (;;) {
+    const ssize_t count = ::pread(descriptor, buffer.data(), buffer.size(), offset);
+    if (count >= 0) return static_cast<std::size_t>(count);
+    if (errno != EINTR) return failure(Error::posix(errno, "cannot read stored contents"));
+  }
+}
+
 Result<void> removeFile(const std::string& path) {
   if (::unlink(path.c_str()) != 0 && errno != ENOENT) return failure(Error::posix(errno, "cannot remove " + path));
   return {};
@@ -83,11 +91,7 @@ StoredFile::~StoredFile() {
 }
 
 Result<std::size_t> StoredFile::readAt(std::int64_t offset, std::span<char> buffer) const {
-  for (;;) {
-    const ssize_t count = ::pread(descriptor_, buffer.data(), buffer.size(), offset);
-    if (count >= 0) return static_cast<std::size_t>(count);
-    if (errno != EINTR) return failure(Error::posix(errno, "cannot read stored contents"));
-  }
+  return readFrom(descriptor_, offset, buffer);
 }
 
 ContentStore::Incoming::~Incoming() {
@@ -119,6 +123,10 @@ Result<void> ContentStore::Incoming::place(bool sync) {
   if (::rename(path_.c_str(), target_.c_str()) != 0) return failure(Error::posix(errno, "cannot store " + target_));
   placed_ = true;
   return sync ? syncFolder(folderOf(target_)) : Result<void>();
+}
+
+Result<std::size_t> ContentStore::Incoming::readAt(std::int64_t offset, std::span<char> buffer) const {
+  return readFrom(descriptor_, offset, buffer);
 }
 
 ContentStore::IncomingPart::IncomingPart(std::shared_ptr<Turn> turn, int descriptor, std::int64_t offset)
@@ -182,7 +190,7 @@ std::string ContentStore::partsPath(std::string_view key) const {
 Result<std::unique_ptr<ContentStore::Incoming>> ContentStore::receive(Kind kind, std::string_view key) const {
   // Two transfers of the same key do not disturb each other; the one that ends last stays.
   std::string path = fmt::format("{}/incoming/{}", root_, randomName());
-  const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
   if (descriptor < 0) return failure(Error::posix(errno, "cannot make " + path));
   return std::unique_ptr<Incoming>(new Incoming(std::move(path), pathOf(kind, key), descriptor));
 }
@@ -210,6 +218,9 @@ Result<std::unique_ptr<ContentStore::IncomingPart>> ContentStore::receivePart(st
                                                                               std::int64_t offset) const {
   const std::string path = partsPath(key);
   const bool isFirst = ::access(path.c_str(), F_OK) != 0;
+  // Renamed by a try of assembling that came to nothing: a new file would lose the other parts.
+  if (isFirst && has(Kind::contents, key) && ::rename(pathOf(Kind::contents, key).c_str(), path.c_str()) != 0)
+    return failure(Error::posix(errno, "cannot take back " + path));
   const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
   if (descriptor < 0) return failure(Error::posix(errno, "cannot open " + path));
   if (isFirst)
@@ -234,7 +245,7 @@ Result<void> ContentStore::assemble(std::string_view key, std::int64_t size) con
   struct stat found{};
   if (::stat(path.c_str(), &found) != 0) {
     // Renamed by an earlier try whose answer was lost.
-    if (errno == ENOENT && has(Kind::contents, key)) return {};
+    if (errno == ENOENT && has(Kind::contents, key)) return syncFolder(folderOf(target));
     return failure(Error::posix(errno, "cannot examine " + path));
   }
   if (found.st_size != size) return failure({POSIX_ERROR_DOMAIN, EIO, "the parts do not make up the whole: " + path});

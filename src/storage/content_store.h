@@ -11,6 +11,7 @@
 
 #include "base/error.h"
 #include "base/mutex.h"
+#include "storage/arrivals.h"
 #include "storage/crypto.h"
 
 namespace vondle::storage {
@@ -52,6 +53,8 @@ class ContentStore {
     Result<std::string> seal(bool sync = true);
     // Puts them under the key, in the place of earlier ones. After seal.
     Result<void> place(bool sync = true);
+    // What was sealed, as StoredFile::readAt.
+    Result<std::size_t> readAt(std::int64_t offset, std::span<char> buffer) const;
 
    private:
     friend class ContentStore;
@@ -105,14 +108,19 @@ class ContentStore {
   [[nodiscard]] Result<std::unique_ptr<Incoming>> receive(Kind kind, std::string_view key) const;
   [[nodiscard]] Result<std::unique_ptr<StoredFile>> read(Kind kind, std::string_view key) const;
   [[nodiscard]] bool has(Kind kind, std::string_view key) const;
+  // Where they lie, for those who read them by themselves; the file may vanish at any time.
+  [[nodiscard]] std::string pathOf(Kind kind, std::string_view key) const;
   // With the preview and the parts; what is not there is removed already.
   Result<void> remove(std::string_view key) const;
 
   // Contents that arrive in parts, in any order, into one file that is not visible under its key before assemble.
-  // Part `number` starts at `offset`.
+  // Part `number` starts at `offset`. Contents that were assembled and not made use of come out of sight again.
   Result<std::unique_ptr<IncomingPart>> receivePart(std::string_view key, std::int64_t number,
                                                     std::int64_t offset) const;
   Result<void> assemble(std::string_view key, std::int64_t size) const;
+
+  // Of what is being received here now.
+  [[nodiscard]] Arrivals& arrivals() const { return *arrivals_; }
 
   // Everything written so far is on the disk when this returns.
   Result<void> syncAll() const;
@@ -123,12 +131,13 @@ class ContentStore {
     std::map<std::pair<std::string, std::int64_t>, std::weak_ptr<IncomingPart::Turn>> byPart GUARDED_BY(lock);
   };
 
-  explicit ContentStore(std::string root) : root_(std::move(root)), turns_(std::make_unique<Turns>()) {}
-  [[nodiscard]] std::string pathOf(Kind kind, std::string_view key) const;
+  explicit ContentStore(std::string root)
+      : root_(std::move(root)), turns_(std::make_unique<Turns>()), arrivals_(std::make_unique<Arrivals>()) {}
   [[nodiscard]] std::string partsPath(std::string_view key) const;
 
   std::string root_;
   std::unique_ptr<Turns> turns_;
+  std::unique_ptr<Arrivals> arrivals_;
 };
 
 }  // namespace vondle::storage

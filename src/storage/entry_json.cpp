@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "base/time.h"
+#include "storage/thumb_kind.h"
 
 namespace vondle::storage {
 namespace {
@@ -51,7 +52,7 @@ void addFacts(Members& members, const View& view) {
   if (!view.item.isFolder) {
     members.add("size", view.item.size);
     members.add("key", view.item.key);
-    members.addBoolean("has_thumb", view.item.hasThumb);
+    members.addBoolean("has_thumb", hasThumb(view.item));
   }
   if (!view.isSharedContainer()) members.add("mtime", timeText(view.item.modified));
   members.add("version", view.item.version);
@@ -108,7 +109,7 @@ void appendEntry(std::string& out, const View& view, const Addresses& addresses)
   }
   if (view.item.isFolder) return;
   members.add("download_url", addresses.signedFor("GET", contentsPath(view.item.key)));
-  if (view.item.hasThumb) members.add("thumb_url", addresses.signedFor("GET", thumbPath(view.item.key)));
+  if (view.item.thumb == Thumb::stored) members.add("thumb_url", addresses.signedFor("GET", thumbPath(view.item.key)));
 }
 
 void appendLiteEntry(std::string& out, const View& view, const View& folder) {

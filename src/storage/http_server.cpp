@@ -421,7 +421,7 @@ Result<int> HttpServer::bind() {
   return implementation_->bindAddress();
 }
 bool HttpServer::run() {
-  return implementation_->listen_after_bind();
+  return implementation_->serve();
 }
 void HttpServer::stop() {
   implementation_->cut();

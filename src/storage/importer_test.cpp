@@ -77,7 +77,7 @@ TEST_F(ImporterTest, WhatCannotBeTakenIsSkippedAndCounted) {
   for (const char* name : {"/link", "/pipe", "/bad", "/Shared with me", "/d"})
     EXPECT_NE(told.find(name), std::string::npos) << name;
   EXPECT_EQ(rig_.storedFiles(), 2U + 3U) << "copies that found no place wait for the garbage collection";
-  rig_.api().collectGarbage();
+  rig_.api().tidy();
   EXPECT_EQ(rig_.storedFiles(), 2U);
 }
 

@@ -14,6 +14,7 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "platform/linux/helper_preview_renderer.h"
 #include "platform/linux/linux_clock.h"
 #include "storage/accounts.h"
 #include "storage/crypto.h"
@@ -73,9 +74,10 @@ class Program {
     const auto secret = signingSecret();
     if (!secret) return complain(FAILED, secret.error().text);
     const SignedUrl signer(*secret, arguments_.urlLifetime);
-    ApiHandlers api(*stores_, *contents, signer, clock_);
+    const auto thumbnailer = makeThumbnailer(*contents);
+    ApiHandlers api(*stores_, *contents, signer, clock_, thumbnailer.get());
     ContentHandlers contentHandlers(*stores_, *contents, signer, clock_);
-    api.collectGarbage();
+    api.tidy();
     if (const int code = import(*contents); code != SUCCEEDED) return code;
 
     // Before any thread starts, so that only the wait below takes them. Until here they simply end the process;
@@ -105,6 +107,16 @@ class Program {
   }
 
  private:
+  // None when the program that makes previews is not installed beside this one.
+  std::unique_ptr<Thumbnailer> makeThumbnailer(const ContentStore& contents) {
+    const std::string helper = HelperPreviewRenderer::helperBesideProgram();
+    if (::access(helper.c_str(), X_OK) != 0) {
+      complain(SUCCEEDED, fmt::format("there is no {}; no previews are made", helper));
+      return nullptr;
+    }
+    return std::make_unique<Thumbnailer>(*stores_, contents, clock_, std::make_unique<HelperPreviewRenderer>(helper));
+  }
+
   int open() {
     if (::mkdir(arguments_.root.c_str(), 0700) != 0 && errno != EEXIST)
       return complain(FAILED, Error::posix(errno, "cannot make " + arguments_.root).localizedDescription());

@@ -100,7 +100,7 @@ Item itemOf(const sqlite::Statement& row) {
           .version = row.integer(7),
           .key = row.text(8),
           .hash = row.text(9),
-          .hasThumb = row.boolean(10),
+          .thumb = static_cast<Thumb>(row.integer(10)),
           .trashed = row.optionalInteger(11),
           .trashedPath = row.text(12)};
 }
@@ -132,6 +132,10 @@ Upload uploadOf(const sqlite::Statement& row) {
           .storedSize = row.integer(10),
           .hash = row.text(11),
           .touched = row.integer(12)};
+}
+
+Part partOf(const sqlite::Statement& row) {
+  return {.number = row.integer(0), .size = row.integer(1), .etag = row.text(2)};
 }
 
 std::optional<std::string> keyOrNull(const Item& item) {
@@ -316,7 +320,7 @@ ItemId MetadataStore::insert(const Item& item) {
             "INSERT INTO items(account, parent, name, is_folder, size, modified, version, key, hash, has_thumb, "
             "trashed, trashed_path) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12)",
             item.account, item.parent, item.name, item.isFolder, item.size, item.modified, item.version,
-            keyOrNull(item), item.hash, item.hasThumb, item.trashed, item.trashedPath));
+            keyOrNull(item), item.hash, static_cast<std::int64_t>(item.thumb), item.trashed, item.trashedPath));
   return failure_ ? 0 : database_.lastInsertedRow();
 }
 
@@ -325,7 +329,7 @@ void MetadataStore::update(const Item& item) {
             "UPDATE items SET account = ?2, parent = ?3, name = ?4, size = ?5, modified = ?6, version = ?7, key = ?8, "
             "hash = ?9, has_thumb = ?10, trashed = ?11, trashed_path = ?12 WHERE id = ?1",
             item.id, item.account, item.parent, item.name, item.size, item.modified, item.version, keyOrNull(item),
-            item.hash, item.hasThumb, item.trashed, item.trashedPath));
+            item.hash, static_cast<std::int64_t>(item.thumb), item.trashed, item.trashedPath));
 }
 
 void MetadataStore::remove(ItemId id) {
@@ -436,11 +440,15 @@ void MetadataStore::removePart(std::string_view key, std::int64_t number) {
   run(Query(*this, "DELETE FROM parts WHERE key = ?1 AND number = ?2", key, number));
 }
 
+std::optional<Part> MetadataStore::part(std::string_view key, std::int64_t number) {
+  Query query(*this, "SELECT number, size, etag FROM parts WHERE key = ?1 AND number = ?2", key, number);
+  return query.next() ? std::optional(partOf(*query)) : std::nullopt;
+}
+
 std::vector<Part> MetadataStore::parts(std::string_view key) {
   std::vector<Part> parts;
   Query query(*this, "SELECT number, size, etag FROM parts WHERE key = ?1 ORDER BY number", key);
-  while (query.next())
-    parts.push_back({.number = query->integer(0), .size = query->integer(1), .etag = query->text(2)});
+  while (query.next()) parts.push_back(partOf(*query));
   return parts;
 }
 

@@ -25,6 +25,9 @@ struct Account {
   std::int64_t head = 0;                   // newest position of its change feed
 };
 
+// What is known of a preview of a file's contents: nothing, that it is stored, or that none can be made of them.
+enum class Thumb { none, stored, impossible };
+
 // A file or folder. Trashing marks the top of a subtree only; what lies below keeps its place under it.
 struct Item {
   ItemId id = 0;
@@ -37,7 +40,7 @@ struct Item {
   std::int64_t version = 1;
   std::string key = {};   // of the contents; empty for folders
   std::string hash = {};  // SHA-256 of the contents in hexadecimal digits; empty when they came in parts
-  bool hasThumb = false;
+  Thumb thumb = Thumb::none;
   std::optional<std::int64_t> trashed = {};  // milliseconds since 1970
   std::string trashedPath = {};              // where it was, below the root
 };
@@ -147,7 +150,8 @@ class MetadataStore {
   std::int64_t waitingBytes(AccountId owner);  // of uploads that are stored or sent in parts
   void setPart(std::string_view key, const Part& part);
   void removePart(std::string_view key, std::int64_t number);
-  std::vector<Part> parts(std::string_view key);
+  std::optional<Part> part(std::string_view key, std::int64_t number);
+  std::vector<Part> parts(std::string_view key);  // in order
 
   // Contents that may lie on the disk and belong to nobody: removed after a commit, or at the next start.
   void addGarbage(std::string_view key);

@@ -295,7 +295,7 @@ View Tree::addFile(const View& folder, std::string_view name, const std::string&
             .modified = modified.value_or(now_),
             .key = key,
             .hash = hash,
-            .hasThumb = hasThumb};
+            .thumb = hasThumb ? Thumb::stored : Thumb::none};
   item.id = store_.insert(item);
   store_.addUse(item.account, size);
   noteChanged(item);

@@ -13,7 +13,8 @@
 
 namespace vondle::storage {
 
-// An upload that was neither finished nor touched for so long is dropped; clients give up resuming a day earlier.
+// An upload that was neither made use of nor touched for so long is dropped, with the parts that came or the contents
+// that nobody committed; clients give up resuming a day earlier.
 inline constexpr std::int64_t UPLOAD_LIFETIME_MS = 7LL * 24 * 3600 * 1000;
 // Bytes per part; grows with the size so that there are never more than MAX_PARTS.
 inline constexpr std::int64_t PART_SIZE = 32LL * 1024 * 1024;
@@ -48,7 +49,7 @@ class Uploads {
   // Joins the parts when the list names each with its tag; 400 when one is missing or differs.
   Answer<std::optional<View>> complete(std::string_view key, std::string_view uploadId,
                                        const std::vector<std::pair<std::int64_t, std::string>>& parts);
-  Answer<void> abort(std::string_view key, std::string_view uploadId);
+  void abort(const Upload& upload);
 
   // Makes stored contents the file's next version; 409 unless `baseVersion` is its version.
   Answer<View> commit(const View& file, std::int64_t baseVersion, std::string_view key, bool hasThumb);
@@ -57,17 +58,22 @@ class Uploads {
   // The preview under the key is there to be shown.
   Answer<void> notify(std::string_view key, bool hasThumb);
 
-  void sweep();
+  // Drops what was abandoned, whoever asked for it.
+  static void sweep(MetadataStore& store, std::int64_t now);
 
  private:
   Upload begin(AccountId owner, std::optional<std::int64_t> size, bool inParts);
   Answer<void> checkSize(std::optional<std::int64_t> size, bool inParts);
-  void drop(const Upload& upload);
+  Answer<View> folderOf(const Upload& upload);  // of a new file
+  Answer<void> checkParts(const Upload& upload, const std::vector<std::pair<std::int64_t, std::string>>& parts);
+  // 507 unless so much more fits beside what is being received, and what this request was promised before.
+  Answer<void> checkRoom(AccountId owner, std::int64_t bytes, std::string_view exceptKey = {});
 
   MetadataStore& store_;
   const ContentStore& contents_;
   Tree& tree_;
   std::int64_t now_;
+  std::int64_t promised_ = 0;  // bytes of single uploads that this request asked for
 };
 
 }  // namespace vondle::storage

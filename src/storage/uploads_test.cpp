@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "testing/captured_log.h"
 #include "testing/storage_rig.h"
 
 namespace vondle::storage {
@@ -96,7 +97,42 @@ TEST_F(UploadsTest, ANameThatWasTakenMeanwhileIsAClash) {
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().status, 409);
   EXPECT_EQ(contentsOf("f"), "1");
-  EXPECT_EQ(rig_.put(first.text("upload_url"), "3").error().status, 404) << "the address served its purpose";
+}
+
+TEST_F(UploadsTest, ContentsMayBeSentAgainButNotOthersToTheSameAddress) {
+  const auto file = rig_.makeFile("old", "old");
+  for (const auto& place : {rig_.target("", "new", 5), contentUrl(file, 1)}) {
+    const auto url = place.text("upload_url");
+    const auto tag = rig_.put(url, "hello");
+    ASSERT_TRUE(tag);
+    EXPECT_EQ(rig_.put(url, "hello"), tag) << "the answer may have been lost";
+    EXPECT_EQ(rig_.put(url, "other").error().status, 409);
+    EXPECT_EQ(rig_.put(url, "longer").error().status, 409);
+  }
+  EXPECT_EQ(contentsOf("new"), "hello");
+  EXPECT_EQ(rig_.tree().size(), 2U);
+  EXPECT_EQ(rig_.storedFiles(), 3U);
+}
+
+TEST_F(UploadsTest, OfTwoTransfersToOneAddressTheFirstToEndCounts) {
+  const auto place = rig_.target("", "f", 5);
+  const auto request = rig_.parse("PUT", place.text("upload_url"));
+  auto slow = rig_.contentHandlers().upload(request, 5, "");
+  auto same = rig_.contentHandlers().upload(request, 5, "");
+  ASSERT_TRUE((*slow)->write("slow!"));
+  ASSERT_TRUE((*same)->write("quick"));
+  const auto tag = rig_.put(place.text("upload_url"), "quick");
+  EXPECT_EQ((*slow)->finish().error().status, 404);
+  EXPECT_EQ((*same)->finish().error().status, 404);
+  EXPECT_EQ(contentsOf("f"), "quick");
+
+  const auto edit = contentUrl(rig_.at("f"), 1);
+  auto late = rig_.contentHandlers().upload(rig_.parse("PUT", edit.text("upload_url")), 4, "");
+  ASSERT_TRUE((*late)->write("late"));
+  ASSERT_TRUE(rig_.put(edit.text("upload_url"), "first"));
+  EXPECT_EQ((*late)->finish().error().status, 409);
+  EXPECT_EQ(commit(rig_.at("f"), 1, edit.text("key")).number("size"), 5);
+  EXPECT_EQ(contentsOf("f"), "first");
 }
 
 TEST_F(UploadsTest, AFolderThatWentAwayMeanwhileTakesNothing) {
@@ -259,12 +295,72 @@ TEST_F(UploadsTest, APartThatIsSentAgainReplacesItself) {
 TEST_F(UploadsTest, AnInterruptedPartCountsAsNotSent) {
   const auto target = rig_.target("", "big", SIZE, true);
   const auto first = rig_.put(partUrl(target, 1), firstPart());
+  {
+    auto receiver = rig_.contentHandlers().upload(rig_.parse("PUT", partUrl(target, 2)), 3, "");
+    ASSERT_TRUE((*receiver)->write("n"));
+  }
+  EXPECT_EQ(rig_.post("upload-status", idsOf(target)).list("parts").size(), 1U);
+  EXPECT_EQ(complete(target, {*first, "\"\""}).status, 400);
+}
+
+TEST_F(UploadsTest, APartThatWasAnsweredStaysWhenSendingItAgainBreaksOff) {
+  const auto target = rig_.target("", "big", SIZE, true);
+  const auto first = rig_.put(partUrl(target, 1), firstPart());
   const auto second = rig_.put(partUrl(target, 2), "old");
   {
     auto receiver = rig_.contentHandlers().upload(rig_.parse("PUT", partUrl(target, 2)), 3, "");
     ASSERT_TRUE((*receiver)->write("n"));
   }
-  EXPECT_EQ(complete(target, {*first, *second}).status, 400) << "its bytes may be half overwritten";
+  EXPECT_EQ(complete(target, {*first, *second}).status, 200);
+  EXPECT_TRUE(contentsOf("big").ends_with("aold"));
+  EXPECT_EQ(rig_.storedFiles(), 1U);
+}
+
+TEST_F(UploadsTest, APartSentAgainWithTheSameBytesKeepsItsTag) {
+  const auto target = rig_.target("", "big", SIZE, true);
+  const auto first = rig_.put(partUrl(target, 1), firstPart());
+  const auto second = rig_.put(partUrl(target, 2), "end");
+  EXPECT_EQ(rig_.put(partUrl(target, 1), firstPart()), first);
+  EXPECT_EQ(complete(target, {*first, *second}).status, 200);
+  EXPECT_TRUE(contentsOf("big") == firstPart() + "end");
+}
+
+TEST_F(UploadsTest, PartsThatWereJoinedInVainAreStillThere) {
+  const auto target = rig_.target("", "big", SIZE, true);
+  const auto first = rig_.put(partUrl(target, 1), firstPart());
+  const auto old = rig_.put(partUrl(target, 2), "old");
+  // As when the service dies before the answer.
+  ASSERT_TRUE(rig_.contents().assemble(target.text("key"), SIZE));
+  rig_.start();
+  const auto fresh = rig_.put(partUrl(target, 2), "new");
+  ASSERT_TRUE(fresh);
+  EXPECT_EQ(complete(target, {*first, *old}).status, 400);
+  EXPECT_EQ(complete(target, {*first, *fresh}).status, 200);
+  EXPECT_TRUE(contentsOf("big") == firstPart() + "new");
+
+  const auto other = rig_.target("", "other", 3, true);
+  const auto only = rig_.put(partUrl(other, 1), "one");
+  ASSERT_TRUE(rig_.contents().assemble(other.text("key"), 3));
+  EXPECT_EQ(complete(other, {*only}).status, 200);
+  EXPECT_EQ(contentsOf("other"), "one");
+}
+
+TEST_F(UploadsTest, EachTransferOfAPartIsALineInTheLogWithoutKeyOrSignature) {
+  const auto target = rig_.target("", "big", SIZE, true);
+  const auto upload = target.text("upload_id").substr(0, 8);
+  const auto url = partUrl(target, 2);
+  const CapturedLog log;
+  rig_.put(url, "old");
+  rig_.put(url, "old");
+  rig_.put(url, "new");
+  rig_.put(url, "longer");
+  {
+    EXPECT_TRUE(rig_.contentHandlers().upload(rig_.parse("PUT", url), 3, "").value()->write("x"));
+  }
+  const auto received = "received part 2 of upload " + upload + ": 3 bytes";
+  EXPECT_THAT(log.messages(), ElementsAre(received, received, received,
+                                          "refused a transfer: 400 the part has not the length that it has to have",
+                                          "part 2 of upload " + upload + " broke off after 1 of 3 bytes"));
 }
 
 TEST_F(UploadsTest, TheSlowerOfTwoTransfersOfAPartIsRefused) {
@@ -314,6 +410,31 @@ TEST_F(UploadsTest, ALargeEditGoesInPartsAndIsCommitted) {
   EXPECT_EQ(complete(target, {*first, *second}).status, 200) << "the answer may have been lost";
   EXPECT_EQ(commit(file, 1, target.text("key")).number("version"), 2);
   EXPECT_EQ(rig_.at("f").number("size"), SIZE);
+}
+
+TEST_F(UploadsTest, UploadsThatAreTouchedAreNotAbandoned) {
+  const auto target = rig_.target("", "big", SIZE, true);
+  for (int day = 0; day < 20; day += 5) {
+    EXPECT_TRUE(rig_.put(partUrl(target, 2), "end")) << day;
+    rig_.clock().advance(5 * 24 * 3600);
+    rig_.target("", "g", 1);
+  }
+  EXPECT_EQ(rig_.post("upload-status", idsOf(target)).status, 200);
+}
+
+TEST_F(UploadsTest, AbandonedUploadsAreSweptAtTheStartAndBeforeARefusal) {
+  rig_.setQuota("ann", SIZE);
+  for (int i = 0; i < 2; ++i) {
+    const auto target = rig_.target("", "big", SIZE, true);
+    rig_.put(partUrl(target, 2), "end");
+    EXPECT_EQ(rig_.storedFiles(), 1U);
+    rig_.clock().advance(UPLOAD_LIFETIME_MS / 1000.0 + 1);
+    if (i == 0)
+      rig_.start();
+    else
+      EXPECT_EQ(rig_.target("", "too much", SIZE + 1).status, 507);
+    EXPECT_EQ(rig_.storedFiles(), 0U);
+  }
 }
 
 TEST_F(UploadsTest, AbandonedUploadsAreSweptAfterAWeek) {
@@ -389,6 +510,35 @@ TEST_F(UploadsTest, UploadsUnderWayCountToo) {
   EXPECT_EQ(rig_.target("", "g", 5).status, 200);
 }
 
+TEST_F(UploadsTest, BodiesOnTheirWayInCountUntilTheyBreakOff) {
+  rig_.setQuota("ann", 10);
+  const auto place = rig_.target("", "f", 6);
+  const auto other = rig_.target("", "g", 6);
+  {
+    auto receiver = rig_.contentHandlers().upload(rig_.parse("PUT", place.text("upload_url")), 6, "");
+    ASSERT_TRUE(receiver);
+    EXPECT_EQ(rig_.target("", "h", 5).status, 507);
+    EXPECT_EQ(rig_.target("", "h", 4).status, 200);
+    EXPECT_EQ(rig_.put(other.text("upload_url"), "123456").error().status, 507);
+    EXPECT_TRUE(rig_.contentHandlers().upload(rig_.parse("PUT", place.text("upload_url")), 6, ""))
+        << "the same again needs no more room";
+  }
+  EXPECT_TRUE(rig_.put(other.text("upload_url"), "123456"));
+  EXPECT_EQ(rig_.put(place.text("upload_url"), "123456").error().status, 507);
+}
+
+TEST_F(UploadsTest, FilesAskedForTogetherMustFitTogether) {
+  rig_.setQuota("ann", 10);
+  const auto ask = [&](std::int64_t second) {
+    return rig_
+        .post("upload-urls",
+              {{"path", ""}, {"files", {{{"filename", "f"}, {"size", 6}}, {{"filename", "g"}, {"size", second}}}}})
+        .status;
+  };
+  EXPECT_EQ(ask(5), 507);
+  EXPECT_EQ(ask(4), 200);
+}
+
 TEST_F(UploadsTest, WhatIsPutInASharedFolderCountsForItsOwner) {
   const auto d = rig_.makeFolder("d").text("id");
   rig_.post("share", {{"id", d}, {"account", "bob"}, {"role", "write"}});
@@ -404,14 +554,14 @@ TEST_F(UploadsTest, WhatIsPutInASharedFolderCountsForItsOwner) {
 constexpr std::string_view JPEG = "\xff\xd8\xff\xe0 a picture";
 
 TEST_F(UploadsTest, APreviewIsShownWhenItWasAnnounced) {
-  const auto place = rig_.target("", "p.jpg", 1);
+  const auto place = rig_.target("", "page.pdf", 1);
   rig_.put(place.text("upload_url"), "x");
   EXPECT_TRUE(rig_.put(place.text("thumb_upload_url"), JPEG, "image/jpeg"));
-  auto file = rig_.at("p.jpg");
+  auto file = rig_.at("page.pdf");
   EXPECT_FALSE(file.flag("has_thumb"));
   const auto head = rig_.head();
   EXPECT_EQ(rig_.post("notify-upload", {{"keys", {place.text("key")}}, {"thumbs", {place.text("key")}}}).status, 200);
-  file = rig_.at("p.jpg");
+  file = rig_.at("page.pdf");
   EXPECT_TRUE(file.flag("has_thumb"));
   EXPECT_THAT(rig_.changesSince(head), ElementsAre(file.text("id")));
   EXPECT_EQ(rig_.download(file.text("thumb_url")), JPEG);
@@ -422,18 +572,18 @@ TEST_F(UploadsTest, APreviewIsShownWhenItWasAnnounced) {
 }
 
 TEST_F(UploadsTest, APreviewThatWasAnnouncedButNotSentIsNotShown) {
-  const auto place = rig_.target("", "p.jpg", 1);
+  const auto place = rig_.target("", "page.pdf", 1);
   rig_.put(place.text("upload_url"), "x");
   rig_.post("notify-upload", {{"keys", {place.text("key")}}, {"thumbs", {place.text("key")}}});
-  EXPECT_FALSE(rig_.at("p.jpg").flag("has_thumb"));
+  EXPECT_FALSE(rig_.at("page.pdf").flag("has_thumb"));
 }
 
 TEST_F(UploadsTest, APreviewGoesWithTheVersionItWasMadeOf) {
-  const auto place = rig_.target("", "p.jpg", 1);
+  const auto place = rig_.target("", "page.pdf", 1);
   rig_.put(place.text("upload_url"), "x");
   rig_.put(place.text("thumb_upload_url"), JPEG, "image/jpeg");
   rig_.post("notify-upload", {{"keys", {place.text("key")}}, {"thumbs", {place.text("key")}}});
-  const auto file = rig_.at("p.jpg");
+  const auto file = rig_.at("page.pdf");
   const auto edit = contentUrl(file, 1);
   rig_.put(edit.text("upload_url"), "y");
   EXPECT_FALSE(commit(file, 1, edit.text("key")).flag("has_thumb"));
@@ -445,7 +595,7 @@ TEST_F(UploadsTest, APreviewGoesWithTheVersionItWasMadeOf) {
 }
 
 TEST_F(UploadsTest, OnlySmallJpegPicturesAreTakenAsPreviews) {
-  const auto place = rig_.target("", "p.jpg", 1);
+  const auto place = rig_.target("", "page.pdf", 1);
   const auto url = place.text("thumb_upload_url");
   EXPECT_EQ(rig_.put(url, JPEG, "image/png").error().status, 415);
   for (const char* bytes : {"", "\xff", "\xff\xd8", "GIF89a", "\xff\xd8GIF"})

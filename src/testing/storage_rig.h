@@ -87,10 +87,11 @@ class StorageRig {
 
   StorageRig() { start(); }
 
-  // Opens everything anew, as after a restart of the program.
-  void start() {
+  // Opens everything anew, as after a restart of the program. With a renderer it makes previews of its own.
+  void start(std::unique_ptr<PreviewRenderer> renderer = nullptr) {
     contentHandlers_.reset();
     api_.reset();
+    thumbnailer_.reset();
     stores_.reset();
     contents_.reset();
     auto stores = StorePool::open(folder_.path() + "/metadata.db");
@@ -101,7 +102,9 @@ class StorageRig {
     }
     stores_ = std::move(*stores);
     contents_ = std::make_unique<ContentStore>(std::move(*contents));
-    api_ = std::make_unique<ApiHandlers>(*stores_, *contents_, signer_, clock_);
+    if (renderer) thumbnailer_ = std::make_unique<Thumbnailer>(*stores_, *contents_, clock_, std::move(renderer));
+    api_ = std::make_unique<ApiHandlers>(*stores_, *contents_, signer_, clock_, thumbnailer_.get());
+    api_->tidy();
     contentHandlers_ = std::make_unique<ContentHandlers>(*stores_, *contents_, signer_, clock_);
     auto store = stores_->writer();
     for (const auto& name : {"ann", "bob"}) EXPECT_TRUE(setAccount(*store, name, keyOf(name), now()));
@@ -250,6 +253,7 @@ class StorageRig {
   SignedUrl signer_{"a secret", 3600};
   std::unique_ptr<StorePool> stores_;
   std::unique_ptr<ContentStore> contents_;
+  std::unique_ptr<Thumbnailer> thumbnailer_;
   std::unique_ptr<ApiHandlers> api_;
   std::unique_ptr<ContentHandlers> contentHandlers_;
   std::string account_ = "ann";
