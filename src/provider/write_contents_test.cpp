@@ -302,7 +302,35 @@ TEST_F(WriteContentsTest, TheUserCanCancel) {
   EXPECT_THAT(commits(), IsEmpty());
 }
 
-// Large files. The bytes are many, so one fixture makes them once.
+// What still asks the API when the process ends.
+
+TEST_F(WriteContentsTest, EndsWhenTheProcessEnds) {
+  for (const std::string unanswered : {"item", "content-url", "content-commit"}) {
+    SimulatedPlatform otherMachine;
+    otherMachine.files.put(Paths(otherMachine.users).config(), R"({"server":"https://api.example","api_key":"k"})");
+    otherMachine.files.put(CONTENTS, "my edit");
+    otherMachine.urlLoading.onRequest([&](const URLRequest& request) -> std::optional<ScriptedReply> {
+      if (request.url.starts_with(API + unanswered)) return std::nullopt;
+      if (request.url.starts_with(STORE)) return reply("");
+      if (request.url.ends_with("content-url"))
+        return reply(R"({"key":"k9","upload_url":"https://store.example/put"})");
+      return reply(record({}));
+    });
+    Answer answer;
+    {
+      Process other(otherMachine.platform());
+      const auto otherExtension = other.makeExtension({"domain", "Vondle"}, [](const Domain&) { return nullptr; });
+      otherExtension->modifyItem(wanted("7", "a.txt"), {"4-10", ""}, FIELD_CONTENTS, CONTENTS, 0, {},
+                                 answer.completion());
+      otherMachine.scheduler.runUntilIdle();
+      EXPECT_FALSE(answer.hasValue()) << unanswered;
+    }
+    ASSERT_TRUE(answer.hasValue()) << unanswered;
+    EXPECT_FALSE(answer.value()) << unanswered;
+  }
+}
+
+// Large files.
 
 struct WriteLargeContentsTest : WriteContentsTest {
   static constexpr const char* ID = "edit|7|4|104857600|1700000000";
