@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/time.h"
 #include "fileprovider/item.h"
@@ -65,6 +66,27 @@ struct Edit {
   std::string lastError;  // what a person reads; empty: none
 
   friend bool operator==(const Edit&, const Edit&) = default;
+};
+
+// What the service keeps of an item that no server knows of.
+struct LocalAttributes {
+  ItemIdentifier item;
+  std::optional<std::uint32_t> permissions;  // FileSystemFlags
+  // Shown while the contents are still those with this tag.
+  std::optional<Timestamp> modified;
+  std::uint64_t contentTag = 0;
+  friend bool operator==(const LocalAttributes&, const LocalAttributes&) = default;
+};
+
+// What is to be written of one change.
+struct EditBatch {
+  std::vector<Edit> edits;  // new ones and changed ones
+  std::vector<EditID> removals;
+  std::vector<LocalAttributes> attributes;
+  std::vector<ItemIdentifier> attributeRemovals;
+  [[nodiscard]] bool isEmpty() const {
+    return edits.empty() && removals.empty() && attributes.empty() && attributeRemovals.empty();
+  }
 };
 
 }  // namespace vondle

@@ -185,7 +185,7 @@ EditID EditStore::newID() {
   return nextID_++;
 }
 
-Result<void> EditStore::write(const Batch& batch) {
+Result<void> EditStore::write(const EditBatch& batch) {
   if (batch.isEmpty()) return {};
   auto transaction = sqlite::Transaction::begin(*database_);
   if (!transaction) return failure(transaction.error());

@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,31 +11,11 @@
 
 namespace vondle {
 
-// What the service keeps of an item that no server knows of.
-struct LocalAttributes {
-  ItemIdentifier item;
-  std::optional<std::uint32_t> permissions;  // FileSystemFlags
-  // Shown while the contents are still those with this tag.
-  std::optional<Timestamp> modified;
-  std::uint64_t contentTag = 0;
-  friend bool operator==(const LocalAttributes&, const LocalAttributes&) = default;
-};
-
 // The edit queue on disk, in a SQLite database of its own. What is written survives the end of the process at once and
 // power loss after makeDurable. A missing database is made; one that is damaged or of a newer version is an error that
 // names it and is left as it is: nothing here can be had again. One thread at a time.
 class EditStore {
  public:
-  struct Batch {
-    std::vector<Edit> edits;  // new ones (their id is given) and changed ones
-    std::vector<EditID> removals;
-    std::vector<LocalAttributes> attributes;
-    std::vector<ItemIdentifier> attributeRemovals;
-    [[nodiscard]] bool isEmpty() const {
-      return edits.empty() && removals.empty() && attributes.empty() && attributeRemovals.empty();
-    }
-  };
-
   static Result<EditStore> open(const std::string& path);
 
   // Ordered by id.
@@ -45,7 +24,7 @@ class EditStore {
   // Never used before, also not by an edit that has gone.
   [[nodiscard]] EditID newID();
   // All of it or nothing; what is removed goes first.
-  Result<void> write(const Batch& batch);
+  Result<void> write(const EditBatch& batch);
   Result<void> makeDurable();
 
  private:
