@@ -1,8 +1,11 @@
 #include "service/replica/item_index.h"
 
 #include <algorithm>
+#include <array>
 #include <cassert>
 #include <cstring>
+#include <iterator>
+#include <numeric>
 #include <utility>
 
 namespace vondle {
@@ -14,16 +17,24 @@ constexpr std::size_t inUnits(std::size_t bytes) {
   return (bytes + UNIT - 1) / UNIT * UNIT;
 }
 
-std::uint64_t mix(std::uint64_t value) {
+std::uint32_t mix(std::uint64_t value) {
   value ^= value >> 32;
   value *= 0xd6e8feb86659fd93;
   value ^= value >> 32;
   value *= 0xd6e8feb86659fd93;
-  return value ^ (value >> 32);
+  return static_cast<std::uint32_t>(value >> 32);
 }
 
-std::uint64_t hashOfText(std::string_view text) {
-  return std::hash<std::string_view>()(text);
+std::uint32_t hashOfInode(Inode inode) {
+  return mix(inode);
+}
+
+std::uint32_t hashOfIdentifier(std::string_view identifier) {
+  return mix(std::hash<std::string_view>()(identifier));
+}
+
+std::uint32_t hashOfName(ItemIndex::Slot parent, std::string_view name) {
+  return mix(std::hash<std::string_view>()(name) + parent);
 }
 
 }  // namespace
@@ -44,117 +55,142 @@ std::uint32_t ItemIndex::Texts::add(std::string_view first, std::string_view sec
   return static_cast<std::uint32_t>(address);
 }
 
+std::uint32_t ItemIndex::Texts::append(Texts other) {
+  const auto before = chunks_.size();
+  if (other.chunks_.empty()) return 0;
+  std::ranges::move(other.chunks_, std::back_inserter(chunks_));
+  end_ = other.end_;
+  assert(chunks_.size() * (CHUNK / UNIT) <= std::size_t{1} << 32);
+  return static_cast<std::uint32_t>(before * (CHUNK / UNIT));
+}
+
 const char* ItemIndex::Texts::at(std::uint32_t address) const {
   constexpr auto PER_CHUNK = CHUNK / UNIT;
   return chunks_[address / PER_CHUNK].get() + address % PER_CHUNK * UNIT;
 }
 
 template <class Matches>
-ItemIndex::Slot ItemIndex::Table::find(std::uint64_t hash, const Matches& matches) const {
-  const auto mask = slots_.size() - 1;
-  for (auto i = hash & mask; slots_[i] != NONE; i = (i + 1) & mask)
-    if (matches(slots_[i])) return slots_[i];
-  return NONE;
+std::size_t ItemIndex::Table::placeOf(std::uint32_t hash, const Matches& matches) const {
+  auto place = home(hash);
+  while (cells_[place].slot != NONE && !(cells_[place].hash == hash && matches(cells_[place].slot)))
+    place = after(place);
+  return place;
 }
 
-template <class HashOf>
-void ItemIndex::Table::reserve(std::size_t slots, const HashOf& hashOf) {
-  while (slots * 3 > slots_.size() * 2) grow(hashOf);
+template <class Matches>
+ItemIndex::Slot ItemIndex::Table::find(std::uint32_t hash, const Matches& matches) const {
+  return cells_[placeOf(hash, matches)].slot;
 }
 
-template <class HashOf>
-void ItemIndex::Table::add(std::uint64_t hash, Slot slot, const HashOf& hashOf) {
-  if ((used_ + 1) * 3 > slots_.size() * 2) grow(hashOf);
-  const auto mask = slots_.size() - 1;
-  auto i = hash & mask;
-  while (slots_[i] != NONE) i = (i + 1) & mask;
-  slots_[i] = slot;
+template <class Matches>
+bool ItemIndex::Table::add(Cell cell, const Matches& matches) {
+  if ((used_ + 1) * 4 > cells_.size() * 3) resize(cells_.size() * 3 / 2);
+  Cell& place = cells_[placeOf(cell.hash, matches)];
+  if (place.slot != NONE) return false;
+  place = cell;
   ++used_;
+  return true;
 }
 
-template <class HashOf>
-void ItemIndex::Table::remove(std::uint64_t hash, Slot slot, const HashOf& hashOf) {
-  const auto mask = slots_.size() - 1;
-  auto hole = hash & mask;
-  while (slots_[hole] != slot) hole = (hole + 1) & mask;
+template <class Matches>
+bool ItemIndex::Table::addAll(std::vector<Cell> cells, const Matches& matches) {
+  if (const auto size = (used_ + cells.size()) * 4 / 3 + 1; size > cells_.size()) resize(size);
+  // Roughly in the table's order, so that memory is gone through once.
+  constexpr int KEY_BITS = 10;
+  const auto keyOf = [](const Cell& cell) { return cell.hash >> (32 - KEY_BITS); };
+  std::array<std::size_t, (1 << KEY_BITS) + 1> ends{};
+  for (const Cell& cell : cells) ++ends[keyOf(cell) + 1];
+  std::partial_sum(ends.begin(), ends.end(), ends.begin());
+  std::vector<Cell> sorted(cells.size());
+  for (const Cell& cell : cells) sorted[ends[keyOf(cell)]++] = cell;
+  return std::ranges::all_of(
+      sorted, [&](const Cell& cell) { return add(cell, [&](Slot known) { return matches(known, cell.slot); }); });
+}
+
+void ItemIndex::Table::remove(std::uint32_t hash, Slot slot) {
+  auto hole = placeOf(hash, [slot](Slot other) { return other == slot; });
   // Those that stand behind the hole only because their own place was taken move up.
-  for (auto i = (hole + 1) & mask; slots_[i] != NONE; i = (i + 1) & mask) {
-    const auto home = hashOf(slots_[i]) & mask;
-    if (((i - home) & mask) < ((i - hole) & mask)) continue;
-    slots_[hole] = slots_[i];
+  for (auto i = after(hole); cells_[i].slot != NONE; i = after(i)) {
+    if (distance(home(cells_[i].hash), i) < distance(hole, i)) continue;
+    cells_[hole] = cells_[i];
     hole = i;
   }
-  slots_[hole] = NONE;
+  cells_[hole] = {};
   --used_;
 }
 
-template <class HashOf>
-void ItemIndex::Table::grow(const HashOf& hashOf) {
-  const auto old = std::exchange(slots_, std::vector<Slot>(slots_.size() * 2, NONE));
-  const auto mask = slots_.size() - 1;
-  for (const Slot slot : old) {
-    if (slot == NONE) continue;
-    auto i = hashOf(slot) & mask;
-    while (slots_[i] != NONE) i = (i + 1) & mask;
-    slots_[i] = slot;
-  }
+void ItemIndex::Table::resize(std::size_t cells) {
+  for (const Cell& cell : std::exchange(cells_, std::vector<Cell>(cells)))
+    if (cell.slot != NONE) cells_[placeOf(cell.hash, [](Slot) { return false; })] = cell;
 }
 
 ItemIndex::ItemIndex() = default;
 
-void ItemIndex::reserve(std::size_t nodes) {
-  byInode_.reserve(nodes, [this](Slot slot) { return inodeHash(slot); });
-  byIdentifier_.reserve(nodes, [this](Slot slot) { return identifierHash(slot); });
-  byName_.reserve(nodes, [this](Slot slot) { return nameHash(slot); });
-}
-
 ItemIndex::Slot ItemIndex::insert(Inode inode, std::string_view identifier, std::string_view name, const Facts& facts) {
-  assert(find(inode) == NONE && findIdentifier(identifier) == NONE && identifier.size() <= MAX_IDENTIFIER);
-  Slot slot = slotCount_;
-  if (free_.empty()) {
-    if (slotCount_ % BLOCK == 0) blocks_.push_back(std::make_unique_for_overwrite<Node[]>(BLOCK));
-    ++slotCount_;
-  } else {
-    slot = free_.back();
-    free_.pop_back();
+  assert(identifier.size() <= MAX_IDENTIFIER);
+  const Slot slot = newSlot();
+  const auto inodeHash = hashOfInode(inode);
+  const bool isNewInode = byInode_.add({slot, inodeHash}, [&](Slot other) { return node(other).inode == inode; });
+  if (!isNewInode || !byIdentifier_.add({slot, hashOfIdentifier(identifier)},
+                                        [&](Slot other) { return this->identifier(other) == identifier; })) {
+    if (isNewInode) byInode_.remove(inodeHash, slot);
+    free_.push_back(slot);
+    return NONE;
   }
   Node& added = node(slot);
   added = {inode, facts, NONE, NONE, NONE, NONE, 0, 0, 0};
   setTexts(added, name, identifier);
-  byInode_.add(inodeHash(slot), slot, [this](Slot other) { return inodeHash(other); });
-  byIdentifier_.add(identifierHash(slot), slot, [this](Slot other) { return identifierHash(other); });
   ++used_;
   return slot;
+}
+
+ItemIndex::Slot ItemIndex::newSlot() {
+  if (!free_.empty()) {
+    const Slot slot = free_.back();
+    free_.pop_back();
+    return slot;
+  }
+  if (slotCount_ % BLOCK == 0) blocks_.push_back(std::make_unique_for_overwrite<Node[]>(BLOCK));
+  node(slotCount_).nameLength = 0;
+  node(slotCount_).identifierLength = 0;
+  return slotCount_++;
 }
 
 void ItemIndex::remove(Slot slot) {
   assert(firstChild(slot) == NONE);
   detach(slot);
-  byInode_.remove(inodeHash(slot), slot, [this](Slot other) { return inodeHash(other); });
-  byIdentifier_.remove(identifierHash(slot), slot, [this](Slot other) { return identifierHash(other); });
+  byInode_.remove(hashOfInode(inode(slot)), slot);
+  byIdentifier_.remove(hashOfIdentifier(identifier(slot)), slot);
   liveText_ -= inUnits(node(slot).nameLength + node(slot).identifierLength);
   node(slot).identifierLength = node(slot).nameLength = 0;
   free_.push_back(slot);
   --used_;
 }
 
-void ItemIndex::attach(Slot slot, Slot parent, std::string_view name) {
-  assert(this->parent(slot) == NONE && findChild(parent, name) == NONE);
+bool ItemIndex::attach(Slot slot, Slot parent, std::string_view name) {
   Node& child = node(slot);
+  assert(child.parent == NONE);
+  if (!byName_.add({slot, hashOfName(parent, name)}, [&](Slot other) { return hasName(other, parent, name); }))
+    return false;
   if (name != this->name(slot)) setTexts(child, name, identifier(slot));
+  hangUnder(slot, parent);
+  return true;
+}
+
+void ItemIndex::hangUnder(Slot slot, Slot parent) {
+  Node& child = node(slot);
   Node& folder = node(parent);
   child.parent = parent;
   child.previousSibling = NONE;
   child.nextSibling = folder.firstChild;
   if (folder.firstChild != NONE) node(folder.firstChild).previousSibling = slot;
   folder.firstChild = slot;
-  byName_.add(nameHash(slot), slot, [this](Slot other) { return nameHash(other); });
 }
 
 void ItemIndex::detach(Slot slot) {
   Node& child = node(slot);
   if (child.parent == NONE) return;
-  byName_.remove(nameHash(slot), slot, [this](Slot other) { return nameHash(other); });
+  byName_.remove(hashOfName(child.parent, name(slot)), slot);
   if (child.previousSibling != NONE)
     node(child.previousSibling).nextSibling = child.nextSibling;
   else
@@ -164,16 +200,16 @@ void ItemIndex::detach(Slot slot) {
 }
 
 ItemIndex::Slot ItemIndex::find(Inode inode) const {
-  return byInode_.find(mix(inode), [&](Slot slot) { return node(slot).inode == inode; });
+  return byInode_.find(hashOfInode(inode), [&](Slot slot) { return node(slot).inode == inode; });
 }
 
 ItemIndex::Slot ItemIndex::findIdentifier(std::string_view identifier) const {
-  return byIdentifier_.find(hashOfText(identifier), [&](Slot slot) { return this->identifier(slot) == identifier; });
+  return byIdentifier_.find(hashOfIdentifier(identifier),
+                            [&](Slot slot) { return this->identifier(slot) == identifier; });
 }
 
 ItemIndex::Slot ItemIndex::findChild(Slot parent, std::string_view name) const {
-  return byName_.find(nameHash(parent, name),
-                      [&](Slot slot) { return node(slot).parent == parent && this->name(slot) == name; });
+  return byName_.find(hashOfName(parent, name), [&](Slot slot) { return hasName(slot, parent, name); });
 }
 
 std::string_view ItemIndex::name(Slot slot) const {
@@ -203,17 +239,81 @@ std::vector<ItemIndex::Slot> ItemIndex::subtree(Slot slot) const {
   return slots;
 }
 
-std::uint64_t ItemIndex::inodeHash(Slot slot) const {
-  return mix(node(slot).inode);
+bool ItemIndex::take(std::vector<Part> parts) {
+  std::vector<Slot> firstSlots;
+  std::vector<Table::Cell> inodes, identifiers;
+  for (Part& part : parts) {
+    Slot slot = firstSlots.emplace_back(join(part));
+    for (const auto hash : part.identifierHashes_) {
+      inodes.push_back({slot, hashOfInode(inode(slot))});
+      identifiers.push_back({slot++, hash});
+    }
+  }
+  return byInode_.addAll(std::move(inodes), [this](Slot a, Slot b) { return inode(a) == inode(b); }) &&
+         byIdentifier_.addAll(std::move(identifiers),
+                              [this](Slot a, Slot b) { return identifier(a) == identifier(b); }) &&
+         link(parts, firstSlots);
 }
-std::uint64_t ItemIndex::identifierHash(Slot slot) const {
-  return hashOfText(identifier(slot));
+
+ItemIndex::Slot ItemIndex::join(Part& part) {
+  // Blocks are taken over whole; places that nobody has in the last ones are for later.
+  const auto leaveRest = [this] {
+    for (; slotCount_ % BLOCK != 0; ++slotCount_) {
+      node(slotCount_).nameLength = 0;
+      node(slotCount_).identifierLength = 0;
+      free_.push_back(slotCount_);
+    }
+  };
+  leaveRest();
+  const Slot first = slotCount_;
+  std::ranges::move(part.blocks_, std::back_inserter(blocks_));
+  slotCount_ += static_cast<Slot>(part.parents_.size());
+  if (const auto moved = texts_.append(std::move(part.texts_)); moved > 0)
+    for (Slot slot = first; slot < slotCount_; ++slot) node(slot).text += moved;
+  leaveRest();
+  used_ += part.parents_.size();
+  liveText_ += part.liveText_;
+  return first;
 }
-std::uint64_t ItemIndex::nameHash(Slot slot) const {
-  return nameHash(parent(slot), name(slot));
+
+bool ItemIndex::link(const std::vector<Part>& parts, const std::vector<Slot>& firstSlots) {
+  std::vector<Table::Cell> names;
+  names.reserve(used_);
+  // Neighbours mostly lie in the same folder.
+  Inode lastParent = 0;
+  Slot folder = NONE;
+  for (std::size_t i = 0; i < parts.size(); ++i) {
+    Slot slot = firstSlots[i];
+    for (const Inode parent : parts[i].parents_) {
+      if (folder == NONE || parent != lastParent) folder = find(parent);
+      lastParent = parent;
+      if (folder == NONE || !facts(folder).isFolder) return false;
+      // Only one that has children already can lead to itself.
+      if (slot == folder || (firstChild(slot) != NONE && isAtOrAbove(slot, folder))) return false;
+      hangUnder(slot, folder);
+      names.push_back({slot, hashOfName(folder, name(slot))});
+      ++slot;
+    }
+  }
+  return byName_.addAll(std::move(names), [this](Slot a, Slot b) { return hasName(a, parent(b), name(b)); });
 }
-std::uint64_t ItemIndex::nameHash(Slot parent, std::string_view name) {
-  return mix(hashOfText(name) + parent);
+
+void ItemIndex::Part::add(Inode inode, Inode parent, std::string_view identifier, std::string_view name,
+                          const Facts& facts) {
+  const auto place = parents_.size() % BLOCK;
+  if (place == 0) blocks_.push_back(std::make_unique_for_overwrite<Node[]>(BLOCK));
+  blocks_.back()[place] = {inode,
+                           facts,
+                           NONE,
+                           NONE,
+                           NONE,
+                           NONE,
+                           texts_.add(name, identifier),
+                           static_cast<std::uint16_t>(identifier.size()),
+                           static_cast<std::uint8_t>(name.size())};
+  liveText_ += inUnits(name.size() + identifier.size());
+  parents_.push_back(parent);
+  identifierHashes_.push_back(hashOfIdentifier(identifier));
 }
 
 void ItemIndex::setTexts(Node& node, std::string_view name, std::string_view identifier) {

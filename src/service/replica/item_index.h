@@ -35,16 +35,21 @@ class ItemIndex {
     bool isNamedDifferently : 1 = false;
   };
 
+  // Many nodes, made away from the index to be taken over at once; several times as fast as one by one.
+  class Part;
+
   ItemIndex();
 
-  // Makes room for so many nodes at once, which is faster than growing.
-  void reserve(std::size_t nodes);
-  // Detached, with its names; neither the inode nor the identifier may be there already, name has at most 255 bytes.
+  // Nodes with their parents, which may be in any of the parts or here already. False, and no use for the index any
+  // more: an inode or identifier is there twice, or a name in one folder; a parent is missing or no folder; a node
+  // leads to itself.
+  [[nodiscard]] bool take(std::vector<Part> parts);
+  // Detached, with its names; name has at most 255 bytes. NONE when the inode or the identifier is there already.
   Slot insert(Inode inode, std::string_view identifier, std::string_view name, const Facts& facts);
   // A node without children.
   void remove(Slot slot);
-  // The parent must not have a child of that name.
-  void attach(Slot slot, Slot parent, std::string_view name);
+  // The node is detached. False when the parent has a child of that name already.
+  bool attach(Slot slot, Slot parent, std::string_view name);
   void detach(Slot slot);
 
   [[nodiscard]] Slot find(Inode inode) const;
@@ -86,6 +91,8 @@ class ItemIndex {
   class Texts {
    public:
     std::uint32_t add(std::string_view first, std::string_view second);
+    // Takes over the other's, whose addresses grow by what it answers.
+    std::uint32_t append(Texts other);
     [[nodiscard]] const char* at(std::uint32_t address) const;
     [[nodiscard]] std::size_t size() const { return chunks_.size() * CHUNK; }
 
@@ -95,33 +102,53 @@ class ItemIndex {
     std::size_t end_ = CHUNK;  // in the last chunk
   };
 
-  // Slots by a hash of something of theirs; linear probing, at most two thirds full.
+  // Slots by a hash of something of theirs, which is kept beside each, so that few others are looked at on the way;
+  // linear probing, at most three quarters full.
   class Table {
    public:
+    struct Cell {
+      Slot slot = NONE;
+      std::uint32_t hash = 0;
+    };
+
     template <class Matches>
-    [[nodiscard]] Slot find(std::uint64_t hash, const Matches& matches) const;
-    template <class HashOf>
-    void reserve(std::size_t slots, const HashOf& hashOf);
-    template <class HashOf>
-    void add(std::uint64_t hash, Slot slot, const HashOf& hashOf);
-    template <class HashOf>
-    void remove(std::uint64_t hash, Slot slot, const HashOf& hashOf);
+    [[nodiscard]] Slot find(std::uint32_t hash, const Matches& matches) const;
+    // False when there is one that matches.
+    template <class Matches>
+    bool add(Cell cell, const Matches& matches);
+    // False when two match; matches is asked of a slot of the table and a new one.
+    template <class Matches>
+    bool addAll(std::vector<Cell> cells, const Matches& matches);
+    void remove(std::uint32_t hash, Slot slot);
 
    private:
-    template <class HashOf>
-    void grow(const HashOf& hashOf);
-    std::vector<Slot> slots_ = std::vector<Slot>(16, NONE);
+    // In the order of the hashes, so that growing goes through both tables from front to back.
+    [[nodiscard]] std::size_t home(std::uint32_t hash) const { return (std::uint64_t{hash} * cells_.size()) >> 32; }
+    [[nodiscard]] std::size_t after(std::size_t place) const { return place + 1 == cells_.size() ? 0 : place + 1; }
+    [[nodiscard]] std::size_t distance(std::size_t from, std::size_t to) const {
+      return to >= from ? to - from : to + cells_.size() - from;
+    }
+    // Where the search for the hash ends: at one that matches, or at the first free place.
+    template <class Matches>
+    [[nodiscard]] std::size_t placeOf(std::uint32_t hash, const Matches& matches) const;
+    void resize(std::size_t cells);
+
+    std::vector<Cell> cells_ = std::vector<Cell>(16);
     std::size_t used_ = 0;
   };
 
   static constexpr std::size_t BLOCK = 4096;
 
+  [[nodiscard]] Slot newSlot();
+  // The slot that the part's first one has got.
+  Slot join(Part& part);
+  bool link(const std::vector<Part>& parts, const std::vector<Slot>& firstSlots);
+  void hangUnder(Slot slot, Slot parent);
+  [[nodiscard]] bool hasName(Slot slot, Slot parent, std::string_view name) const {
+    return node(slot).parent == parent && this->name(slot) == name;
+  }
   [[nodiscard]] const Node& node(Slot slot) const { return blocks_[slot / BLOCK][slot % BLOCK]; }
   [[nodiscard]] Node& node(Slot slot) { return blocks_[slot / BLOCK][slot % BLOCK]; }
-  [[nodiscard]] std::uint64_t inodeHash(Slot slot) const;
-  [[nodiscard]] std::uint64_t identifierHash(Slot slot) const;
-  [[nodiscard]] std::uint64_t nameHash(Slot slot) const;
-  static std::uint64_t nameHash(Slot parent, std::string_view name);
   void setTexts(Node& node, std::string_view name, std::string_view identifier);
   void compactTexts();
 
@@ -134,6 +161,22 @@ class ItemIndex {
   Table byInode_;
   Table byIdentifier_;
   Table byName_;  // those with a parent
+};
+
+// Any thread, one at a time.
+class ItemIndex::Part {
+ public:
+  // As for insert, with the parent's inode.
+  void add(Inode inode, Inode parent, std::string_view identifier, std::string_view name, const Facts& facts);
+
+ private:
+  friend class ItemIndex;
+
+  std::vector<std::unique_ptr<Node[]>> blocks_;
+  Texts texts_;
+  std::size_t liveText_ = 0;  // bytes
+  std::vector<Inode> parents_;
+  std::vector<std::uint32_t> identifierHashes_;
 };
 
 }  // namespace vondle

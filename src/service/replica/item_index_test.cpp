@@ -1,5 +1,6 @@
 #include "service/replica/item_index.h"
 
+#include <algorithm>
 #include <map>
 #include <random>
 #include <set>
@@ -99,6 +100,93 @@ TEST(ItemIndexTest, StaysTrueUnderRandomChanges) {
   for (Slot child = index.firstChild(root); child != ItemIndex::NONE; child = index.nextSibling(child))
     children.insert(index.inode(child));
   EXPECT_EQ(children, attached);
+}
+
+TEST(ItemIndexTest, RefusesWhatIsThereAlready) {
+  ItemIndex index;
+  const Slot root = index.insert(1, "root", "", {});
+  const Slot file = index.insert(2, "2", "", {});
+  EXPECT_EQ(index.insert(2, "3", "", {}), ItemIndex::NONE);
+  EXPECT_EQ(index.insert(3, "2", "", {}), ItemIndex::NONE);
+  EXPECT_EQ(index.find(3), ItemIndex::NONE);
+  EXPECT_EQ(index.findIdentifier("3"), ItemIndex::NONE);
+  const Slot other = index.insert(3, "3", "", {});
+  EXPECT_TRUE(index.attach(file, root, "name"));
+  EXPECT_FALSE(index.attach(other, root, "name"));
+  EXPECT_EQ(index.parent(other), ItemIndex::NONE);
+  EXPECT_TRUE(index.attach(other, file, "name"));
+  EXPECT_EQ(index.size(), 3U);
+}
+
+struct Row {
+  Inode inode;
+  Inode parent;
+  std::string identifier;
+  std::string name;
+  bool isFolder = false;
+};
+
+std::vector<ItemIndex::Part> partsOf(const std::vector<Row>& rows, std::size_t count = 1) {
+  std::vector<ItemIndex::Part> parts(count);
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    const auto& [inode, parent, identifier, name, isFolder] = rows[i];
+    parts[i * 7 / 3 % count].add(inode, parent, identifier, name, {.size = 12, .isFolder = isFolder});
+  }
+  return parts;
+}
+
+TEST(ItemIndexTest, PartsBecomeOneTreeThatCanBeChanged) {
+  std::vector<Row> rows;
+  for (Inode inode = 2; inode < 20'000; ++inode)
+    rows.push_back({inode, inode < 102 ? 1 : 2 + inode % 100, fmt::format("id {}", inode),
+                    fmt::format("n {}", inode / 2), inode < 102});
+  for (Inode i = 2; i < 102; ++i) rows[i - 2].name = fmt::format("folder {}", i);
+  std::shuffle(rows.begin(), rows.end(), std::mt19937(1));
+  for (const std::size_t count : {1U, 3U}) {
+    ItemIndex index;
+    const Slot root = index.insert(1, "root", "", {.isFolder = true});
+    ASSERT_TRUE(index.take(partsOf(rows, count)));
+    EXPECT_EQ(index.size(), rows.size() + 1);
+    EXPECT_EQ(index.subtree(root).size(), rows.size() + 1);
+    for (const auto& [inode, parent, identifier, name, isFolder] : rows) {
+      const Slot slot = index.find(inode);
+      ASSERT_NE(slot, ItemIndex::NONE);
+      EXPECT_EQ(index.findIdentifier(identifier), slot);
+      EXPECT_EQ(index.findChild(index.find(parent), name), slot);
+      EXPECT_EQ(index.name(slot), name);
+      EXPECT_EQ(index.facts(slot).size, 12);
+    }
+    for (Inode inode = 102; inode < 20'000; inode += 2) index.remove(index.find(inode));
+    for (Inode inode = 20'000; inode < 40'000; ++inode)
+      EXPECT_TRUE(
+          index.attach(index.insert(inode, fmt::format("id {}", inode), "", {}), root, fmt::format("{}", inode)));
+    EXPECT_EQ(index.subtree(root).size(), index.size());
+    EXPECT_EQ(index.findIdentifier("id 102"), ItemIndex::NONE);
+    EXPECT_EQ(index.inode(index.findIdentifier("id 103")), 103U);
+  }
+}
+
+TEST(ItemIndexTest, PartsThatAreNoTreeAreRefused) {
+  const std::vector<Row> cases[] = {
+      {{1, 1, "again", "x"}},                // the inode is there
+      {{2, 1, "root", "x"}},                 // the identifier is there
+      {{2, 1, "a", "x"}, {2, 1, "b", "y"}},  // an inode twice
+      {{2, 1, "a", "x"}, {3, 1, "a", "y"}},  // an identifier twice
+      {{2, 1, "a", "x"}, {3, 1, "b", "x"}},  // a name twice
+      {{2, 9, "a", "x"}},                    // no parent
+      {{2, 1, "a", "x"}, {3, 2, "b", "y"}},  // a file as the parent
+      {{2, 2, "a", "x", true}},              // its own parent
+      {{2, 3, "a", "x", true}, {3, 4, "b", "y", true}, {4, 2, "c", "z", true}},
+  };
+  for (const auto& rows : cases) {
+    ItemIndex index;
+    index.insert(1, "root", "", {.isFolder = true});
+    EXPECT_FALSE(index.take(partsOf(rows))) << rows[0].identifier;
+  }
+  ItemIndex index;
+  index.insert(1, "root", "", {.isFolder = true});
+  EXPECT_TRUE(index.take(partsOf({{2, 3, "a", "x"}, {3, 1, "b", "x", true}}, 2)));
+  EXPECT_TRUE(index.take({}));
 }
 
 TEST(ItemIndexTest, RenamingForeverDoesNotGrowTheTexts) {

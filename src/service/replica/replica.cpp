@@ -7,6 +7,7 @@
 
 #include "fileprovider/error_codes.h"
 #include "platform/log.h"
+#include "service/replica/replica_loading.h"
 #include "service/replica/tree_edit.h"
 
 namespace vondle {
@@ -35,66 +36,7 @@ Result<std::unique_ptr<Replica>> Replica::open(const std::string& databasePath) 
 
 Result<void> Replica::load() {
   MutexLock hold(lock_);
-  bool hasRoot = false;
-  bool isDamaged = false;
-  struct Place {
-    Slot slot;
-    Inode parent;
-    std::string oddServerName;
-  };
-  std::vector<Place> places;
-  const auto count = store_.rowCount();
-  if (!count) return std::unexpected(count.error());
-  state_.index.reserve(*count);
-  places.reserve(*count);
-  const auto take = [&](const ReplicaStore::Row& row) REQUIRES(lock_) {
-    if (row.inode == ROOT_INODE) {
-      hasRoot = true;
-      state_.index.facts(state_.index.find(ROOT_INODE)).isListed = row.isListed;
-      return;
-    }
-    if (state_.index.find(row.inode) != NONE || state_.index.findIdentifier(row.identifier) != NONE ||
-        row.identifier.size() > ItemIndex::MAX_IDENTIFIER || row.localName.empty() ||
-        row.localName.size() > MAX_LOCAL_NAME) {
-      isDamaged = true;
-      return;
-    }
-    const ItemIndex::Facts facts{
-        .contentTag = TreeState::contentTag(row.identifier, row.contentVersion),
-        .size = row.isFolder ? 0 : std::max<std::int64_t>(0, row.size),
-        .modified = row.modified,
-        .capabilities = static_cast<std::uint8_t>(row.capabilities),
-        .fileSystemFlags = static_cast<std::uint8_t>(row.fileSystemFlags),
-        .isFolder = row.isFolder,
-        .isListed = row.isListed,
-        .keepDownloaded = row.contentPolicy == ContentPolicy::downloadEagerlyAndKeepDownloaded};
-    const Slot slot = state_.index.insert(row.inode, row.identifier, row.localName, facts);
-    places.push_back({slot, row.parent, row.localName == row.serverName ? std::string() : std::string(row.serverName)});
-    state_.index.facts(slot).isNamedDifferently = row.localName != row.serverName;
-  };
-  if (auto read = store_.read(take); !read) return read;
-  // Neighbours mostly lie in the same folder.
-  Inode lastInode = ROOT_INODE;
-  Slot parent = state_.index.find(ROOT_INODE);
-  for (const auto& [slot, parentInode, oddServerName] : places) {
-    if (parentInode != std::exchange(lastInode, parentInode)) parent = state_.index.find(parentInode);
-    if (parent == NONE || !state_.index.facts(parent).isFolder || state_.index.isAtOrAbove(slot, parent) ||
-        state_.index.findChild(parent, state_.index.name(slot)) != NONE)
-      continue;
-    state_.index.attach(slot, parent, std::string(state_.index.name(slot)));
-    const bool isOdd = state_.index.facts(slot).isNamedDifferently;
-    state_.noteNames(slot, isOdd ? oddServerName : std::string(state_.index.name(slot)));
-  }
-  if (isDamaged || state_.index.subtree(state_.index.find(ROOT_INODE)).size() != state_.index.size())
-    return failure({sqlite::ERROR_DOMAIN, SQLITE_CORRUPT, "the kept tree has items that nothing leads to"});
-  if (!hasRoot) {
-    const Item root = TreeState::rootItem();
-    store_.write({.upserts = {{.inode = ROOT_INODE, .parent = 0, .localName = {}, .isListed = false, .item = &root}},
-                  .moves = {},
-                  .listed = {},
-                  .removals = {}});
-  }
-  return {};
+  return loadTree(store_, state_);
 }
 
 std::optional<ItemAttributes> Replica::attributes(Inode inode) const {

@@ -132,8 +132,8 @@ Result<void> ReplicaStore::prepare() {
   } else if (*version != VERSION) {
     return failure({sqlite::ERROR_DOMAIN, SQLITE_MISMATCH, fmt::format("the tree is of version {}", *version)});
   }
-  // Listings write much at once: fewer, larger checkpoints.
-  if (auto set = database_->execute("PRAGMA wal_autocheckpoint = 20000"); !set) return set;
+  // Listings write much at once: fewer, larger checkpoints. But a start has to go through what is left in the log.
+  if (auto set = database_->execute("PRAGMA wal_autocheckpoint = 4000"); !set) return set;
   {
     auto reserved = database_->prepare("SELECT inodes FROM reserved");
     if (!reserved) return std::unexpected(reserved.error());
@@ -158,18 +158,23 @@ Result<void> ReplicaStore::prepare() {
   return keep(remove_, "DELETE FROM item WHERE id = ?1");
 }
 
-Result<std::size_t> ReplicaStore::rowCount() {
-  auto count = database_->prepare("SELECT count(*) FROM item");
-  if (!count) return std::unexpected(count.error());
-  if (const auto row = count->step(); !row) return std::unexpected(row.error());
-  return static_cast<std::size_t>(count->integer(0));
+Result<std::optional<ReplicaStore::Inodes>> ReplicaStore::inodes() {
+  auto ends = database_->prepare("SELECT min(id), max(id) FROM item");
+  if (!ends) return std::unexpected(ends.error());
+  if (const auto row = ends->step(); !row) return std::unexpected(row.error());
+  if (ends->isNull(0)) return std::nullopt;
+  if (ends->integer(0) <= 0) return failure({sqlite::ERROR_DOMAIN, SQLITE_CORRUPT, "an inode is no inode"});
+  return Inodes{static_cast<Inode>(ends->integer(0)), static_cast<Inode>(ends->integer(1))};
 }
 
-Result<void> ReplicaStore::read(const std::function<void(const Row&)>& take) {
-  auto rows = database_->prepare(
+Result<void> ReplicaStore::read(const std::string& path, Inodes inodes, const std::function<void(const Row&)>& take) {
+  auto database = sqlite::Database::open(path, {.readOnly = true});
+  if (!database) return std::unexpected(database.error());
+  auto rows = database->prepare(
       "SELECT id, parent, identifier, name, local, content_version, size, modified, capabilities, flags, policy, kind "
-      "FROM item");
+      "FROM item WHERE id BETWEEN ?1 AND ?2 ORDER BY id");
   if (!rows) return std::unexpected(rows.error());
+  rows->bindAll(inodes.first, inodes.last);
   while (true) {
     const auto more = rows->step();
     if (!more) return std::unexpected(more.error());

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -62,9 +63,15 @@ class ReplicaStore {
 
   static Result<ReplicaStore> open(const std::string& path);
 
-  [[nodiscard]] Result<std::size_t> rowCount();
-  // Every row, in no particular order. An error means that the database is damaged.
-  Result<void> read(const std::function<void(const Row&)>& take);
+  struct Inodes {
+    Inode first = 0;
+    Inode last = 0;
+  };
+  // Those of the first row and of the last; none when there are no rows. An error means that the database is damaged.
+  Result<std::optional<Inodes>> inodes();
+  // The rows of these inodes, in their order. Opens the database once more for itself: any thread, while nothing is
+  // written. An error means that the database is damaged.
+  static Result<void> read(const std::string& path, Inodes inodes, const std::function<void(const Row&)>& take);
   // Inode numbers from here on have never been used.
   [[nodiscard]] Inode firstFreeInode() const { return reserved_; }
   // After it, numbers below `end` may be used, whatever happens then.
