@@ -12,31 +12,21 @@
 namespace vondle {
 namespace {
 
-constexpr Request VIEWER{.isFileViewerRequest = true};
-
 // Positions in a folder: 0 and 1 are the two names every folder has, then come the children.
 constexpr std::int64_t FIRST_CHILD = 2;
 constexpr std::size_t ENTRIES_AT_ONCE = 64;
 
-NodeAttributes nodeOf(const ItemAttributes& item) {
-  unsigned permissions = 0;
-  if (item.fileSystemFlags & USER_READABLE) permissions |= 0400;
-  if (item.fileSystemFlags & USER_WRITABLE) permissions |= 0200;
-  if (item.fileSystemFlags & USER_EXECUTABLE) permissions |= 0100;
-  return {.inode = item.inode,
-          .isFolder = item.isFolder,
-          .size = item.size,
-          .modified = item.modified,
-          .permissions = permissions};
-}
+// Stands for the tag of contents that are edited.
+constexpr std::uint64_t EDITED = 0;
 
 }  // namespace
 
-Filesystem::Filesystem(Tree& tree, FolderListing& listing, ContentStore& contents, const Clock& clock,
-                       std::function<void()> used)
+Filesystem::Filesystem(Tree& tree, FolderListing& listing, ContentStore& contents,
+                       std::shared_ptr<EditedContents> edited, const Clock& clock, std::function<void()> used)
     : tree_(tree),
-      listing_(listing),
       contents_(contents),
+      edited_(std::move(edited)),
+      listing_(listing),
       clock_(clock),
       used_(std::move(used)),
       lastUse_(clock.monotonic().sinceStart.count()) {}
@@ -67,62 +57,111 @@ void Filesystem::answerLookup(FuseRequest request, Inode folder, const std::stri
 
 void Filesystem::attributes(FuseRequest request, Inode inode) {
   if (!begin(request)) return;
-  auto item = tree_.replica().attributes(inode);
-  if (!item) {
-    MutexLock hold(lock_);
-    if (const auto open = openFiles_.find(inode); open != openFiles_.end()) item = open->second.attributes;
-  }
-  if (item)
-    std::move(request).answerAttributes(nodeOf(*item));
+  if (const auto node = nodeFor(inode))
+    std::move(request).answerAttributes(*node);
   else
     std::move(request).fail(ENOENT);
 }
 
-void Filesystem::open(FuseRequest request, Inode inode) {
+void Filesystem::open(FuseRequest request, Inode inode, OpenMode mode) {
   if (!begin(request)) return;
+  if (mode.writes || mode.truncates) return std::move(request).fail(EROFS);
   const auto item = tree_.replica().attributes(inode);
   if (!item) return std::move(request).fail(ENOENT);
   if (item->isFolder) return std::move(request).fail(EISDIR);
   auto file = contents_.current(inode);
-  const bool isHere = file != nullptr;
-  bool keepCache = false;
+  const bool isHere = file || editedFor(inode);
+  const bool keepCache = noteOpened(*item, std::move(file));
+  std::move(request).answerOpenedFile(keepCache, !isHere);
+}
+
+bool Filesystem::noteOpened(const ItemAttributes& item, std::shared_ptr<const ContentFile> file) {
+  const auto tag = edited_ && edited_->find(item.inode) ? EDITED : item.contentTag;
+  MutexLock hold(lock_);
+  auto& open = openFiles_[item.inode];
+  ++open.count;
+  open.attributes = item;
+  if (file) open.kept.file = std::move(file);
+  const auto [cached, isNew] = cachedTags_.try_emplace(item.inode, tag);
+  // Dropping what it has, the kernel would wait for a parked read or write, and the program with it, beyond killing;
+  // the news that is held back for that brings the same later. A file that is opened for the first time has nothing
+  // there.
+  const bool keepCache = isNew || cached->second == tag || pageHolders_.contains(item.inode);
+  cached->second = tag;
+  return keepCache;
+}
+
+void Filesystem::noteEdited(Inode inode) {
+  MutexLock hold(lock_);
+  if (const auto open = openFiles_.find(inode); open != openFiles_.end()) open->second.kept.file = nullptr;
+  if (const auto cached = cachedTags_.find(inode); cached != cachedTags_.end()) cached->second = EDITED;
+}
+
+NodeAttributes Filesystem::nodeOf(const ItemAttributes& item) const {
+  unsigned permissions = 0;
+  if (item.fileSystemFlags & USER_READABLE) permissions |= 0400;
+  if (item.fileSystemFlags & USER_WRITABLE) permissions |= 0200;
+  if (item.fileSystemFlags & USER_EXECUTABLE) permissions |= 0100;
+  NodeAttributes node{.inode = item.inode,
+                      .isFolder = item.isFolder,
+                      .size = item.size,
+                      .modified = item.modified,
+                      .permissions = permissions};
+  if (const auto file = edited_ && !item.isFolder ? edited_->find(item.inode) : nullptr) {
+    node.size = file->size();
+    node.modified = file->modified();
+  }
+  return node;
+}
+
+std::optional<NodeAttributes> Filesystem::nodeFor(Inode inode) {
+  if (const auto item = tree_.replica().attributes(inode)) return nodeOf(*item);
+  std::optional<ItemAttributes> item;
+  std::shared_ptr<EditedFile> edited;
   {
     MutexLock hold(lock_);
-    auto& open = openFiles_[inode];
-    ++open.count;
-    open.attributes = *item;
-    if (file) open.file = std::move(file);
-    const auto [cached, isNew] = cachedTags_.try_emplace(inode, item->contentTag);
-    // Dropping what it has, the kernel would wait for a parked read, and the program with it, beyond killing; the news
-    // that is held back for that read brings the same later. A file that is opened for the first time has nothing
-    // there.
-    keepCache = isNew || cached->second == item->contentTag || parkedReads_.contains(inode);
-    cached->second = item->contentTag;
+    const auto open = openFiles_.find(inode);
+    if (open == openFiles_.end()) return std::nullopt;
+    item = open->second.attributes;
+    edited = open->second.kept.edited;
   }
-  std::move(request).answerOpenedFile(keepCache, !isHere);
+  auto node = nodeOf(*item);
+  node.isGone = true;
+  if (edited) {
+    node.size = edited->size();
+    node.modified = edited->modified();
+  }
+  return node;
+}
+
+std::shared_ptr<EditedFile> Filesystem::editedFor(Inode inode) {
+  if (!edited_) return nullptr;
+  if (auto file = edited_->find(inode)) return file;
+  if (tree_.replica().attributes(inode)) return nullptr;
+  return keptOpen(inode).edited;
 }
 
 void Filesystem::read(FuseRequest request, Inode inode, std::int64_t offset, std::size_t size) {
   if (!begin(request)) return;
+  if (const auto file = editedFor(inode)) return std::move(request).answerContents(*file, offset, size);
   if (const auto file = fileFor(inode)) return std::move(request).answerContents(*file, offset, size);
   auto wait = Progress::make();
   const int pid = request.pid();
   const auto number = park(request, wait);
-  {
-    MutexLock hold(lock_);
-    parkedReads_[inode].push_back({number, pid});
-  }
+  holdsPages(inode, number, pid);
   contents_.require(inode, VIEWER, wait,
                     [self = shared_from_this(), request = std::move(request), inode, offset, size,
                      number](const Result<std::shared_ptr<const ContentFile>>& result) mutable {
                       const int errorNumber = self->unpark(number, result ? nullptr : &result.error());
-                      if (result) {
+                      if (const auto edited = self->editedFor(inode)) {
+                        std::move(request).answerContents(*edited, offset, size);
+                      } else if (result) {
                         self->keepOpen(inode, *result);
                         std::move(request).answerContents(**result, offset, size);
                       } else {
                         std::move(request).fail(errorNumber);
                       }
-                      self->readIsAnswered(inode, number);
+                      self->letsGoOfPages(inode, number);
                     });
 }
 
@@ -131,9 +170,9 @@ std::shared_ptr<const ContentFile> Filesystem::fileFor(Inode inode) {
   {
     MutexLock hold(lock_);
     const auto open = openFiles_.find(inode);
-    if (open != openFiles_.end() && open->second.file) {
+    if (open != openFiles_.end() && open->second.kept.file) {
       // A file that was deleted stays readable for those who have it open; one that changed is read anew.
-      if (!item || item->contentTag == open->second.file->tag()) return open->second.file;
+      if (!item || item->contentTag == open->second.kept.file->tag()) return open->second.kept.file;
     }
   }
   auto file = item ? contents_.current(inode) : nullptr;
@@ -141,9 +180,25 @@ std::shared_ptr<const ContentFile> Filesystem::fileFor(Inode inode) {
   return file;
 }
 
-void Filesystem::keepOpen(Inode inode, const std::shared_ptr<const ContentFile>& file) {
+void Filesystem::keepOpen(Inode inode, std::shared_ptr<const ContentFile> file) {
   MutexLock hold(lock_);
-  if (const auto open = openFiles_.find(inode); open != openFiles_.end()) open->second.file = file;
+  if (const auto open = openFiles_.find(inode); open != openFiles_.end()) open->second.kept.file = std::move(file);
+}
+
+void Filesystem::keepOpen(Inode inode, std::shared_ptr<EditedFile> file) {
+  MutexLock hold(lock_);
+  if (const auto open = openFiles_.find(inode); open != openFiles_.end()) open->second.kept.edited = std::move(file);
+}
+
+Filesystem::Kept Filesystem::keptOpen(Inode inode) {
+  MutexLock hold(lock_);
+  const auto open = openFiles_.find(inode);
+  return open == openFiles_.end() ? Kept() : open->second.kept;
+}
+
+bool Filesystem::isOpen(Inode inode) {
+  MutexLock hold(lock_);
+  return openFiles_.contains(inode);
 }
 
 // A program that is killed while the kernel reads ahead for it does not interrupt that read: all that is heard of it is
@@ -153,16 +208,16 @@ void Filesystem::flush(FuseRequest request, Inode inode) {
   std::vector<std::shared_ptr<Progress>> waits;
   {
     MutexLock hold(lock_);
-    if (const auto reads = parkedReads_.find(inode); reads != parkedReads_.end())
-      for (const auto& read : reads->second)
-        if (const auto wait = parked_.find(read.number); pid != 0 && read.pid == pid && wait != parked_.end())
+    if (const auto holders = pageHolders_.find(inode); holders != pageHolders_.end())
+      for (const auto& holder : holders->second)
+        if (const auto wait = parked_.find(holder.number); pid != 0 && holder.pid == pid && wait != parked_.end())
           waits.push_back(wait->second);
   }
   std::move(request).succeed();
   for (const auto& wait : waits) wait->cancel();
 }
 
-void Filesystem::release(FuseRequest request, Inode inode) {
+void Filesystem::release(FuseRequest request, Inode inode, OpenMode) {
   {
     MutexLock hold(lock_);
     const auto open = openFiles_.find(inode);
@@ -253,7 +308,47 @@ void Filesystem::forget(Inode inode) {
   cachedTags_.erase(inode);
 }
 
-void Filesystem::whenListed(FuseRequest request, Inode folder, std::function<void(Filesystem&, FuseRequest)> next) {
+void Filesystem::create(FuseRequest request, Inode, std::string, unsigned, OpenMode, bool) {
+  std::move(request).fail(EROFS);
+}
+
+void Filesystem::makeFile(FuseRequest request, Inode, std::string, unsigned) {
+  std::move(request).fail(EROFS);
+}
+
+void Filesystem::makeFolder(FuseRequest request, Inode, std::string, unsigned) {
+  std::move(request).fail(EROFS);
+}
+
+void Filesystem::removeFile(FuseRequest request, Inode, std::string) {
+  std::move(request).fail(EROFS);
+}
+
+void Filesystem::removeFolder(FuseRequest request, Inode, std::string) {
+  std::move(request).fail(EROFS);
+}
+
+void Filesystem::rename(FuseRequest request, Inode, std::string, Inode, std::string, bool) {
+  std::move(request).fail(EROFS);
+}
+
+void Filesystem::change(FuseRequest request, Inode, const AttributeChange&) {
+  std::move(request).fail(EROFS);
+}
+
+void Filesystem::write(FuseRequest request, Inode, std::string_view, std::int64_t, bool) {
+  std::move(request).fail(EROFS);
+}
+
+void Filesystem::allocate(FuseRequest request, Inode, int, std::int64_t, std::int64_t) {
+  std::move(request).fail(EROFS);
+}
+
+void Filesystem::sync(FuseRequest request, Inode) {
+  std::move(request).succeed();
+}
+
+void Filesystem::whenListed(FuseRequest request, Inode folder, Listed next) {
   const auto item = tree_.replica().attributes(folder);
   if (!item) return std::move(request).fail(ENOENT);
   if (!item->isFolder) return std::move(request).fail(ENOTDIR);
@@ -290,17 +385,34 @@ int Filesystem::unpark(std::uint64_t number, const Error* error) {
   return error ? errorNumber(*error) : 0;
 }
 
-void Filesystem::readIsAnswered(Inode inode, std::uint64_t number) {
+void Filesystem::holdsPages(Inode inode, std::uint64_t number, int pid) {
+  MutexLock hold(lock_);
+  pageHolders_[inode].push_back({number, pid});
+}
+
+void Filesystem::letsGoOfPages(Inode inode, std::uint64_t number) {
   bool tell = false;
   {
     MutexLock hold(lock_);
-    const auto reads = parkedReads_.find(inode);
-    std::erase_if(reads->second, [number](const ParkedRead& read) { return read.number == number; });
-    if (!reads->second.empty()) return;
-    parkedReads_.erase(reads);
+    const auto holders = pageHolders_.find(inode);
+    std::erase_if(holders->second, [number](const PageHolder& holder) { return holder.number == number; });
+    if (!holders->second.empty()) return;
+    pageHolders_.erase(holders);
     tell = heldBack_.erase(inode) > 0;
   }
-  if (tell && later_) later_({{ReplicaChange::Kind::contentsChanged, 0, {}, inode}});
+  if (tell) tellContents(inode);
+}
+
+void Filesystem::tellContents(Inode inode) {
+  ReplicaChange change{ReplicaChange::Kind::contentsChanged, 0, {}, inode};
+  if (auto now = apply({std::move(change)}); !now.empty() && later_) later_(std::move(now));
+}
+
+void Filesystem::contentsSettled(Inode inode, std::optional<std::uint64_t> tag) {
+  if (!tag) return tellContents(inode);
+  MutexLock hold(lock_);
+  const auto cached = cachedTags_.find(inode);
+  if (cached != cachedTags_.end() && cached->second == EDITED) cached->second = *tag;
 }
 
 std::vector<ReplicaChange> Filesystem::apply(const std::vector<ReplicaChange>& changes) {
@@ -312,7 +424,8 @@ std::vector<ReplicaChange> Filesystem::apply(const std::vector<ReplicaChange>& c
       const bool isContents = change.kind == ReplicaChange::Kind::contentsChanged;
       if ((isContents || change.kind == ReplicaChange::Kind::attributesChanged) && openFiles_.contains(change.inode))
         changedOpen.push_back(change.inode);
-      if (isContents && parkedReads_.contains(change.inode))
+      if (change.byProgram) continue;
+      if (isContents && pageHolders_.contains(change.inode))
         heldBack_.insert(change.inode);
       else
         now.push_back(change);

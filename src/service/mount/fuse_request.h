@@ -8,6 +8,7 @@
 
 #include "base/time.h"
 #include "service/contents/content_file.h"
+#include "service/contents/edited_file.h"
 #include "service/inode.h"
 
 namespace vondle {
@@ -19,6 +20,7 @@ struct NodeAttributes {
   std::int64_t size = 0;
   Timestamp modified;
   unsigned permissions = 0;  // of the owner: 0 to 0700
+  bool isGone = false;       // no name leads to it any more
 };
 
 struct SpaceStatistics {
@@ -60,7 +62,10 @@ class FuseRequest {
   void answerOpenedFolder(std::uint64_t handle) &&;
   // keepCache: what the kernel still has of the contents is still true. tellOfClosing: flush is wanted.
   void answerOpenedFile(bool keepCache, bool tellOfClosing) &&;
+  void answerCreatedFile(const NodeAttributes& attributes, bool keepCache) &&;
   void answerContents(const ContentFile& file, std::int64_t offset, std::size_t size) &&;
+  void answerContents(const EditedFile& file, std::int64_t offset, std::size_t size) &&;
+  void answerWritten(std::size_t bytes) &&;
   void answerFolder(const FolderPage& page) &&;
   void answerStatistics(const SpaceStatistics& statistics) &&;
 
@@ -72,6 +77,7 @@ class FuseRequest {
 
  private:
   void* take();
+  void answerRange(int descriptor, std::int64_t end, std::int64_t offset, std::size_t size);
 
   std::shared_ptr<FuseChannel> channel_;
   void* request_;

@@ -35,7 +35,7 @@ struct stat statusOf(const NodeAttributes& attributes) {
   struct stat status{};
   status.st_ino = attributes.inode;
   status.st_mode = (attributes.isFolder ? S_IFDIR : S_IFREG) | attributes.permissions;
-  status.st_nlink = 1;  // of a folder: the number of folders in it is not known
+  status.st_nlink = attributes.isGone ? 0 : 1;  // of a folder: the number of folders in it is not known
   status.st_uid = ::geteuid();
   status.st_gid = ::getegid();
   status.st_size = attributes.size;
@@ -46,7 +46,9 @@ struct stat statusOf(const NodeAttributes& attributes) {
   // Beyond what a file system's time can hold, and before its zero, programs see the nearest.
   constexpr double LATEST = 9e15;
   status.st_mtim.tv_sec = static_cast<time_t>(std::min(std::max(whole, -LATEST), LATEST)) - (fraction < 0 ? 1 : 0);
-  status.st_mtim.tv_nsec = static_cast<long>((fraction < 0 ? fraction + 1 : fraction) * 1e9);
+  // To the microsecond, which a Timestamp can hold, so that a time is the same wherever it has been.
+  const long microseconds = std::lround((fraction < 0 ? fraction + 1 : fraction) * 1e6);
+  status.st_mtim.tv_nsec = std::min(microseconds, 999'999L) * 1000;
   status.st_atim = status.st_ctim = status.st_mtim;
   return status;
 }
@@ -57,6 +59,19 @@ fuse_entry_param entryOf(const NodeAttributes& attributes) {
   entry.attr = statusOf(attributes);
   entry.attr_timeout = entry.entry_timeout = VALID_SECONDS;
   return entry;
+}
+
+OpenMode modeOf(const fuse_file_info* info) {
+  return {.writes = (info->flags & O_ACCMODE) != O_RDONLY, .truncates = (info->flags & O_TRUNC) != 0};
+}
+
+AttributeChange changeOf(const struct stat& wanted, int fields) {
+  AttributeChange change;
+  if (fields & FUSE_SET_ATTR_MODE) change.permissions = wanted.st_mode & S_IRWXU;
+  if (fields & FUSE_SET_ATTR_SIZE) change.size = wanted.st_size;
+  if (fields & FUSE_SET_ATTR_MTIME) change.modified = wanted.st_mtim;
+  if (fields & FUSE_SET_ATTR_MTIME_NOW) change.modified = timespec{.tv_sec = 0, .tv_nsec = UTIME_NOW};
+  return change;
 }
 
 thread_local bool servesRequests = false;
@@ -121,6 +136,7 @@ class FuseChannel : public std::enable_shared_from_this<FuseChannel> {
  private:
   static void init(void* userdata, fuse_conn_info* connection);
   static fuse_lowlevel_ops operations();
+  static void addChanges(fuse_lowlevel_ops& ops);
 
   // The hooks through which libfuse reaches the device.
   static ssize_t readDevice(int device, void* buffer, std::size_t size, void* userdata);
@@ -203,6 +219,9 @@ void FuseChannel::init(void*, fuse_conn_info* connection) {
   connection->want &= ~static_cast<unsigned>(FUSE_CAP_READDIRPLUS_AUTO);
   connection->want |= connection->capable & (FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
   connection->want &= ~static_cast<unsigned>(FUSE_CAP_SPLICE_READ);
+  // We say when cached contents are no longer true; a new time of modification alone does not.
+  connection->want &= ~static_cast<unsigned>(FUSE_CAP_AUTO_INVAL_DATA);
+  connection->want |= connection->capable & FUSE_CAP_EXPLICIT_INVAL_DATA;
   connection->max_background = MAX_WAITING_READS;
   connection->congestion_threshold = MAX_WAITING_READS / 4 * 3;
 }
@@ -217,9 +236,7 @@ fuse_lowlevel_ops FuseChannel::operations() {
     of(request).handler_.attributes(wrap(request), inode);
   };
   ops.open = [](fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
-    auto wrapped = wrap(request);
-    if ((info->flags & O_ACCMODE) != O_RDONLY) return std::move(wrapped).fail(EROFS);
-    of(request).handler_.open(std::move(wrapped), inode);
+    of(request).handler_.open(wrap(request), inode, modeOf(info));
   };
   ops.read = [](fuse_req_t request, fuse_ino_t inode, std::size_t size, off_t offset, fuse_file_info*) {
     of(request).handler_.read(wrap(request), inode, offset, size);
@@ -227,8 +244,8 @@ fuse_lowlevel_ops FuseChannel::operations() {
   ops.flush = [](fuse_req_t request, fuse_ino_t inode, fuse_file_info*) {
     of(request).handler_.flush(wrap(request), inode);
   };
-  ops.release = [](fuse_req_t request, fuse_ino_t inode, fuse_file_info*) {
-    of(request).handler_.release(wrap(request), inode);
+  ops.release = [](fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
+    of(request).handler_.release(wrap(request), inode, modeOf(info));
   };
   ops.opendir = [](fuse_req_t request, fuse_ino_t inode, fuse_file_info*) {
     of(request).handler_.openFolder(wrap(request), inode);
@@ -248,7 +265,54 @@ fuse_lowlevel_ops FuseChannel::operations() {
     for (std::size_t i = 0; i < count; ++i) of(request).handler_.forget(forgets[i].ino);
     fuse_reply_none(request);
   };
+  addChanges(ops);
   return ops;
+}
+
+void FuseChannel::addChanges(fuse_lowlevel_ops& ops) {
+  ops.create = [](fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode, fuse_file_info* info) {
+    of(request).handler_.create(wrap(request), parent, name, mode & S_IRWXU, modeOf(info), !(info->flags & O_EXCL));
+  };
+  ops.mknod = [](fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode, dev_t) {
+    if (!S_ISREG(mode)) return wrap(request).fail(EPERM);
+    of(request).handler_.makeFile(wrap(request), parent, name, mode & S_IRWXU);
+  };
+  ops.mkdir = [](fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode) {
+    of(request).handler_.makeFolder(wrap(request), parent, name, mode & S_IRWXU);
+  };
+  ops.unlink = [](fuse_req_t request, fuse_ino_t parent, const char* name) {
+    of(request).handler_.removeFile(wrap(request), parent, name);
+  };
+  ops.rmdir = [](fuse_req_t request, fuse_ino_t parent, const char* name) {
+    of(request).handler_.removeFolder(wrap(request), parent, name);
+  };
+  ops.rename = [](fuse_req_t request, fuse_ino_t parent, const char* name, fuse_ino_t newParent, const char* newName,
+                  unsigned flags) {
+    if ((flags & ~static_cast<unsigned>(RENAME_NOREPLACE)) != 0) return wrap(request).fail(EINVAL);
+    of(request).handler_.rename(wrap(request), parent, name, newParent, newName, flags == 0);
+  };
+  // Neither can be on the server.
+  ops.symlink = [](fuse_req_t request, const char*, fuse_ino_t, const char*) { wrap(request).fail(EPERM); };
+  ops.link = [](fuse_req_t request, fuse_ino_t, fuse_ino_t, const char*) { wrap(request).fail(EPERM); };
+  ops.setattr = [](fuse_req_t request, fuse_ino_t inode, struct stat* wanted, int fields, fuse_file_info*) {
+    const bool isForeign = ((fields & FUSE_SET_ATTR_UID) && wanted->st_uid != ::geteuid()) ||
+                           ((fields & FUSE_SET_ATTR_GID) && wanted->st_gid != ::getegid());
+    if (isForeign) return wrap(request).fail(EPERM);
+    of(request).handler_.change(wrap(request), inode, changeOf(*wanted, fields));
+  };
+  ops.write = [](fuse_req_t request, fuse_ino_t inode, const char* data, std::size_t size, off_t offset,
+                 fuse_file_info* info) {
+    // Pages of a mapping have their places also in a file that is open for appending.
+    const bool isAppend = (info->flags & O_APPEND) && !info->writepage;
+    of(request).handler_.write(wrap(request), inode, {data, size}, offset, isAppend);
+  };
+  ops.fallocate = [](fuse_req_t request, fuse_ino_t inode, int mode, off_t offset, off_t length, fuse_file_info*) {
+    of(request).handler_.allocate(wrap(request), inode, mode, offset, length);
+  };
+  ops.fsync = [](fuse_req_t request, fuse_ino_t inode, int, fuse_file_info*) {
+    of(request).handler_.sync(wrap(request), inode);
+  };
+  ops.fsyncdir = ops.fsync;
 }
 
 bool FolderPage::add(const std::string& name, const NodeAttributes& attributes, std::int64_t next) {
@@ -320,22 +384,41 @@ int FuseRequest::pid() const {
   return fuse_req_ctx(libfuseRequest(request_))->pid;
 }
 
+void FuseRequest::answerCreatedFile(const NodeAttributes& attributes, bool keepCache) && {
+  const auto entry = entryOf(attributes);
+  fuse_file_info info{};
+  info.keep_cache = keepCache ? 1 : 0;
+  fuse_reply_create(libfuseRequest(take()), &entry, &info);
+}
+
 void FuseRequest::answerContents(const ContentFile& file, std::int64_t offset, std::size_t size) && {
+  answerRange(file.descriptor(), file.size(), offset, size);
+}
+
+void FuseRequest::answerContents(const EditedFile& file, std::int64_t offset, std::size_t size) && {
+  answerRange(file.descriptor(), file.size(), offset, size);
+}
+
+void FuseRequest::answerRange(int descriptor, std::int64_t end, std::int64_t offset, std::size_t size) {
   const auto request = libfuseRequest(take());
-  if (offset >= file.size()) {
+  if (offset >= end) {
     fuse_reply_buf(request, nullptr, 0);
     return;
   }
-  const auto rest = static_cast<std::uint64_t>(file.size() - offset);
+  const auto rest = static_cast<std::uint64_t>(end - offset);
   fuse_bufvec pieces{};
   pieces.count = 1;
   pieces.buf[0].size = static_cast<std::size_t>(std::min<std::uint64_t>(size, rest));
   pieces.buf[0].flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
-  pieces.buf[0].fd = file.descriptor();
+  pieces.buf[0].fd = descriptor;
   pieces.buf[0].pos = offset;
   // libfuse keeps a pipe for each thread that splices, and can give it back only when the thread ends before the
   // session.
   fuse_reply_data(request, &pieces, servesRequests ? FUSE_BUF_SPLICE_MOVE : FUSE_BUF_NO_SPLICE);
+}
+
+void FuseRequest::answerWritten(std::size_t bytes) && {
+  fuse_reply_write(libfuseRequest(take()), bytes);
 }
 
 void FuseRequest::answerFolder(const FolderPage& page) && {

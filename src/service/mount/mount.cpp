@@ -10,6 +10,7 @@
 #include "service/mount/fuse_session.h"
 #include "service/mount/kernel_notifier.h"
 #include "service/mount/mount_point.h"
+#include "service/mount/writable_filesystem.h"
 
 namespace vondle {
 
@@ -50,10 +51,17 @@ Mount::~Mount() {
 }
 
 Result<std::unique_ptr<Mount>> Mount::start(const MountOptions& options, Tree& tree, FolderListing& listing,
-                                            ContentStore& contents, Scheduler& scheduler, const Clock& clock) {
+                                            ContentStore& contents, Scheduler& scheduler, const Clock& clock,
+                                            LocalChanges changes) {
   std::unique_ptr<Mount> mount(new Mount);
-  mount->filesystem_ = std::make_shared<Filesystem>(tree, listing, contents, clock, options.used);
-  auto mountPoint = MountPoint::mount(options.path, options.name);
+  const bool readOnly = options.readOnly || !changes.edits || !changes.contents;
+  mount->edited_ = changes.contents;
+  if (readOnly)
+    mount->filesystem_ = std::make_shared<Filesystem>(tree, listing, contents, changes.contents, clock, options.used);
+  else
+    mount->filesystem_ = std::make_shared<WritableFilesystem>(tree, listing, contents, std::move(changes.contents),
+                                                              std::move(changes.edits), clock, options.used);
+  auto mountPoint = MountPoint::mount(options.path, options.name, readOnly);
   if (!mountPoint) return std::unexpected(mountPoint.error());
   mount->mountPoint_ = std::move(*mountPoint);
   auto session = FuseSession::open(mount->mountPoint_->takeDevice(), *mount->filesystem_, scheduler,
@@ -61,14 +69,19 @@ Result<std::unique_ptr<Mount>> Mount::start(const MountOptions& options, Tree& t
   if (!session) return std::unexpected(session.error());
   mount->session_ = std::move(*session);
   mount->notifier_ = std::make_shared<KernelNotifier>(*mount->session_);
-  mount->filesystem_->onLater([weak = std::weak_ptr(mount->notifier_)](const std::vector<ReplicaChange>& changes) {
-    if (const auto notifier = weak.lock()) notifier->tell(changes);
+  mount->filesystem_->onLater([weak = std::weak_ptr(mount->notifier_)](const std::vector<ReplicaChange>& later) {
+    if (const auto notifier = weak.lock()) notifier->tell(later);
   });
+  if (mount->edited_)
+    mount->edited_->onSettled(
+        [weak = std::weak_ptr(mount->filesystem_)](Inode inode, std::optional<std::uint64_t> tag) {
+          if (const auto filesystem = weak.lock()) filesystem->contentsSettled(inode, tag);
+        });
   tree.subscribe([filesystem = std::weak_ptr(mount->filesystem_),
-                  notifier = std::weak_ptr(mount->notifier_)](const std::vector<ReplicaChange>& changes) {
+                  notifier = std::weak_ptr(mount->notifier_)](const std::vector<ReplicaChange>& news) {
     const auto answering = filesystem.lock();
     const auto telling = notifier.lock();
-    if (answering && telling) telling->tell(answering->apply(changes));
+    if (answering && telling) telling->tell(answering->apply(news));
   });
   mount->session_->serve();
   struct stat status{};

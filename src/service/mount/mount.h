@@ -8,6 +8,8 @@
 #include "platform/clock.h"
 #include "platform/scheduler.h"
 #include "service/contents/content_store.h"
+#include "service/contents/edited_contents.h"
+#include "service/edits/local_edits.h"
 #include "service/listing/folder_listing.h"
 #include "service/replica/tree.h"
 
@@ -16,8 +18,15 @@ namespace vondle {
 struct MountOptions {
   std::string path;             // absolute
   std::string name = "Vondle";  // what mount and df call it
+  bool readOnly = false;
   // Called for each request of a program's, on the threads that answer: must be cheap. May be empty.
   std::function<void()> used = {};
+};
+
+// What makes the folder one that programs can change.
+struct LocalChanges {
+  std::shared_ptr<LocalEdits> edits;
+  std::shared_ptr<EditedContents> contents;
 };
 
 class Filesystem;
@@ -29,11 +38,12 @@ class MountPoint;
 // thread. The parts given outlive it.
 class Mount {
  public:
-  // Mounts for reading, and returns when the folder answers. A missing folder is made. A dead mount at the path (of a
-  // process that was killed) is cleaned up first; a folder that is not empty, not a folder or another live mount is
-  // refused with an error that says what to do. Call it before anything changes the tree.
+  // Mounts, for reading alone without `changes`, and returns when the folder answers. A missing folder is made. A dead
+  // mount at the path (of a process that was killed) is cleaned up first; a folder that is not empty, not a folder or
+  // another live mount is refused with an error that says what to do. Call it before anything changes the tree.
   static Result<std::unique_ptr<Mount>> start(const MountOptions& options, Tree& tree, FolderListing& listing,
-                                              ContentStore& contents, Scheduler& scheduler, const Clock& clock);
+                                              ContentStore& contents, Scheduler& scheduler, const Clock& clock,
+                                              LocalChanges changes = {});
   // Stops if that has not been done.
   ~Mount();
 
@@ -56,6 +66,7 @@ class Mount {
   Mount();
 
   std::shared_ptr<EndSignal> endSignal_;
+  std::shared_ptr<EditedContents> edited_;
   std::shared_ptr<Filesystem> filesystem_;
   std::unique_ptr<MountPoint> mountPoint_;
   std::unique_ptr<FuseSession> session_;

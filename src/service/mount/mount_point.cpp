@@ -144,13 +144,13 @@ Result<void> makeReady(const std::string& path) {
   return {};
 }
 
-Result<int> mountAsRoot(const std::string& path, const std::string& name) {
+Result<int> mountAsRoot(const std::string& path, const std::string& name, bool readOnly) {
   const int device = ::open(DEVICE, O_RDWR | O_CLOEXEC);
   if (device < 0) return failure(Error::posix(errno, DEVICE));
   const auto options =
       fmt::format("fd={},rootmode=40000,user_id={},group_id={},default_permissions", device, ::geteuid(), ::getegid());
-  if (::mount(name.c_str(), path.c_str(), FILE_SYSTEM_TYPE, MS_NOSUID | MS_NODEV | MS_RDONLY, options.c_str()) == 0)
-    return device;
+  const unsigned long flags = MS_NOSUID | MS_NODEV | (readOnly ? MS_RDONLY : 0);
+  if (::mount(name.c_str(), path.c_str(), FILE_SYSTEM_TYPE, flags, options.c_str()) == 0) return device;
   const int number = errno;
   ::close(device);
   return failure(Error::posix(number, path));
@@ -176,11 +176,12 @@ std::optional<int> receiveDescriptor(int socket) {
   return descriptor;
 }
 
-Result<int> mountThroughHelper(const std::string& path, const std::string& name) {
+Result<int> mountThroughHelper(const std::string& path, const std::string& name, bool readOnly) {
   std::array<int, 2> sockets{};
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets.data()) != 0)
     return failure(Error::posix(errno, "socketpair"));
-  const auto options = fmt::format("ro,nosuid,nodev,default_permissions,subtype=vondle,fsname={}", name);
+  const auto options =
+      fmt::format("{},nosuid,nodev,default_permissions,subtype=vondle,fsname={}", readOnly ? "ro" : "rw", name);
   const bool isMounted = runHelper({"fusermount3", "-o", options, "--", path}, sockets[1]);
   ::close(sockets[1]);
   const auto device = isMounted ? receiveDescriptor(sockets[0]) : std::nullopt;
@@ -192,7 +193,7 @@ Result<int> mountThroughHelper(const std::string& path, const std::string& name)
 
 }  // namespace
 
-Result<std::unique_ptr<MountPoint>> MountPoint::mount(const std::string& path, const std::string& name) {
+Result<std::unique_ptr<MountPoint>> MountPoint::mount(const std::string& path, const std::string& name, bool readOnly) {
   // The path itself may be a dead mount, which cannot be looked into.
   const std::filesystem::path given(path.ends_with('/') ? path.substr(0, path.size() - 1) : path);
   std::error_code error;
@@ -202,7 +203,8 @@ Result<std::unique_ptr<MountPoint>> MountPoint::mount(const std::string& path, c
   if (auto ready = makeReady(real); !ready) return std::unexpected(ready.error());
   auto plainName = name;
   std::replace_if(plainName.begin(), plainName.end(), [](char c) { return c == ',' || c == '\\' || c == '\n'; }, '_');
-  auto device = ::geteuid() == 0 ? mountAsRoot(real, plainName) : mountThroughHelper(real, plainName);
+  auto device =
+      ::geteuid() == 0 ? mountAsRoot(real, plainName, readOnly) : mountThroughHelper(real, plainName, readOnly);
   if (!device) return std::unexpected(device.error());
   const auto entry = mountAt(real);
   return std::unique_ptr<MountPoint>(new MountPoint(real, *device, entry ? entry->id : std::string()));

@@ -10,9 +10,9 @@ namespace vondle {
 // A place on the file system where the kernel asks us. As root mounts itself; others through fusermount3.
 class MountPoint {
  public:
-  // Mounts for reading. A missing folder is made; a dead mount of ours there is taken off first; a folder that is not
+  // A missing folder is made; a dead mount of ours there is taken off first; a folder that is not
   // empty, and a live mount of ours, are refused, and so is a symbolic link in its place. Errors say what to do.
-  static Result<std::unique_ptr<MountPoint>> mount(const std::string& path, const std::string& name);
+  static Result<std::unique_ptr<MountPoint>> mount(const std::string& path, const std::string& name, bool readOnly);
   // Unmounts.
   ~MountPoint();
   MountPoint(const MountPoint&) = delete;
