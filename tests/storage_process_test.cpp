@@ -18,6 +18,7 @@
 #include "base/json.h"
 #include "base/mutex.h"
 #include "platform/linux/sqlite.h"
+#include "preview/preview_samples.h"
 #include "storage_program.h"
 #include "testing/raw_http_client.h"
 #include "testing/storage_rig.h"
@@ -96,6 +97,19 @@ class Client {
   bool makeFile(const std::string& name, std::string_view bytes) {
     const auto target = place(name, bytes.size());
     return target && put(*json::text(*target, "upload_url"), bytes);
+  }
+  std::optional<std::string> partUrl(const json::Object& target, int number) {
+    const auto reply =
+        post("upload-parts", {{"key", target.at("key")}, {"upload_id", target.at("upload_id")}, {"parts", {number}}});
+    const auto* parts = reply ? json::listOfObjects(*reply, "parts") : nullptr;
+    return parts ? std::optional(std::string(*json::text(parts->front().get_object(), "url"))) : std::nullopt;
+  }
+  // With the tags of all parts, in order.
+  bool complete(const json::Object& target, const std::vector<std::string>& tags) {
+    json::Array parts;
+    for (const auto& tag : tags) parts.push_back({{"part", parts.size() + 1}, {"etag", tag}});
+    return post("upload-complete", {{"key", target.at("key")}, {"upload_id", target.at("upload_id")}, {"parts", parts}})
+        .has_value();
   }
   std::string get(std::string_view url) { return client_.request("GET", targetOf(url)).body; }
   // Name to entry, of the top folder.
@@ -316,22 +330,20 @@ TEST_F(StorageProcessTest, AnUploadInPartsGoesOnAfterTheServiceWasKilled) {
   const std::string second = "the end";
   json::Object target;
   std::optional<std::string> firstTag;
-  const auto partUrl = [&](Client& client, int number) {
-    const auto reply =
-        client.post("upload-parts", {{"key", target["key"]}, {"upload_id", target["upload_id"]}, {"parts", {number}}});
-    EXPECT_TRUE(reply);
-    return std::string(*json::text(json::listOfObjects(*reply, "parts")->front().get_object(), "url"));
-  };
   {
     StorageProgram program(arguments());
     const int port = program.port();
     Client client(port);
     target = client.place("film", first.size() + second.size(), true).value_or(json::Object());
     ASSERT_TRUE(target.contains("upload_id"));
-    firstTag = client.put(partUrl(client, 1), first);
+    firstTag = client.put(*client.partUrl(target, 1), first);
     ASSERT_TRUE(firstTag);
     RawHttpClient half(port);
-    half.send("PUT " + Client::targetOf(partUrl(client, 2)) + " HTTP/1.1\r\nHost: x\r\nContent-Length: 7\r\n\r\nthe");
+    half.send("PUT " + Client::targetOf(*client.partUrl(target, 2)) +
+              " HTTP/1.1\r\nHost: x\r\nContent-Length: 7\r\n\r\nthe");
+    RawHttpClient again(port);
+    again.send("PUT " + Client::targetOf(*client.partUrl(target, 1)) +
+               " HTTP/1.1\r\nHost: x\r\nContent-Length: 33554432\r\n\r\n" + std::string(4 << 20, 'x'));
     program.end(SIGKILL);
   }
   StorageProgram program(arguments());
@@ -340,13 +352,137 @@ TEST_F(StorageProcessTest, AnUploadInPartsGoesOnAfterTheServiceWasKilled) {
   ASSERT_TRUE(status);
   EXPECT_EQ(json::integer(*status, "part_size"), PART_SIZE);
   EXPECT_EQ(json::list(*status, "parts")->size(), 1U);
-  const auto secondTag = client.put(partUrl(client, 2), second);
+  const auto secondTag = client.put(*client.partUrl(target, 2), second);
   ASSERT_TRUE(secondTag);
-  const json::Value complete = {{"key", target["key"]},
-                                {"upload_id", target["upload_id"]},
-                                {"parts", {{{"part", 1}, {"etag", *firstTag}}, {{"part", 2}, {"etag", *secondTag}}}}};
-  EXPECT_TRUE(client.post("upload-complete", complete));
+  EXPECT_TRUE(client.complete(target, {*firstTag, *secondTag}));
   EXPECT_TRUE(client.get(*json::text(client.list().at("film"), "download_url")) == first + second);
+}
+
+TEST_F(StorageProcessTest, JoiningPartsCanBeRepeatedWhenTheServiceIsKilled) {
+  std::map<std::string, std::string> acknowledged;  // name to contents
+  for (int round = 0; round < 5; ++round) {
+    StorageProgram program(arguments());
+    const int port = program.port();
+    ASSERT_GT(port, 0) << program.errors();
+    Counter done;
+    json::Object target;
+    std::optional<std::string> tag;
+    std::string name;
+    std::thread writer([&] {
+      Client client(port);
+      for (int i = 0;; ++i) {
+        tag.reset();
+        name = fmt::format("{}-{}", round, i);
+        const auto contents = "contents of " + name;
+        const auto place = client.place(name, contents.size(), true);
+        if (!place) return done.giveUp();
+        target = *place;
+        const auto url = client.partUrl(target, 1);
+        if (url) tag = client.put(*url, contents);
+        if (!tag || !client.complete(target, {*tag})) return done.giveUp();
+        acknowledged[name] = contents;
+        done.add();
+      }
+    });
+    done.waitFor(5 + 3 * round);
+    EXPECT_EQ(program.end(SIGKILL), -SIGKILL);
+    writer.join();
+
+    StorageProgram again(arguments());
+    Client client(again.port());
+    if (tag) {
+      EXPECT_TRUE(client.complete(target, {*tag})) << name;
+      acknowledged[name] = "contents of " + name;
+    }
+    const auto entries = client.list();
+    EXPECT_EQ(entries.size(), acknowledged.size());
+    for (const auto& [each, contents] : acknowledged) {
+      ASSERT_TRUE(entries.contains(each)) << each;
+      EXPECT_EQ(client.get(*json::text(entries.at(each), "download_url")), contents);
+    }
+    EXPECT_EQ(again.end(SIGTERM), 0);
+  }
+}
+
+TEST_F(StorageProcessTest, ContentsAreNotHeldInMemory) {
+  StorageProgram program(arguments());
+  Client client(program.port());
+  ASSERT_TRUE(client.makeFile("small", "x"));
+  const long before = program.peakMemory();
+  const std::string bytes(128 << 20, 'x');
+  EXPECT_TRUE(client.makeFile("large", bytes));
+  EXPECT_TRUE(client.get(*json::text(client.list().at("large"), "download_url")) == bytes);
+  EXPECT_LT(program.peakMemory() - before, 16 << 10);
+}
+
+TEST_F(StorageProcessTest, TransfersAreSaidWithoutKeysAndSignatures) {
+  StorageProgram program(arguments());
+  Client client(program.port());
+  ASSERT_TRUE(client.makeFile("f", "hello"));
+  const auto target = client.place("film", 3, true);
+  for (int i = 0; i < 2; ++i) ASSERT_TRUE(client.put(*client.partUrl(*target, 1), "abc"));
+  EXPECT_FALSE(client.put("/vondle/uploads/0123456789abcdef0123456789abcdef?expires=1&signature=forged", "x"));
+  EXPECT_EQ(program.end(SIGTERM), 0);
+  const auto part =
+      "received part 1 of upload " + std::string(*json::text(*target, "upload_id")).substr(0, 8) + ": 3 bytes\n";
+  EXPECT_EQ(program.errors(),
+            "received contents: 5 bytes\n" + part + part +
+                "refused a transfer: 403 the address is not signed for this request, or has expired\n");
+}
+
+TEST_F(StorageProcessTest, PreviewsOfPicturesAndVideosAreMadeByTheService) {
+  makeQuarters("photo.png", 1200, 800);
+  run("vips copy photo.png photo.jpg");
+  run("ffmpeg -nostdin -y -v error -bitexact -f lavfi -i color=red:s=1280x720:r=5 -t 2 -c:v libx264 -preset ultrafast "
+      "-pix_fmt yuv420p clip.mp4");
+  StorageProgram program(arguments());
+  Client client(program.port());
+  for (const char* name : {"photo.png", "photo.jpg", "clip.mp4"}) ASSERT_TRUE(client.makeFile(name, readSample(name)));
+  ASSERT_TRUE(client.makeFile("broken.jpg", "\xff\xd8\xff no picture"));
+  ASSERT_TRUE(client.makeFile("letter.txt", "no picture"));
+
+  std::map<std::string, std::string> names;  // by id
+  json::Array ids;
+  for (const auto& [name, entry] : client.list()) {
+    EXPECT_EQ(json::boolean(entry, "has_thumb"), name != "letter.txt") << name;
+    names[std::string(*json::text(entry, "id"))] = name;
+    ids.emplace_back(*json::text(entry, "id"));
+  }
+  json::Object reply;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  do reply = client.post("thumb-urls", {{"ids", ids}}).value_or(json::Object());
+  while (!json::list(reply, "pending")->empty() && std::chrono::steady_clock::now() < deadline);
+  ASSERT_TRUE(json::list(reply, "pending")->empty());
+
+  std::map<std::string, std::string> sizes;
+  for (const auto& [id, url] : *json::object(reply, "urls")) {
+    writeSample("made.jpg", client.get(std::string_view(url.get_string())));
+    run("vipsheader -f width made.jpg; vipsheader -f height made.jpg");
+    sizes[names.at(std::string(id))] = readSample("log");
+  }
+  EXPECT_THAT(sizes, ElementsAre(std::pair("clip.mp4", "960\n540\n"), std::pair("photo.jpg", "400\n267\n"),
+                                 std::pair("photo.png", "400\n267\n")));
+  const auto entries = client.list();
+  EXPECT_EQ(json::boolean(entries.at("broken.jpg"), "has_thumb"), false);
+  EXPECT_EQ(client.get(*json::text(entries.at("photo.png"), "thumb_url")).substr(0, 3), "\xff\xd8\xff");
+}
+
+TEST_F(StorageProcessTest, PreviewsBeingMadeAreGivenUpAtTheEndAndNotTakenForImpossible) {
+  run("ffmpeg -nostdin -y -v error -bitexact -f lavfi -i testsrc2=s=1920x1080:r=10 -t 2 -c:v libx264 -preset ultrafast "
+      "-pix_fmt yuv420p large.mp4");
+  const auto bytes = readSample("large.mp4");
+  {
+    StorageProgram program(arguments());
+    Client client(program.port());
+    for (int i = 0; i < 20; ++i) ASSERT_TRUE(client.makeFile(fmt::format("{}.mp4", i), bytes));
+    json::Array ids;
+    for (const auto& [name, entry] : client.list()) ids.emplace_back(*json::text(entry, "id"));
+    ASSERT_TRUE(client.post("thumb-urls", {{"ids", ids}}));
+    EXPECT_EQ(program.end(SIGTERM), 0);
+  }
+  StorageProgram program(arguments());
+  Client client(program.port());
+  for (const auto& [name, entry] : client.list()) EXPECT_EQ(json::boolean(entry, "has_thumb"), true) << name;
 }
 
 }  // namespace

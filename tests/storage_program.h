@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,7 @@ class StorageProgram {
     std::array<int, 2> err{};
     EXPECT_EQ(pipe2(out.data(), O_CLOEXEC), 0);
     EXPECT_EQ(pipe2(err.data(), O_CLOEXEC), 0);
+    fcntl(err[1], F_SETPIPE_SZ, 1 << 20);  // what the program says is read at the end only
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
@@ -67,6 +69,13 @@ class StorageProgram {
   int end(int number) {
     signal(number);
     return wait();
+  }
+  // The most memory that it ever took, in KiB.
+  [[nodiscard]] long peakMemory() const {
+    std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+    for (std::string line; std::getline(status, line);)
+      if (line.starts_with("VmHWM:")) return std::atol(line.c_str() + 6);
+    return -1;
   }
   std::string output() { return all(out_); }
   std::string errors() { return all(err_); }

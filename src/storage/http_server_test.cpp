@@ -199,6 +199,15 @@ TEST_F(HttpServerTest, ABodyThatEndsEarlyIsForgotten) {
   EXPECT_EQ(rig_.storedFiles(), 0U);
 }
 
+TEST_F(HttpServerTest, WhatFollowsTheAnnouncedLengthIsNotOfTheBody) {
+  const auto target = targetOf(rig_.target("", "f", 5).text("upload_url"));
+  RawHttpClient client(port_);
+  client.send("PUT " + target + " HTTP/1.1\r\nHost: x\r\nContent-Length: 5\r\n\r\nhello, world\r\n\r\n");
+  EXPECT_EQ(client.receive().status, 200);
+  EXPECT_EQ(client.receive().status, 400);
+  EXPECT_EQ(once("GET", downloadTarget("f")).body, "hello");
+}
+
 TEST_F(HttpServerTest, AfterAnEarlyRefusalTheRestOfTheBodyIsNoRequest) {
   const std::string smuggled = "POST /vondle/api/folders HTTP/1.1\r\nHost: x\r\n" + keyHeader() +
                                "Content-Length: 24\r\n\r\n{\"name\":\"x\",\"path\":\"\"}  ";
