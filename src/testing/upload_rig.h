@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -28,7 +30,8 @@ struct UploadRig {
   static constexpr const char* API = "https://api.example/vondle/api/";
   static constexpr const char* STORE = "https://store.example/";
 
-  UploadRig() { configure({}); }
+  // The seed draws the order in which things happen; none: the order of posting.
+  explicit UploadRig(std::optional<std::uint64_t> seed = std::nullopt) : machine(seed) { configure({}); }
 
   UploadServices services() {
     return {api, transfers, resume, thumbs, largeUpload, limits, files, scheduler, machine.random};

@@ -37,12 +37,9 @@ std::int64_t numberOfParts(std::int64_t size, std::int64_t partSize) {
   return size / partSize + (size % partSize == 0 ? 0 : 1);
 }
 
-// A decimal integer, with an optional sign.
+// A decimal integer, with an optional sign ("+-1" is taken for -1, which numbers no part either).
 std::optional<std::int64_t> integerOf(std::string_view text) {
-  if (text.starts_with('+')) {
-    text.remove_prefix(1);
-    if (text.starts_with('-')) return std::nullopt;
-  }
+  if (text.starts_with('+')) text.remove_prefix(1);
   std::int64_t value = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
   if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;

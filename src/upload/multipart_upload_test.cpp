@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <limits>
+#include <random>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -806,6 +807,59 @@ TEST_F(MultipartUploadTest, NotifiesNobodyWhenItIsNotTo) {
   EXPECT_THAT(bodies("notify-upload"), IsEmpty());
   EXPECT_THAT(machine.previews.calls(), IsEmpty());
   EXPECT_EQ(log.messages(LogLevel::standard).back(), "multipart upload of ann/0a1b.mov done");
+}
+
+// Many orders of events, with a server that fails now and then, parts that are saved already, and a user who cancels
+// some of the uploads: each ends once, leaves nothing behind, and joins every part under its own tag.
+TEST(MultipartUploadInAnyOrder, EndsOnceAndJoinsAllOfItsParts) {
+  int joined = 0;
+  for (std::uint64_t seed = 0; seed < 300; ++seed) {
+    std::mt19937_64 random(seed);
+    const auto oneIn = [&](std::uint64_t n) { return random() % n == 0; };
+    UploadRig rig(seed);
+    rig.files.put(FILE_PATH, "aaaabbbbccccddddeeeeff");
+    rig.servePartsUploads();
+    rig.machine.urlLoading.onRequest([&](const URLRequest& request) -> std::optional<ScriptedReply> {
+      if (!oneIn(4) || (!request.url.contains("upload-parts") && !request.url.contains("/part/"))) return std::nullopt;
+      auto failed = oneIn(2) ? UploadRig::reply("", 503) : UploadRig::failing(UploadRig::networkError());
+      failed.delay = seconds(static_cast<double>(random() % 3));
+      return failed;
+    });
+    rig.resume.begin(ID, KEY, "u1", 22, 4);
+    for (int part = 1; part <= 6; ++part)
+      if (oneIn(3)) rig.resume.record(ID, "u1", part, "tag-" + std::to_string(part));
+
+    const auto progress = Progress::make();
+    std::vector<Result<std::string>> outcomes;
+    std::make_shared<MultipartUpload>(
+        rig.services(),
+        MultipartUpload::Job{
+            .file = FILE_PATH, .key = KEY, .uploadID = "u1", .size = 22, .partSize = 4, .resumeID = ID},
+        progress, [&](Result<std::string> key) { outcomes.push_back(std::move(key)); })
+        ->start();
+    if (oneIn(2)) {
+      for (auto steps = random() % 150; steps > 0; --steps) rig.scheduler.step();
+      progress->cancel();
+    }
+    rig.scheduler.advance(seconds(7200));
+
+    ASSERT_THAT(outcomes, SizeIs(1)) << seed;
+    EXPECT_THAT(rig.slices(), IsEmpty()) << seed;
+    const auto completions = rig.bodies("upload-complete");
+    EXPECT_EQ(completions.size(), outcomes[0] ? 1u : 0u) << seed;
+    EXPECT_EQ(rig.resume.load(ID).has_value(), !outcomes[0]) << seed;
+    for (const auto& completion : completions) {
+      ++joined;
+      const auto& parts = completion.at("parts").as_array();
+      ASSERT_THAT(parts, SizeIs(6)) << seed;
+      for (std::size_t i = 0; i < parts.size(); ++i) {
+        EXPECT_EQ(parts[i].at("part"), i + 1) << seed;
+        EXPECT_EQ(parts[i].at("etag").as_string(), "tag-" + std::to_string(i + 1)) << seed;
+      }
+    }
+  }
+  EXPECT_GT(joined, 100);
+  EXPECT_LT(joined, 300);
 }
 
 }  // namespace
