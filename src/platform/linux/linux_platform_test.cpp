@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <future>
 #include <latch>
 
 #include <gtest/gtest.h>
@@ -22,6 +23,10 @@ TEST(LinuxPlatform, IsAWholeMachine) {
   std::latch ran(1);
   platform.scheduler.global().post([&] { ran.count_down(); });
   ran.wait();
+  std::promise<std::optional<std::string>> preview;
+  platform.previews.picture("/nowhere/photo.jpg", "jpg", 400, 0.82,
+                            [&](std::optional<std::string> jpeg) { preview.set_value(std::move(jpeg)); });
+  EXPECT_EQ(preview.get_future().get(), std::nullopt);
 }
 
 TEST(LinuxPlatform, TakesTheLogWhileItLives) {
