@@ -1,12 +1,13 @@
 #include "storage/api_handlers.h"
 
-#include <charconv>
 #include <set>
 
 #include <fmt/format.h>
 
 #include "platform/log.h"
 #include "storage/accounts.h"
+#include "storage/count.h"
+#include "storage/milliseconds.h"
 #include "storage/names.h"
 
 namespace vondle::storage {
@@ -42,14 +43,9 @@ Answer<std::optional<std::string>> queryOf(const ApiRequest& request, const std:
 Answer<std::int64_t> countOf(const ApiRequest& request, const std::string& name) {
   const auto text = queryOf(request, name);
   if (!text) return refuse(text.error());
-  std::int64_t value = -1;
-  if (*text) {
-    const char* last = (*text)->data() + (*text)->size();
-    const auto [end, error] = std::from_chars((*text)->data(), last, value);
-    if (error != std::errc() || end != last) value = -1;
-  }
-  if (value < 0) return refuse(400, fmt::format("\"{}\" is missing or not a count", name));
-  return value;
+  const auto count = *text ? countIn(**text) : std::nullopt;
+  if (!count) return refuse(400, fmt::format("\"{}\" is missing or not a count", name));
+  return *count;
 }
 
 Answer<std::int64_t> integerOf(const json::Object& body, std::string_view key) {
@@ -185,25 +181,22 @@ Answer<std::string> ApiHandlers::run(MetadataStore& store, const ApiRequest& req
   auto account = store.accountWithKey(hashOfKey(*request.key));
   if (!account) return refuse(401, "the account key is not known");
   if (!handler) return refuse(404, "there is no such endpoint");
-  Tree tree(store, std::move(*account), now());
+  const auto now = millisecondsNow(clock_);
+  Tree tree(store, std::move(*account), now);
   Call call{.store = store,
             .tree = tree,
-            .uploads = Uploads(store, contents_, tree, now()),
-            .addresses = {.base = request.base, .signer = signer_, .now = now() / 1000},
+            .uploads = Uploads(store, contents_, tree, now),
+            .addresses = {.base = request.base, .signer = signer_, .now = now / 1000},
             .request = request,
             .body = std::move(body)};
   return (this->*handler)(call);
-}
-
-std::int64_t ApiHandlers::now() const {
-  return static_cast<std::int64_t>(clock_.now().secondsSince1970 * 1000);
 }
 
 void ApiHandlers::tidy() {
   {
     auto store = stores_.writer();
     (void)store->write<bool>([&]() -> Answer<bool> {
-      Uploads::sweep(*store, now());
+      Uploads::sweep(*store, millisecondsNow(clock_));
       return true;
     });
   }
@@ -364,40 +357,32 @@ Answer<std::string> ApiHandlers::deleteFolder(Call& call) {
 }
 
 Answer<std::string> ApiHandlers::restore(Call& call) {
-  const auto id = textOf(call.body, "id");
-  if (!id) return id;
-  const auto view = call.tree.byId(*id);
+  const auto view = itemOf(call);
   if (!view) return refuse(view.error());
   return entryReply(call.tree.restore(*view), call.addresses);
 }
 
 Answer<std::string> ApiHandlers::purge(Call& call) {
-  const auto id = textOf(call.body, "id");
-  if (!id) return id;
-  const auto view = call.tree.byId(*id);
+  const auto view = itemOf(call);
   if (!view) return refuse(view.error());
   if (auto done = call.tree.purge(*view); !done) return refuse(done.error());
   return "{}";
 }
 
 Answer<std::string> ApiHandlers::share(Call& call) {
-  const auto id = textOf(call.body, "id");
-  if (!id) return id;
   const auto account = textOf(call.body, "account");
   if (!account) return account;
   const auto role = textOf(call.body, "role");
   if (!role) return role;
-  const auto view = call.tree.byId(*id);
+  const auto view = itemOf(call);
   if (!view) return refuse(view.error());
   return entryReply(call.tree.share(*view, *account, *role), call.addresses);
 }
 
 Answer<std::string> ApiHandlers::unshare(Call& call) {
-  const auto id = textOf(call.body, "id");
-  if (!id) return id;
   const auto account = textOf(call.body, "account");
   if (!account) return account;
-  const auto view = call.tree.byId(*id);
+  const auto view = itemOf(call);
   if (!view) return refuse(view.error());
   return entryReply(call.tree.unshare(*view, *account), call.addresses);
 }
@@ -430,6 +415,12 @@ Answer<std::string> ApiHandlers::uploadUrls(Call& call) {
   }
   out += "]}";
   return out;
+}
+
+Answer<View> ApiHandlers::itemOf(Call& call) {
+  const auto id = textOf(call.body, "id");
+  if (!id) return refuse(id.error());
+  return call.tree.byId(*id);
 }
 
 Answer<Upload> ApiHandlers::uploadOf(Call& call) {
@@ -518,8 +509,6 @@ Answer<std::string> ApiHandlers::notifyUpload(Call& call) {
 }
 
 Answer<std::string> ApiHandlers::contentUrl(Call& call) {
-  const auto id = textOf(call.body, "id");
-  if (!id) return id;
   if (const auto version = integerOf(call.body, "base_version"); !version) return refuse(version.error());
   std::optional<std::int64_t> size;
   if (json::find(call.body, "size")) {
@@ -527,7 +516,7 @@ Answer<std::string> ApiHandlers::contentUrl(Call& call) {
     if (!given) return refuse(given.error());
     size = *given;
   }
-  const auto view = call.tree.byId(*id);
+  const auto view = itemOf(call);
   if (!view) return refuse(view.error());
   const auto upload = call.uploads.forContents(*view, size, flagOf(call.body, "multipart"));
   if (!upload) return refuse(upload.error());
@@ -535,13 +524,11 @@ Answer<std::string> ApiHandlers::contentUrl(Call& call) {
 }
 
 Answer<std::string> ApiHandlers::contentCommit(Call& call) {
-  const auto id = textOf(call.body, "id");
-  if (!id) return id;
   const auto version = integerOf(call.body, "base_version");
   if (!version) return refuse(version.error());
   const auto key = textOf(call.body, "key");
   if (!key) return key;
-  const auto view = call.tree.byId(*id);
+  const auto view = itemOf(call);
   if (!view) return refuse(view.error());
   return entryReply(call.uploads.commit(*view, *version, *key, flagOf(call.body, "thumb")), call.addresses);
 }

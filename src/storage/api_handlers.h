@@ -73,11 +73,12 @@ class ApiHandlers {
   static const std::map<std::string_view, Endpoint>& endpoints();
 
   void collectGarbage();
-  [[nodiscard]] std::int64_t now() const;  // milliseconds since 1970
   Answer<std::string> run(MetadataStore& store, const ApiRequest& request, Handler handler, json::Object body);
 
+  // What "id" names.
+  static Answer<View> itemOf(Call& call);
   // The upload that "key" and "upload_id" name.
-  Answer<Upload> uploadOf(Call& call);
+  static Answer<Upload> uploadOf(Call& call);
 
   Answer<std::string> browse(Call& call);
   Answer<std::string> item(Call& call);

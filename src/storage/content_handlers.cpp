@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -10,6 +9,8 @@
 #include <fmt/format.h>
 
 #include "platform/log.h"
+#include "storage/count.h"
+#include "storage/milliseconds.h"
 
 namespace vondle::storage {
 namespace {
@@ -34,18 +35,11 @@ std::optional<std::string_view> keyAfter(std::string_view path, std::string_view
   return isKey ? std::optional(path) : std::nullopt;
 }
 
-std::optional<std::int64_t> countOf(std::string_view text) {
-  std::int64_t value = -1;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc() || end != text.data() + text.size() || value < 0) return std::nullopt;
-  return value;
-}
-
 // The key and the number of "KEY/NUMBER" that follows the prefix.
 std::optional<std::pair<std::string, std::int64_t>> partAfter(std::string_view path, std::string_view prefix) {
   const auto slash = path.rfind('/');
   const auto key = slash == std::string_view::npos ? std::nullopt : keyAfter(path.substr(0, slash), prefix);
-  const auto number = key ? countOf(path.substr(slash + 1)) : std::nullopt;
+  const auto number = key ? countIn(path.substr(slash + 1)) : std::nullopt;
   if (!number) return std::nullopt;
   return std::pair(std::string(*key), *number);
 }
@@ -98,8 +92,8 @@ Answer<std::optional<std::pair<std::int64_t, std::int64_t>>> rangeOf(std::string
   header.remove_prefix(6);
   const auto dash = header.find('-');
   if (dash == std::string_view::npos) return std::nullopt;
-  const auto first = countOf(header.substr(0, dash));
-  const auto last = countOf(header.substr(dash + 1));
+  const auto first = countIn(header.substr(0, dash));
+  const auto last = countIn(header.substr(dash + 1));
   if (!first) {
     if (dash != 0 || !last) return std::nullopt;
     if (*last == 0 || size == 0) return refuse(416, "no byte of this range exists");
@@ -117,7 +111,7 @@ Answer<void> ContentHandlers::check(const ContentRequest& request) const {
   const auto expires = queryOf(request, "expires");
   const auto signature = queryOf(request, "signature");
   if (!expires || !signature || request.query.size() != 2 ||
-      !signer_.isValid(request.method, request.path, *expires, *signature, now() / 1000))
+      !signer_.isValid(request.method, request.path, *expires, *signature, millisecondsNow(clock_) / 1000))
     return refuse(403, "the address is not signed for this request, or has expired");
   return {};
 }
@@ -150,10 +144,6 @@ Answer<Download> ContentHandlers::download(const ContentRequest& request) {
                   .etag = "\"" + key + "\""};
 }
 
-std::int64_t ContentHandlers::now() const {
-  return static_cast<std::int64_t>(clock_.now().secondsSince1970 * 1000);
-}
-
 template <class T>
 Answer<T> ContentHandlers::withUpload(const std::string& key,
                                       const std::function<Answer<T>(MetadataStore&, Uploads&, Upload&)>& work) {
@@ -162,8 +152,9 @@ Answer<T> ContentHandlers::withUpload(const std::string& key,
     auto upload = store->upload(key);
     auto account = upload ? store->account(upload->account) : std::nullopt;
     if (!account) return refuse(NO_CONTENTS);
-    Tree tree(*store, std::move(*account), now());
-    Uploads uploads(*store, contents_, tree, now());
+    const auto now = millisecondsNow(clock_);
+    Tree tree(*store, std::move(*account), now);
+    Uploads uploads(*store, contents_, tree, now);
     return work(*store, uploads, *upload);
   });
 }
@@ -222,72 +213,59 @@ class ContentHandlers::RepeatReceiver final : public Receiver {
   Sha256 hasher_;
 };
 
-// A part that was not there, straight to its place.
+// A part: straight to its place when it was not there. One that is there already stays what was answered until all of
+// the new bytes are here, and longer when they are the same.
 class ContentHandlers::PartReceiver final : public Receiver {
  public:
   PartReceiver(ContentHandlers& handlers, const Upload& upload, std::int64_t number,
-               std::unique_ptr<ContentStore::IncomingPart> incoming)
+               std::unique_ptr<ContentStore::IncomingPart> part, std::unique_ptr<ContentStore::Incoming> again)
       : Receiver(nameOf(upload, number), partLength(upload, number)),
         handlers_(handlers),
         key_(upload.key),
         number_(number),
-        incoming_(std::move(incoming)) {}
+        part_(std::move(part)),
+        again_(std::move(again)) {}
 
  private:
-  Answer<void> take(std::string_view bytes) override { return fromDisk(incoming_->write(bytes)); }
-  Answer<std::string> accept() override { return handlers_.keepPart(key_, number_, *incoming_); }
-
-  ContentHandlers& handlers_;
-  std::string key_;
-  std::int64_t number_;
-  std::unique_ptr<ContentStore::IncomingPart> incoming_;
-};
-
-// A part that is there already. It stays what was answered until all of the new bytes are here, and longer when they
-// are the same.
-class ContentHandlers::ResentPartReceiver final : public Receiver {
- public:
-  ResentPartReceiver(ContentHandlers& handlers, const Upload& upload, std::int64_t number,
-                     std::unique_ptr<ContentStore::Incoming> incoming)
-      : Receiver(nameOf(upload, number), partLength(upload, number)),
-        handlers_(handlers),
-        key_(upload.key),
-        number_(number),
-        incoming_(std::move(incoming)) {}
-
- private:
-  Answer<void> take(std::string_view bytes) override { return fromDisk(incoming_->write(bytes)); }
-
-  Answer<std::string> accept() override {
-    const auto hash = fromDisk(incoming_->seal(false));
-    if (!hash) return hash;
-    std::unique_ptr<ContentStore::IncomingPart> part;
-    const auto begun =
-        handlers_.withUpload<bool>(key_, [&](MetadataStore& store, Uploads&, Upload& upload) -> Answer<bool> {
-          if (upload.stored) return refuse(JOINED);
-          const auto there = store.part(key_, number_);
-          if (there && there->etag == quoted(*hash)) {
-            upload.touched = handlers_.now();
-            store.setUpload(upload);
-            return true;
-          }
-          auto receiving = handlers_.beginPart(store, upload, number_);
-          if (!receiving) return refuse(receiving.error());
-          part = std::move(*receiving);
-          return true;
-        });
-    if (!begun) return refuse(begun.error());
-    if (!part) return quoted(*hash);
-    if (auto copied = copyTo(*part); !copied) return refuse(copied.error());
-    return handlers_.keepPart(key_, number_, *part);
+  Answer<void> take(std::string_view bytes) override {
+    return fromDisk(again_ ? again_->write(bytes) : part_->write(bytes));
   }
 
-  Answer<void> copyTo(ContentStore::IncomingPart& part) const {
+  Answer<std::string> accept() override {
+    if (again_) {
+      const auto hash = fromDisk(again_->seal(false));
+      if (!hash) return hash;
+      if (auto begun = replace(quoted(*hash)); !begun) return refuse(begun.error());
+      if (!part_) return quoted(*hash);
+    }
+    return handlers_.keepPart(key_, number_, *part_);
+  }
+
+  // Puts the new bytes in the place of the old ones, unless they are the same.
+  Answer<void> replace(const std::string& etag) {
+    auto begun = handlers_.withUpload<void>(key_, [&](MetadataStore& store, Uploads&, Upload& upload) -> Answer<void> {
+      if (upload.stored) return refuse(JOINED);
+      const auto there = store.part(key_, number_);
+      if (there && there->etag == etag) {
+        upload.touched = millisecondsNow(handlers_.clock_);
+        store.setUpload(upload);
+        return {};
+      }
+      auto part = handlers_.beginPart(store, upload, number_);
+      if (!part) return refuse(part.error());
+      part_ = std::move(*part);
+      return {};
+    });
+    return begun && part_ ? copy() : begun;
+  }
+
+  Answer<void> copy() {
     std::vector<char> buffer(256 * 1024);
-    while (part.size() < incoming_->size()) {
-      const auto count = fromDisk(incoming_->readAt(part.size(), buffer));
+    while (part_->size() < again_->size()) {
+      const auto count = fromDisk(again_->readAt(part_->size(), buffer));
       if (!count) return refuse(count.error());
-      if (auto written = fromDisk(part.write({buffer.data(), *count})); !written) return written;
+      if (*count == 0) return refuse(500, "the service's disk failed");
+      if (auto written = fromDisk(part_->write({buffer.data(), *count})); !written) return written;
     }
     return {};
   }
@@ -295,7 +273,8 @@ class ContentHandlers::ResentPartReceiver final : public Receiver {
   ContentHandlers& handlers_;
   std::string key_;
   std::int64_t number_;
-  std::unique_ptr<ContentStore::Incoming> incoming_;
+  std::unique_ptr<ContentStore::IncomingPart> part_;
+  std::unique_ptr<ContentStore::Incoming> again_;
 };
 
 class ContentHandlers::ThumbReceiver final : public Receiver {
@@ -391,11 +370,11 @@ ContentHandlers::Receiving ContentHandlers::receivePart(const std::string& key, 
     if (store.part(key, number)) {
       auto incoming = fromDisk(contents_.receive(ContentStore::Kind::contents, key));
       if (!incoming) return refuse(incoming.error());
-      return std::make_unique<ResentPartReceiver>(*this, upload, number, std::move(*incoming));
+      return std::make_unique<PartReceiver>(*this, upload, number, nullptr, std::move(*incoming));
     }
     auto incoming = beginPart(store, upload, number);
     if (!incoming) return refuse(incoming.error());
-    return std::make_unique<PartReceiver>(*this, upload, number, std::move(*incoming));
+    return std::make_unique<PartReceiver>(*this, upload, number, std::move(*incoming), nullptr);
   });
 }
 
@@ -414,7 +393,7 @@ Answer<std::string> ContentHandlers::keepPart(const std::string& key, std::int64
     if (!part.isCurrent()) return refuse(TAKEN_OVER);
     if (upload.stored) return refuse(JOINED);
     store.setPart(key, {.number = number, .size = part.size(), .etag = quoted(*hash)});
-    upload.touched = now();
+    upload.touched = millisecondsNow(clock_);
     store.setUpload(upload);
     return quoted(*hash);
   });

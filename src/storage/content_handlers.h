@@ -51,13 +51,11 @@ class ContentHandlers {
   class WholeReceiver;
   class RepeatReceiver;
   class PartReceiver;
-  class ResentPartReceiver;
   class ThumbReceiver;
   using Receiving = Answer<std::unique_ptr<Receiver>>;
 
   // 400 for a key in the header, 403 unless the address was signed by the service and has not expired.
   [[nodiscard]] Answer<void> check(const ContentRequest& request) const;
-  [[nodiscard]] std::int64_t now() const;  // milliseconds since 1970
   // Runs `work` in one transaction, with the upload of the key and the uploads of the account that asked for it.
   template <class T>
   Answer<T> withUpload(const std::string& key, const std::function<Answer<T>(MetadataStore&, Uploads&, Upload&)>& work);

@@ -94,28 +94,35 @@ Result<std::size_t> StoredFile::readAt(std::int64_t offset, std::span<char> buff
   return readFrom(descriptor_, offset, buffer);
 }
 
-ContentStore::Incoming::~Incoming() {
+ContentStore::Body::~Body() {
   ::close(descriptor_);
-  if (!placed_) ::unlink(path_.c_str());
 }
 
-Result<void> ContentStore::Incoming::flush() {
-  auto written = writeAll(descriptor_, buffer_, size_ - static_cast<std::int64_t>(buffer_.size()), path_);
+Result<void> ContentStore::Body::write(std::string_view bytes) {
+  hasher_.add(bytes);
+  size_ += static_cast<std::int64_t>(bytes.size());
+  buffer_ += bytes;
+  return buffer_.size() >= WRITE_BUFFER ? flushAll() : Result<void>();
+}
+
+Result<void> ContentStore::Body::flushAll() {
+  auto written = flush(buffer_);
   buffer_.clear();
   return written;
 }
 
-Result<void> ContentStore::Incoming::write(std::string_view bytes) {
-  hasher_.add(bytes);
-  size_ += static_cast<std::int64_t>(bytes.size());
-  buffer_ += bytes;
-  return buffer_.size() >= WRITE_BUFFER ? flush() : Result<void>();
+Result<std::string> ContentStore::Body::seal(bool sync) {
+  if (auto written = flushAll(); !written) return failure(std::move(written.error()));
+  if (sync && ::fsync(descriptor_) != 0) return failure(Error::posix(errno, "cannot sync received contents"));
+  return hexadecimal(hasher_.finish());
 }
 
-Result<std::string> ContentStore::Incoming::seal(bool sync) {
-  if (auto written = flush(); !written) return failure(std::move(written.error()));
-  if (sync && ::fsync(descriptor_) != 0) return failure(Error::posix(errno, "cannot sync " + path_));
-  return hexadecimal(hasher_.finish());
+ContentStore::Incoming::~Incoming() {
+  if (!placed_) ::unlink(path_.c_str());
+}
+
+Result<void> ContentStore::Incoming::flush(std::string_view buffered) {
+  return writeAll(descriptor(), buffered, size() - static_cast<std::int64_t>(buffered.size()), path_);
 }
 
 Result<void> ContentStore::Incoming::place(bool sync) {
@@ -126,17 +133,13 @@ Result<void> ContentStore::Incoming::place(bool sync) {
 }
 
 Result<std::size_t> ContentStore::Incoming::readAt(std::int64_t offset, std::span<char> buffer) const {
-  return readFrom(descriptor_, offset, buffer);
+  return readFrom(descriptor(), offset, buffer);
 }
 
 ContentStore::IncomingPart::IncomingPart(std::shared_ptr<Turn> turn, int descriptor, std::int64_t offset)
-    : turn_(std::move(turn)), descriptor_(descriptor), offset_(offset) {
+    : Body(descriptor), turn_(std::move(turn)), offset_(offset) {
   const MutexLock lock(turn_->lock);
   ticket_ = ++turn_->holder;
-}
-
-ContentStore::IncomingPart::~IncomingPart() {
-  ::close(descriptor_);
 }
 
 bool ContentStore::IncomingPart::isCurrent() const {
@@ -144,27 +147,12 @@ bool ContentStore::IncomingPart::isCurrent() const {
   return turn_->holder == ticket_;
 }
 
-Result<void> ContentStore::IncomingPart::flush() {
+Result<void> ContentStore::IncomingPart::flush(std::string_view buffered) {
   // The lock is held while writing, so that a transfer that was taken over cannot write after the one that took over;
   // nobody else uses it.
   const MutexLock lock(turn_->lock);
   if (turn_->holder != ticket_) return failure(Error::posix(ECANCELED, "the part is being sent again"));
-  auto written = writeAll(descriptor_, buffer_, offset_ + size_ - static_cast<std::int64_t>(buffer_.size()), "a part");
-  buffer_.clear();
-  return written;
-}
-
-Result<void> ContentStore::IncomingPart::write(std::string_view bytes) {
-  hasher_.add(bytes);
-  size_ += static_cast<std::int64_t>(bytes.size());
-  buffer_ += bytes;
-  return buffer_.size() >= WRITE_BUFFER ? flush() : Result<void>();
-}
-
-Result<std::string> ContentStore::IncomingPart::seal() {
-  if (auto written = flush(); !written) return failure(std::move(written.error()));
-  if (::fsync(descriptor_) != 0) return failure(Error::posix(errno, "cannot sync a part"));
-  return hexadecimal(hasher_.finish());
+  return writeAll(descriptor(), buffered, offset_ + size() - static_cast<std::int64_t>(buffered.size()), "a part");
 }
 
 Result<ContentStore> ContentStore::open(const std::string& root) {

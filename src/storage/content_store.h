@@ -39,18 +39,39 @@ class ContentStore {
  public:
   enum class Kind { contents, thumb };
 
-  // Bytes on their way in; dropped unless finished.
-  class Incoming {
+  // Bytes on their way into a file.
+  class Body {
    public:
-    ~Incoming();
-    Incoming(const Incoming&) = delete;
-    Incoming& operator=(const Incoming&) = delete;
+    virtual ~Body();
+    Body(const Body&) = delete;
+    Body& operator=(const Body&) = delete;
 
     Result<void> write(std::string_view bytes);
     [[nodiscard]] std::int64_t size() const { return size_; }
     // No more bytes come: they are on the disk, still out of sight. Answers their SHA-256 in hexadecimal digits. With
     // `sync` false the caller sees to the disk with syncAll.
     Result<std::string> seal(bool sync = true);
+
+   protected:
+    explicit Body(int descriptor) : descriptor_(descriptor) {}
+    // Writes what is buffered where it belongs: its end is `size` bytes into the body.
+    virtual Result<void> flush(std::string_view buffered) = 0;
+    [[nodiscard]] int descriptor() const { return descriptor_; }
+
+   private:
+    Result<void> flushAll();
+
+    int descriptor_;
+    std::int64_t size_ = 0;
+    std::string buffer_;
+    Sha256 hasher_;
+  };
+
+  // Contents or a preview on the way in; dropped unless placed.
+  class Incoming final : public Body {
+   public:
+    ~Incoming() override;
+
     // Puts them under the key, in the place of earlier ones. After seal.
     Result<void> place(bool sync = true);
     // What was sealed, as StoredFile::readAt.
@@ -59,29 +80,18 @@ class ContentStore {
    private:
     friend class ContentStore;
     Incoming(std::string path, std::string target, int descriptor)
-        : path_(std::move(path)), target_(std::move(target)), descriptor_(descriptor) {}
-    Result<void> flush();
+        : Body(descriptor), path_(std::move(path)), target_(std::move(target)) {}
+    Result<void> flush(std::string_view buffered) override;
 
     std::string path_;
     std::string target_;
-    int descriptor_;
-    std::int64_t size_ = 0;
-    std::string buffer_;
-    Sha256 hasher_;
     bool placed_ = false;
   };
 
   // One part on its way into a file of several. A later transfer of the same part takes over: this one fails from then
   // on, and cannot mix its bytes with the other's.
-  class IncomingPart {
+  class IncomingPart final : public Body {
    public:
-    ~IncomingPart();
-    IncomingPart(const IncomingPart&) = delete;
-    IncomingPart& operator=(const IncomingPart&) = delete;
-
-    Result<void> write(std::string_view bytes);
-    [[nodiscard]] std::int64_t size() const { return size_; }
-    Result<std::string> seal();  // as Incoming::seal
     [[nodiscard]] bool isCurrent() const;
 
    private:
@@ -91,15 +101,11 @@ class ContentStore {
       std::uint64_t holder GUARDED_BY(lock) = 0;
     };
     IncomingPart(std::shared_ptr<Turn> turn, int descriptor, std::int64_t offset);
-    Result<void> flush();
+    Result<void> flush(std::string_view buffered) override;
 
     std::shared_ptr<Turn> turn_;
     std::uint64_t ticket_;
-    int descriptor_;
     std::int64_t offset_;
-    std::int64_t size_ = 0;
-    std::string buffer_;
-    Sha256 hasher_;
   };
 
   // Makes the folders below `root` when they are missing and clears what a crash left of single uploads.

@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <optional>
 #include <set>
@@ -21,6 +20,7 @@
 
 #include "base/mutex.h"
 #include "platform/log.h"
+#include "storage/count.h"
 
 namespace vondle::storage {
 namespace {
@@ -133,11 +133,7 @@ void send(httplib::Response& response, const Refusal& refusal) {
 std::optional<std::int64_t> lengthOf(const httplib::Request& request) {
   if (request.has_header("Transfer-Encoding") || request.get_header_value_count("Content-Length") != 1)
     return std::nullopt;
-  const std::string text = request.get_header_value("Content-Length");
-  std::int64_t length = -1;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), length);
-  if (error != std::errc() || end != text.data() + text.size() || length < 0) return std::nullopt;
-  return length;
+  return countIn(request.get_header_value("Content-Length"));
 }
 
 bool hasBody(const httplib::Request& request) {

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <charconv>
 #include <cstdio>
 #include <string>
 #include <thread>
@@ -17,9 +16,11 @@
 #include "platform/linux/helper_preview_renderer.h"
 #include "platform/linux/linux_clock.h"
 #include "storage/accounts.h"
+#include "storage/count.h"
 #include "storage/crypto.h"
 #include "storage/http_server.h"
 #include "storage/importer.h"
+#include "storage/milliseconds.h"
 
 namespace vondle::storage {
 namespace {
@@ -48,24 +49,16 @@ std::optional<std::pair<std::string, std::string>> splitAtColon(const std::strin
   return std::pair(text.substr(0, colon), text.substr(colon + 1));
 }
 
-template <class T>
-std::optional<T> numberOf(const std::string& text) {
-  T value{};
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc() || end != text.data() + text.size() || value < 0) return std::nullopt;
-  return value;
-}
-
 class Program {
  public:
   explicit Program(Arguments arguments) : arguments_(std::move(arguments)) {}
 
   int run() {
     const auto colon = arguments_.listen.rfind(':');
-    const auto port = colon == std::string::npos ? std::nullopt : numberOf<int>(arguments_.listen.substr(colon + 1));
+    const auto port = colon == std::string::npos ? std::nullopt : countIn(arguments_.listen.substr(colon + 1));
     if (!port || *port > 65535) return complain(USAGE, "--listen takes ADDRESS:PORT, for example 127.0.0.1:8080");
     const HttpOptions http{
-        .host = arguments_.listen.substr(0, colon), .port = *port, .publicUrl = arguments_.publicUrl};
+        .host = arguments_.listen.substr(0, colon), .port = static_cast<int>(*port), .publicUrl = arguments_.publicUrl};
 
     if (const int code = open(); code != SUCCEEDED) return code;
     if (const int code = setUpAccounts(); code != SUCCEEDED) return code;
@@ -144,7 +137,7 @@ class Program {
     }
     for (const auto& text : arguments_.quotas) {
       const auto parts = splitAtColon(text);
-      const auto bytes = parts ? numberOf<std::int64_t>(parts->second) : std::nullopt;
+      const auto bytes = parts ? countIn(parts->second) : std::nullopt;
       if (!bytes) return complain(USAGE, "--quota takes NAME:BYTES");
       const auto done = store->write<bool>([&]() -> Answer<bool> {
         const auto account = store->accountNamed(parts->first);
@@ -181,7 +174,7 @@ class Program {
     return SUCCEEDED;
   }
 
-  [[nodiscard]] std::int64_t now() const { return static_cast<std::int64_t>(clock_.now().secondsSince1970 * 1000); }
+  [[nodiscard]] std::int64_t now() const { return millisecondsNow(clock_); }
 
   Arguments arguments_;
   LinuxClock clock_;

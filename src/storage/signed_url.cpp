@@ -1,7 +1,6 @@
 #include "storage/signed_url.h"
 
-#include <charconv>
-
+#include "storage/count.h"
 #include "storage/crypto.h"
 
 namespace vondle::storage {
@@ -22,11 +21,9 @@ std::string SignedUrl::sign(std::string_view method, std::string_view path, std:
 
 bool SignedUrl::isValid(std::string_view method, std::string_view path, std::string_view expires,
                         std::string_view given, std::int64_t now) const {
-  std::int64_t until = 0;
-  const auto [end, error] = std::from_chars(expires.data(), expires.data() + expires.size(), until);
-  if (error != std::errc() || end != expires.data() + expires.size()) return false;
+  const auto until = countIn(expires);
   const bool genuine = equalInConstantTime(signature(method == "HEAD" ? "GET" : method, path, expires), given);
-  return genuine && now < until;
+  return genuine && until && now < *until;
 }
 
 }  // namespace vondle::storage

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "platform/log.h"
+#include "storage/milliseconds.h"
 #include "storage/tree.h"
 
 namespace vondle::storage {
@@ -90,7 +91,6 @@ void Thumbnailer::keep(const std::string& key, const std::optional<std::string>&
     if (!received) return slog.error("%{public}@", received.error().localizedDescription());
     incoming = std::move(*received);
   }
-  const auto now = static_cast<std::int64_t>(clock_.now().secondsSince1970 * 1000);
   auto store = stores_.writer();
   // In a transaction, so that it cannot come after the removal of its contents.
   const auto kept = store->write<std::int64_t>([&]() -> Answer<std::int64_t> {
@@ -103,7 +103,7 @@ void Thumbnailer::keep(const std::string& key, const std::optional<std::string>&
     item->thumb = incoming ? Thumb::stored : Thumb::impossible;
     store->update(*item);
     // That there is to be a preview was told already.
-    if (!incoming) Tree(*store, std::move(*owner), now).noteChanged(*item);
+    if (!incoming) Tree(*store, std::move(*owner), millisecondsNow(clock_)).noteChanged(*item);
     return item->id;
   });
   if (!kept) return slog.error("%{public}@", kept.error().text);

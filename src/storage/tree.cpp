@@ -1,7 +1,6 @@
 #include "storage/tree.h"
 
-#include <charconv>
-
+#include "storage/count.h"
 #include "storage/names.h"
 
 namespace vondle::storage {
@@ -10,11 +9,7 @@ namespace {
 const Refusal NOT_FOUND{404, "there is no such item"};
 
 std::optional<ItemId> numberOf(std::string_view text) {
-  ItemId value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc() || end != text.data() + text.size() || value <= 0 || text.starts_with('0'))
-    return std::nullopt;
-  return value;
+  return text.starts_with('0') ? std::nullopt : countIn(text);
 }
 
 }  // namespace

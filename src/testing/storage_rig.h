@@ -17,6 +17,7 @@
 #include "storage/accounts.h"
 #include "storage/api_handlers.h"
 #include "storage/content_handlers.h"
+#include "storage/milliseconds.h"
 
 namespace vondle::storage {
 
@@ -111,7 +112,7 @@ class StorageRig {
   }
 
   static std::string keyOf(const std::string& account) { return "key-of-" + account + "-0123456789"; }
-  [[nodiscard]] std::int64_t now() const { return static_cast<std::int64_t>(clock_.now().secondsSince1970 * 1000); }
+  [[nodiscard]] std::int64_t now() const { return millisecondsNow(clock_); }
 
   // Whose requests the following ones are.
   void as(const std::string& account) { account_ = account; }
