@@ -20,7 +20,7 @@ namespace vondle {
 // an upload of the same id that is saved already is taken over. Kept alive by what it waits for.
 //
 // Created and started on any thread (creating reads and writes the saved uploads); everything else happens on its
-// queue. Completes once, with the storage key; errors as those of upload().
+// queue. Takes the progress's cancellation handler. Completes once, with the storage key; errors as those of upload().
 class MultipartUpload final : public std::enable_shared_from_this<MultipartUpload> {
  public:
   struct Job {
