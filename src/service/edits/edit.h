@@ -71,9 +71,9 @@ struct Edit {
 // What the service keeps of an item that no server knows of.
 struct LocalAttributes {
   ItemIdentifier item;
-  std::optional<std::uint32_t> permissions;  // FileSystemFlags
+  std::optional<std::uint32_t> permissions = std::nullopt;  // FileSystemFlags
   // Shown while the contents are still those with this tag.
-  std::optional<Timestamp> modified;
+  std::optional<Timestamp> modified = std::nullopt;
   std::uint64_t contentTag = 0;
   friend bool operator==(const LocalAttributes&, const LocalAttributes&) = default;
 };

@@ -103,13 +103,77 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
   void retryAll();
 
  private:
-  LocalEdits(EditStore store, Tree& tree, const Clock& clock, RandomSource& random);
+  // What a program does, thought through: first the edits are written, then the tree changes.
+  struct Plan {
+    struct Move {
+      Inode inode = 0;
+      Place place;
+      std::string localName;
+    };
+    struct Heir {
+      Inode inode = 0;
+      ItemIdentifier item;
+    };
+    EditBatch edits;
+    std::vector<Inode> gone;
+    std::vector<Heir> heirs;    // nodes that become another item
+    std::vector<EditID> shown;  // made when they are not here
+    std::vector<Move> moves;
+    std::vector<Inode> refreshed;
+  };
 
-  EditStore store_;
+  LocalEdits(EditStore store, Tree& tree, const Clock& clock, RandomSource& random);
+  Result<void> restore();
+
+  template <class Answer, class Work>
+  void perform(Completion<Answer> completion, Work work);
+  Result<void> write(const EditBatch& batch);
+  void keep(const EditBatch& batch);
+  Result<void> commit(const Plan& plan, bool isByProgram = true);
+  void apply(const std::function<void(TreeEdit&)>& make);
+  void tellChanged() const;
+  void syncSoon();
+  Result<void> sync();
+
+  Result<ItemAttributes> make(Inode folder, const std::string& name, Edit edit, bool isExecutable);
+  Result<void> moveTo(const ItemAttributes& item, const std::string& fromName, const ItemAttributes& toFolder,
+                      const std::string& toName, bool mayReplace);
+  Result<void> remove(Inode folder, const std::string& name, bool isFolder);
+  Result<void> changeContents(Inode inode, std::int64_t contents, std::optional<std::uint64_t> madeFrom);
+  void noteContents(const Edit& edit);
+  Result<ItemAttributes> setAttributes(Inode inode, const std::function<void(LocalAttributes&)>& set);
+  Outcome settle(const Edit& sent, std::uint32_t fields, const SavedItem& saved);
+  std::int64_t settleEdit(TreeEdit& tree, Edit edit, const Edit& sent, std::uint32_t fields, const SavedItem& saved);
+  static void takeIdentifier(TreeEdit& tree, Edit& edit, const ItemIdentifier& identifier);
+  static void keepModified(TreeEdit& tree, Inode inode, const SavedItem& saved);
+  Outcome settleDeleted(Edit edit, const SavedItem& saved);
+  bool dropIfLost(EditID id);
+  void settleVanished(const Edit& edit);
+
+  Edit newEdit();
+  Edit editFor(const ItemAttributes& item);
+  void setPlace(Edit& edit, const Place& place) const;
+  void noteChange(Edit& edit) const;
+  void noteContentsChange(Edit& edit) const;
+  [[nodiscard]] bool mayTakeOver(const Edit& edit) const;
+  [[nodiscard]] std::optional<Edit> heritageAt(const Place& place) const;
+  [[nodiscard]] std::optional<Inode> heirAt(const Place& place, Inode except) const;
+  void planDeletion(Plan& plan, const ItemAttributes& item);
+  void planHeritage(Plan& plan, Edit former, Inode heir, const Place& place);
+  [[nodiscard]] std::string nameAside(const Edit& edit) const;
+
   Tree& tree_;
+  Replica& replica_;
   const Clock& clock_;
   RandomSource& random_;
   std::function<void()> changed_;
+
+  // Used on the tree's queue.
+  EditStore store_;
+  std::vector<EditBatch> unwritten_;  // what news made of edits and could not be written yet
+  bool isOwnChange_ = false;
+  bool isSyncDue_ = false;
+  std::vector<Done> waitingForSync_;
 };
 
 }  // namespace vondle

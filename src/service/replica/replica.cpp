@@ -125,9 +125,75 @@ Result<Item> Replica::item(Inode inode) const {
   const Slot slot = state_.index.find(inode);
   if (slot == NONE) return failure({FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM});
   const Slot parent = state_.index.parent(slot);
+  if (!state_.edits.isEmpty() && state_.edits.ofItem(state_.index.identifier(slot))) {
+    const auto shown = state_.itemOf(slot);
+    item->documentSize = shown.documentSize;
+    item->contentModificationDate = shown.contentModificationDate;
+  }
   item->parentItemIdentifier =
       parent == NONE ? ROOT_CONTAINER : ItemIdentifier{std::string(state_.index.identifier(parent))};
   return item;
+}
+
+bool Replica::isAtOrAbove(Inode candidate, Inode inode) const {
+  MutexLock hold(lock_);
+  const Slot above = state_.index.find(candidate), slot = state_.index.find(inode);
+  return above != NONE && slot != NONE && state_.index.isAtOrAbove(above, slot);
+}
+
+std::optional<Place> Replica::placeOf(Inode inode) const {
+  MutexLock hold(lock_);
+  const Slot slot = state_.index.find(inode);
+  if (slot == NONE || state_.index.parent(slot) == NONE) return std::nullopt;
+  return state_.placeOf(slot);
+}
+
+std::vector<Edit> Replica::edits() const {
+  MutexLock hold(lock_);
+  std::vector<Edit> edits;
+  edits.reserve(state_.edits.all().size());
+  for (const auto& [id, edit] : state_.edits.all()) edits.push_back(edit);
+  return edits;
+}
+
+std::size_t Replica::editCount() const {
+  MutexLock hold(lock_);
+  return state_.edits.all().size();
+}
+
+std::optional<Edit> Replica::edit(EditID id) const {
+  MutexLock hold(lock_);
+  const Edit* edit = state_.edits.find(id);
+  return edit ? std::optional(*edit) : std::nullopt;
+}
+
+std::optional<Edit> Replica::editOf(const ItemIdentifier& identifier) const {
+  MutexLock hold(lock_);
+  const Edit* edit = state_.edits.ofItem(identifier.text);
+  return edit ? std::optional(*edit) : std::nullopt;
+}
+
+std::vector<Edit> Replica::editsOnServerAt(const Place& place) const {
+  MutexLock hold(lock_);
+  std::vector<Edit> edits;
+  for (const EditID id : state_.edits.onServerAt(place)) edits.push_back(*state_.edits.find(id));
+  return edits;
+}
+
+bool Replica::isSending(EditID id) const {
+  MutexLock hold(lock_);
+  return state_.edits.isSending(id);
+}
+
+void Replica::setSending(EditID id, bool isSending) {
+  MutexLock hold(lock_);
+  state_.edits.setSending(id, isSending);
+}
+
+std::optional<LocalAttributes> Replica::localAttributesOf(const ItemIdentifier& identifier) const {
+  MutexLock hold(lock_);
+  const auto* attributes = state_.edits.attributesOf(identifier.text);
+  return attributes ? std::optional(*attributes) : std::nullopt;
 }
 
 std::vector<NamedDifferently> Replica::problems() const {
@@ -165,10 +231,11 @@ void Replica::rememberNews(const std::vector<Item>& updates, const std::vector<I
 }
 
 Result<std::vector<ReplicaChange>> Replica::applyListing(Inode folder, const std::vector<Item>& items) {
-  reserveInodesFor(items.size() + MAX_NEWS);
+  reserveInodesFor(items.size() + MAX_NEWS + editCount());
   Listing listing;
   std::vector<ReplicaChange> changes;
   ReplicaStore::Batch batch;
+  EditBatch edits;
   {
     MutexLock hold(lock_);
     if (const auto found = listings_.find(folder); found != listings_.end()) {
@@ -179,34 +246,83 @@ Result<std::vector<ReplicaChange>> Replica::applyListing(Inode folder, const std
     if (slot == NONE || !state_.index.facts(slot).isFolder) return failure({FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM});
     if (listing.count > MAX_NEWS)
       return failure({COCOA_ERROR_DOMAIN, FILE_READ_UNKNOWN, "The folder changed too often while it was listed."});
+    std::set<std::string> spared;
+    for (const auto& news : listing.news)
+      for (const Item& item : news.updates) spared.insert(item.itemIdentifier.text);
     TreeEdit edit(state_, nextInode_);
-    edit.takeListing(slot, items);
+    edit.takeListing(slot, items, spared);
     for (const auto& [updates, deletions] : listing.news) {
       for (const Item& item : updates) edit.takeUpdate(item);
       for (const auto& identifier : deletions) edit.takeDeletion(identifier);
     }
-    changes = edit.finish(batch);
+    changes = edit.finish(batch, edits);
   }
-  store_.write(batch);
+  write(batch, edits, false);
   return changes;
 }
 
 std::vector<ReplicaChange> Replica::applyNews(const std::vector<Item>& updates,
                                               const std::vector<ItemIdentifier>& deletions) {
-  reserveInodesFor(updates.size());
+  reserveInodesFor(updates.size() + editCount());
   std::vector<ReplicaChange> changes;
   ReplicaStore::Batch batch;
+  EditBatch edits;
   {
     MutexLock hold(lock_);
     rememberNews(updates, deletions);
     TreeEdit edit(state_, nextInode_);
     for (const Item& item : updates) edit.takeUpdate(item);
     for (const auto& identifier : deletions) edit.takeDeletion(identifier);
-    changes = edit.finish(batch);
+    changes = edit.finish(batch, edits);
   }
   // The server tells news once; a listing can be had again.
-  store_.writeDurably(batch);
+  write(batch, edits, true);
   return changes;
+}
+
+std::vector<ReplicaChange> Replica::change(const std::function<void(TreeEdit&)>& make) {
+  reserveInodesFor(editCount() + 1);
+  std::vector<ReplicaChange> changes;
+  ReplicaStore::Batch batch;
+  EditBatch edits;
+  {
+    MutexLock hold(lock_);
+    TreeEdit edit(state_, nextInode_);
+    make(edit);
+    changes = edit.finish(batch, edits);
+  }
+  write(batch, edits, false);
+  return changes;
+}
+
+// The edits first: an item of this machine that no edit tells of is removed at the next start, while an edit whose item
+// is not there shows it again.
+void Replica::write(const ReplicaStore::Batch& batch, const EditBatch& edits, bool isNews) {
+  if (!edits.isEmpty() && keepEdits_) keepEdits_(edits);
+  isNews ? store_.writeDurably(batch) : store_.write(batch);
+}
+
+void Replica::noteNews(const std::vector<Item>& updates, const std::vector<ItemIdentifier>& deletions) {
+  MutexLock hold(lock_);
+  rememberNews(updates, deletions);
+}
+
+void Replica::keepEdits(EditKeeper keeper, std::function<Edit()> newEdit) {
+  keepEdits_ = std::move(keeper);
+  MutexLock hold(lock_);
+  state_.edits.newEdit = std::move(newEdit);
+}
+
+void Replica::restoreEdits(const EditBatch& edits) {
+  const auto localItems = store_.localItems();
+  change([&](TreeEdit& edit) {
+    edit.takeWritten(edits);
+    edit.restore(localItems);
+  });
+}
+
+Result<Item> Replica::keptItem(Inode inode) {
+  return store_.item(inode);
 }
 
 void Replica::reserveInodesFor(std::size_t items) {

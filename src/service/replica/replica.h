@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -12,10 +13,12 @@
 #include "base/error.h"
 #include "base/mutex.h"
 #include "fileprovider/item.h"
+#include "service/edits/edit.h"
 #include "service/inode.h"
 #include "service/replica/local_name.h"
 #include "service/replica/replica_change.h"
 #include "service/replica/replica_store.h"
+#include "service/replica/tree_edit.h"
 #include "service/replica/tree_state.h"
 
 namespace vondle {
@@ -33,9 +36,9 @@ struct NamedDifferently {
   NameProblem problem;
 };
 
-// The tree as the server last told it: a folder's children are taken over whole when it is first listed, and kept true
-// by updates and deletions. Answers from memory; a SQLite database keeps it over restarts (what it keeps can be had
-// again from the server).
+// The tree as the server last told it, with what programs changed of it since: a folder's children are taken over whole
+// when it is first listed, and kept true by updates and deletions. Answers from memory; a SQLite database keeps it over
+// restarts (what it keeps can be had again from the server, or is in the edits).
 //
 // Whatever the items say, the tree stays a tree below the root: an item whose parent is unknown or trashed, that is its
 // own ancestor or that changes between file and folder leaves it (the last one comes back as a new item). Items of a
@@ -66,8 +69,23 @@ class Replica {
   [[nodiscard]] std::optional<Inode> inodeAtPath(std::string_view path) const EXCLUDES(lock_);
   // Everything the server said of it; reads the database, so not for the kernel's requests. NO_SUCH_ITEM when unknown.
   [[nodiscard]] Result<Item> item(Inode inode) const;
+  // The first is the second or above it.
+  [[nodiscard]] bool isAtOrAbove(Inode candidate, Inode inode) const EXCLUDES(lock_);
+  // Its folder and its server name; none for the root.
+  [[nodiscard]] std::optional<Place> placeOf(Inode inode) const EXCLUDES(lock_);
   [[nodiscard]] std::vector<NamedDifferently> problems() const EXCLUDES(lock_);
   [[nodiscard]] std::size_t itemCount() const EXCLUDES(lock_);  // the root not counted
+
+  // What programs changed and the server has not. Ordered by id.
+  [[nodiscard]] std::vector<Edit> edits() const EXCLUDES(lock_);
+  [[nodiscard]] std::size_t editCount() const EXCLUDES(lock_);
+  [[nodiscard]] std::optional<Edit> edit(EditID id) const EXCLUDES(lock_);
+  [[nodiscard]] std::optional<Edit> editOf(const ItemIdentifier& identifier) const EXCLUDES(lock_);
+  [[nodiscard]] std::vector<Edit> editsOnServerAt(const Place& place) const EXCLUDES(lock_);
+  [[nodiscard]] bool isSending(EditID id) const EXCLUDES(lock_);
+  void setSending(EditID id, bool isSending) EXCLUDES(lock_);
+  [[nodiscard]] std::optional<LocalAttributes> localAttributesOf(const ItemIdentifier& identifier) const
+      EXCLUDES(lock_);
 
   // From here until applyListing or abandonListing, news is remembered for that folder. Any thread; once per folder at
   // a time.
@@ -82,6 +100,18 @@ class Replica {
   // that goes. Deleting the root means that everything may have changed: it is listed again on next need.
   std::vector<ReplicaChange> applyNews(const std::vector<Item>& updates, const std::vector<ItemIdentifier>& deletions)
       EXCLUDES(lock_);
+  // What `make` does to the tree and to the edits.
+  std::vector<ReplicaChange> change(const std::function<void(TreeEdit&)>& make) EXCLUDES(lock_);
+  // What became of this item is news for folders that are being listed, too.
+  void noteNews(const std::vector<Item>& updates, const std::vector<ItemIdentifier>& deletions) EXCLUDES(lock_);
+  // Given each change of the edits that follows from news or from change, when the tree has changed and before it is
+  // written. The edits are made by `newEdit`: with an id, an identifier and the time.
+  using EditKeeper = std::function<void(const EditBatch&)>;
+  void keepEdits(EditKeeper keeper, std::function<Edit()> newEdit) EXCLUDES(lock_);
+  // Shows these edits, after which they are kept: before anything else is changed.
+  void restoreEdits(const EditBatch& edits) EXCLUDES(lock_);
+  // What the server said of the item, for its version; unlike item, for the thread that changes.
+  [[nodiscard]] Result<Item> keptItem(Inode inode);
 
  private:
   // What came while a folder was being listed.
@@ -98,6 +128,7 @@ class Replica {
   explicit Replica(ReplicaStore store);
   Result<void> load();
   void reserveInodesFor(std::size_t items);
+  void write(const ReplicaStore::Batch& batch, const EditBatch& edits, bool isNews);
   void rememberNews(const std::vector<Item>& updates, const std::vector<ItemIdentifier>& deletions) REQUIRES(lock_);
 
   mutable Mutex lock_;
@@ -107,6 +138,7 @@ class Replica {
   // Used by the thread that changes.
   ReplicaStore store_;
   Inode nextInode_;
+  EditKeeper keepEdits_;
 };
 
 }  // namespace vondle

@@ -7,6 +7,7 @@
 #include "base/json.h"
 #include "fileprovider/error_codes.h"
 #include "platform/log.h"
+#include "service/edits/edit.h"
 
 namespace vondle {
 namespace {
@@ -132,6 +133,11 @@ Result<void> ReplicaStore::prepare() {
   } else if (*version != VERSION) {
     return failure({sqlite::ERROR_DOMAIN, SQLITE_MISMATCH, fmt::format("the tree is of version {}", *version)});
   }
+  // So that a start finds those few among a million.
+  if (auto made = database_->execute(fmt::format(
+          "CREATE INDEX IF NOT EXISTS item_local ON item(id) WHERE identifier GLOB '{}*'", LOCAL_IDENTIFIER_PREFIX));
+      !made)
+    return made;
   // Listings write much at once: fewer, larger checkpoints. But a start has to go through what is left in the log.
   if (auto set = database_->execute("PRAGMA wal_autocheckpoint = 4000"); !set) return set;
   {
@@ -153,7 +159,7 @@ Result<void> ReplicaStore::prepare() {
                                             COLUMNS));
       !kept)
     return kept;
-  if (auto kept = keep(move_, "UPDATE item SET parent = ?2, local = ?3 WHERE id = ?1"); !kept) return kept;
+  if (auto kept = keep(move_, "UPDATE item SET parent = ?2, local = ?3, name = ?4 WHERE id = ?1"); !kept) return kept;
   if (auto kept = keep(list_, "UPDATE item SET kind = ?2 WHERE id = ?1"); !kept) return kept;
   return keep(remove_, "DELETE FROM item WHERE id = ?1");
 }
@@ -243,8 +249,8 @@ Result<void> ReplicaStore::tryWrite(const Batch& batch) {
         .bind(18, decorationsText(*item));
     if (auto done = upsert_->run(); !done) return done;
   }
-  for (const auto& [inode, parent, localName] : batch.moves)
-    if (auto done = move_->bindAll(inode, parent, localName).run(); !done) return done;
+  for (const auto& [inode, parent, localName, serverName] : batch.moves)
+    if (auto done = move_->bindAll(inode, parent, localName, serverName).run(); !done) return done;
   for (const auto& [inode, isListed] : batch.listed)
     if (auto done = list_->bindAll(inode, isListed ? 2 : 1).run(); !done) return done;
   for (const Inode inode : batch.removals)
@@ -266,10 +272,29 @@ void ReplicaStore::giveUp(const Error& error) {
   }
 }
 
+std::vector<Inode> ReplicaStore::localItems() {
+  std::vector<Inode> inodes;
+  if (isGivenUp()) return inodes;
+  auto rows = database_->prepare(
+      fmt::format("SELECT id FROM item INDEXED BY item_local WHERE identifier GLOB '{}*'", LOCAL_IDENTIFIER_PREFIX));
+  if (!rows) return inodes;
+  for (auto row = rows->step(); row && *row; row = rows->step()) inodes.push_back(static_cast<Inode>(rows->integer(0)));
+  return inodes;
+}
+
+Result<Item> ReplicaStore::item(Inode inode) {
+  if (isGivenUp()) return failure({FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM});
+  return itemIn(*database_, inode);
+}
+
 Result<Item> ReplicaStore::readItem(const std::string& path, Inode inode) {
   auto database = sqlite::Database::open(path, {.readOnly = true});
   if (!database) return std::unexpected(database.error());
-  auto row = database->prepare(fmt::format("SELECT {} FROM item AS i WHERE id = ?1", COLUMNS));
+  return itemIn(*database, inode);
+}
+
+Result<Item> ReplicaStore::itemIn(sqlite::Database& database, Inode inode) {
+  auto row = database.prepare(fmt::format("SELECT {} FROM item AS i WHERE id = ?1", COLUMNS));
   if (!row) return std::unexpected(row.error());
   const auto found = row->bindAll(inode).step();
   if (!found) return std::unexpected(found.error());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -49,6 +50,7 @@ class ReplicaStore {
     Inode inode = 0;
     Inode parent = 0;
     std::string localName;
+    std::string serverName;
   };
 
   struct Batch {
@@ -56,6 +58,7 @@ class ReplicaStore {
     std::vector<Move> moves;
     std::vector<std::pair<Inode, bool>> listed;
     std::vector<Inode> removals;
+    std::deque<Item> made = {};  // upserts may point here
     [[nodiscard]] bool isEmpty() const {
       return upserts.empty() && moves.empty() && listed.empty() && removals.empty();
     }
@@ -81,6 +84,10 @@ class ReplicaStore {
   void write(const Batch& batch);
   // Survives power loss when it returns, with everything written before.
   void writeDurably(const Batch& batch);
+  // Of items that only this machine has.
+  [[nodiscard]] std::vector<Inode> localItems();
+  // As readItem, over the store's own connection.
+  [[nodiscard]] Result<Item> item(Inode inode);
   // Closes and removes the database.
   void giveUp(const Error& error);
   [[nodiscard]] bool isGivenUp() const { return database_ == nullptr; }
@@ -93,6 +100,7 @@ class ReplicaStore {
   static Result<ReplicaStore> openOnce(const std::string& path);
   explicit ReplicaStore(std::string path);
   Result<void> prepare();
+  static Result<Item> itemIn(sqlite::Database& database, Inode inode);
   Result<void> tryWrite(const Batch& batch);
 
   std::string path_;

@@ -29,11 +29,14 @@ class Tree {
   void applyUpdates(std::vector<Item> items, Completion<> completion);
   void applyDeletions(std::vector<ItemIdentifier> identifiers, Completion<> completion);
 
+  // For LocalEdits, which changes the replica on this queue, too, and then tells what follows.
+  void perform(Task task) { queue_->post(std::move(task)); }
+  void performAfter(Duration delay, Task task) { queue_->after(delay, std::move(task)); }
+  void tell(const std::vector<ReplicaChange>& changes) const;
+
   [[nodiscard]] Replica& replica() { return replica_; }
 
  private:
-  void tell(const std::vector<ReplicaChange>& changes) const;
-
   Replica& replica_;
   std::vector<Subscriber> subscribers_;
   std::shared_ptr<Queue> queue_;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <string>
 
 #include "platform/content_types.h"
 #include "service/stable_hash.h"
@@ -9,6 +10,13 @@
 namespace vondle {
 
 using Slot = ItemIndex::Slot;
+
+namespace {
+
+constexpr std::uint32_t LOCAL_CAPABILITIES =
+    ALLOWS_READING | ALLOWS_WRITING | ALLOWS_REPARENTING | ALLOWS_RENAMING | ALLOWS_TRASHING | ALLOWS_DELETING;
+
+}  // namespace
 
 TreeState::TreeState() {
   index.insert(ROOT_INODE, ROOT_CONTAINER.text, {}, factsOf(rootItem()));
@@ -36,6 +44,63 @@ ItemIndex::Facts TreeState::factsOf(const Item& item) {
           .fileSystemFlags = static_cast<std::uint8_t>(item.fileSystemFlags),
           .isFolder = item.isFolder(),
           .keepDownloaded = item.contentPolicy == ContentPolicy::downloadEagerlyAndKeepDownloaded};
+}
+
+std::uint64_t TreeState::privateContentTag(std::int64_t number) {
+  return stableHash(LOCAL_IDENTIFIER_PREFIX, std::to_string(number));
+}
+
+void TreeState::applyEdits(std::string_view identifier, ItemIndex::Facts& facts) const {
+  if (edits.isEmpty()) return;
+  if (const Edit* edit = edits.ofItem(identifier); edit && edit->contents != 0) {
+    facts.contentTag = privateContentTag(edit->contents);
+    facts.size = edit->size;
+    facts.modified = edit->modified.secondsSince1970;
+  }
+  const LocalAttributes* kept = edits.attributesOf(identifier);
+  if (!kept) return;
+  if (kept->permissions) facts.fileSystemFlags = static_cast<std::uint8_t>(*kept->permissions);
+  if (kept->modified && kept->contentTag == facts.contentTag) facts.modified = kept->modified->secondsSince1970;
+}
+
+ItemIndex::Facts TreeState::factsOf(const Edit& edit) const {
+  Item item;
+  item.itemIdentifier = edit.item;
+  item.contentType = edit.isFolder ? FOLDER_CONTENT_TYPE : GENERIC_DATA_CONTENT_TYPE;
+  item.capabilities = LOCAL_CAPABILITIES;
+  item.fileSystemFlags = USER_READABLE | USER_WRITABLE | (edit.isFolder ? USER_EXECUTABLE : 0U);
+  item.contentModificationDate = edit.isFolder ? edit.changedAt : edit.modified;
+  auto facts = factsOf(item);
+  // Nobody else knows of what is in it.
+  facts.isListed = edit.isFolder && (edit.fields & EDIT_CREATED) != 0;
+  applyEdits(edit.item.text, facts);
+  return facts;
+}
+
+Item TreeState::itemOf(Slot slot) const {
+  const auto& facts = index.facts(slot);
+  Item item;
+  item.itemIdentifier = {std::string(index.identifier(slot))};
+  if (index.parent(slot) != ItemIndex::NONE)
+    item.parentItemIdentifier = {std::string(index.identifier(index.parent(slot)))};
+  item.filename = serverNameOf(slot);
+  if (facts.isFolder) {
+    item.contentType = FOLDER_CONTENT_TYPE;
+  } else {
+    const auto dot = item.filename.rfind('.');
+    const auto type = dot == std::string::npos ? std::nullopt : contentTypeForExtension(item.filename.substr(dot + 1));
+    item.contentType = type.value_or(GENERIC_DATA_CONTENT_TYPE);
+    item.documentSize = facts.size;
+  }
+  item.capabilities = facts.capabilities;
+  item.fileSystemFlags = facts.fileSystemFlags;
+  item.contentModificationDate = Timestamp{facts.modified};
+  return item;
+}
+
+Place TreeState::placeOf(Slot slot) const {
+  const Slot folder = index.parent(slot);
+  return {{folder == ItemIndex::NONE ? std::string() : std::string(index.identifier(folder))}, serverNameOf(slot)};
 }
 
 ItemAttributes TreeState::attributesOf(Slot slot) const {

@@ -11,6 +11,7 @@
 
 #include "base/time.h"
 #include "fileprovider/item.h"
+#include "service/edits/edit_table.h"
 #include "service/inode.h"
 #include "service/replica/item_index.h"
 #include "service/replica/local_name.h"
@@ -44,6 +45,8 @@ struct TreeState {
   std::map<std::pair<Inode, std::string>, std::set<Inode>> wanted;
   // Folders that were listed since the start and are to be listed again; the kernel may remember their names.
   std::unordered_set<Inode> listedBefore;
+  // What programs changed and the server has not.
+  EditTable edits;
 
   // With nothing but the root in it.
   TreeState();
@@ -56,8 +59,17 @@ struct TreeState {
 
   static ItemIndex::Facts factsOf(const Item& item);
   static std::uint64_t contentTag(std::string_view identifier, std::string_view contentVersion);
+  // Of what programs wrote into the private file of this number.
+  static std::uint64_t privateContentTag(std::int64_t number);
+  // The facts as the user is to see them.
+  void applyEdits(std::string_view identifier, ItemIndex::Facts& facts) const;
+  // What is known of an item that only this machine has.
+  [[nodiscard]] ItemIndex::Facts factsOf(const Edit& edit) const;
+  // The item as the user sees it, for one that no news tells of.
+  [[nodiscard]] Item itemOf(ItemIndex::Slot slot) const;
   // What is known of the root without asking.
   static Item rootItem();
+  [[nodiscard]] Place placeOf(ItemIndex::Slot slot) const;
 };
 
 }  // namespace vondle
