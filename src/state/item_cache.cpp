@@ -1,5 +1,6 @@
 #include "state/item_cache.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "api/vondle_api.h"
@@ -36,7 +37,8 @@ void ItemCache::forget(const std::string& id) {
 void ItemCache::resolve(std::string id, std::optional<Duration> maxAge, Completion<std::optional<Entry>> completion) {
   std::optional<Entry> cached = get(id);
   if (cached) {
-    const double age = clock_.now().secondsSince1970 - cached->fetchedAt.secondsSince1970;
+    // Never less than 0, though the clock may have been set back since.
+    const double age = std::max(clock_.now().secondsSince1970 - cached->fetchedAt.secondsSince1970, 0.0);
     if (!maxAge || age < inSeconds(*maxAge)) return std::move(completion)(std::move(cached));
   }
   api_.item(std::move(id),

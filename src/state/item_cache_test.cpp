@@ -84,6 +84,13 @@ TEST_F(ItemCacheTest, AlwaysAsksTheServerBeforeAMutation) {
   EXPECT_THAT(requests(), ElementsAre("item?id=7", "item?id=7"));
 }
 
+TEST_F(ItemCacheTest, AsksTheServerBeforeAMutationAlsoWhenTheClockWasSetBack) {
+  answer("item", R"({"id":"7","name":"fresh"})");
+  cache.store({entry("7", "a")});
+  scheduler.setWallClock({scheduler.now().secondsSince1970 - 3600});
+  EXPECT_EQ(resolve("7", mutationFreshness)->name, "fresh");
+}
+
 TEST_F(ItemCacheTest, StoresWhatTheServerAnswers) {
   answer("item", R"({"id":"7","name":"fresh"})");
   EXPECT_EQ(resolve("7", std::nullopt)->name, "fresh");
