@@ -65,6 +65,22 @@ TEST_F(LargeUploadTest, ExactlyTwoGibibytesAreEnough) {
   EXPECT_TRUE(large.isActive());
 }
 
+TEST_F(LargeUploadTest, MoreUploadsDoNotBeginTheModeAgain) {
+  large.started(3 * GIBIBYTE);
+  const double start = time();
+  scheduler.runUntilIdle();
+  const int writes = files.writeCount(STATE);
+  log.clear();
+  scheduler.advance(seconds(15));
+  large.started(GIBIBYTE);
+  EXPECT_TRUE(log.lines().empty());
+  scheduler.runUntilIdle();
+  EXPECT_EQ(files.writeCount(STATE), writes);
+  large.touch();
+  EXPECT_EQ(json::number(state(), "since"), start);
+  EXPECT_EQ(json::integer(state(), "files"), 2);
+}
+
 TEST_F(LargeUploadTest, WithAnUploadLimitTheModeStaysOff) {
   configure(R"({"max_upload_kbps": 100})");
   large.started(5 * GIBIBYTE);

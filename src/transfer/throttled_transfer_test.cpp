@@ -130,6 +130,14 @@ TEST_F(ThrottledTransferTest, ADownloadEndsInATemporaryFileOfTheCallers) {
   EXPECT_TRUE(progress->isPausable());
 }
 
+TEST_F(ThrottledTransferTest, WithoutASizeTheProgressObjectKeepsItsTotal) {
+  const auto progress = Progress::make(7);
+  transfers->download(std::string(HOST) + "a", progress, 0, 0, answers.as("a"));
+  run();
+  EXPECT_EQ(progress->totalUnitCount(), 7);
+  reply("a");
+}
+
 TEST_F(ThrottledTransferTest, TheSessionHasItsTimeouts) {
   download("a");
   EXPECT_EQ(task("a").configuration().timeoutForRequest, seconds(60));
@@ -374,7 +382,7 @@ TEST_F(ThrottledTransferTest, BytesOfBothDirectionsAreCounted) {
   task("u").respond(200);
   task("u").data(std::string(9000, 'x'));  // the answer to an upload is not counted
   run();
-  advance(5);
+  advance(1);
   task("d").data("xxx");
   run();
   EXPECT_DOUBLE_EQ(rate("down_bps"), 1);
@@ -483,6 +491,7 @@ TEST_F(ThrottledTransferTest, TheUsersPauseStopsWhatRunsAndWhatComes) {
   EXPECT_THAT(moving(), IsEmpty());
   EXPECT_THAT(standing(), ElementsAre("a", "b", "c"));
   EXPECT_THAT(logged(), ElementsAre("transfers paused (3 in flight)"));
+  EXPECT_THAT(log.messages(LogLevel::standard), testing::Contains("transfers paused (3 in flight)"));
   download("d");
   EXPECT_THAT(moving(), IsEmpty());
   advance(5);
@@ -646,7 +655,7 @@ TEST_F(ThrottledTransferTest, AWaitOfLessThanATwentiethOfASecondIsIgnored) {
 }
 
 TEST_F(ThrottledTransferTest, UploadsArePacedByWhatWentOutAndFetchesAsDownloads) {
-  configure(R"({"max_upload_kbps": 0.25})");
+  configure(R"({"max_upload_kbps": 0.25, "max_download_kbps": 1})");
   upload("u");
   task("u").sent(512);
   run();
@@ -657,8 +666,6 @@ TEST_F(ThrottledTransferTest, UploadsArePacedByWhatWentOutAndFetchesAsDownloads)
   task("u").data(std::string(100'000, 'x'));  // the answer is not the upload
   run();
   EXPECT_THAT(moving(), ElementsAre("u"));
-  configure(R"({"max_download_kbps": 1})");
-  advance(2);
   transfers->fetchData(std::string(HOST) + "thumb", answers.as("thumb"));
   run();
   task("thumb").respond(200);
