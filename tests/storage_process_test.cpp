@@ -409,7 +409,7 @@ TEST_F(StorageProcessTest, ContentsAreNotHeldInMemory) {
   Client client(program.port());
   ASSERT_TRUE(client.makeFile("small", "x"));
   const long before = program.peakMemory();
-  const std::string bytes(128 << 20, 'x');
+  const std::string bytes(64 << 20, 'x');
   EXPECT_TRUE(client.makeFile("large", bytes));
   EXPECT_TRUE(client.get(*json::text(client.list().at("large"), "download_url")) == bytes);
   EXPECT_LT(program.peakMemory() - before, 16 << 10);
