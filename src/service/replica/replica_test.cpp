@@ -21,7 +21,7 @@
 #include "testing/fake_extension.h"
 
 // Stands in for the C library's, which SQLite calls.
-static std::atomic<int> syncs = 0;
+std::atomic<int> syncs = 0;
 extern "C" int fdatasync(int descriptor) {
   ++syncs;
   return static_cast<int>(::syscall(SYS_fdatasync, descriptor));
