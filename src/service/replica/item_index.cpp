@@ -1,128 +1,27 @@
 #include "service/replica/item_index.h"
 
 #include <algorithm>
-#include <array>
 #include <cassert>
-#include <cstring>
+#include <future>
 #include <iterator>
-#include <numeric>
 #include <utility>
 
 namespace vondle {
 namespace {
 
-constexpr std::size_t UNIT = 4;
-
-constexpr std::size_t inUnits(std::size_t bytes) {
-  return (bytes + UNIT - 1) / UNIT * UNIT;
-}
-
-std::uint32_t mix(std::uint64_t value) {
-  value ^= value >> 32;
-  value *= 0xd6e8feb86659fd93;
-  value ^= value >> 32;
-  value *= 0xd6e8feb86659fd93;
-  return static_cast<std::uint32_t>(value >> 32);
-}
-
 std::uint32_t hashOfInode(Inode inode) {
-  return mix(inode);
+  return SlotTable::mix(inode);
 }
 
 std::uint32_t hashOfIdentifier(std::string_view identifier) {
-  return mix(std::hash<std::string_view>()(identifier));
+  return SlotTable::mix(std::hash<std::string_view>()(identifier));
 }
 
 std::uint32_t hashOfName(ItemIndex::Slot parent, std::string_view name) {
-  return mix(std::hash<std::string_view>()(name) + parent);
+  return SlotTable::mix(std::hash<std::string_view>()(name) + parent);
 }
 
 }  // namespace
-
-std::uint32_t ItemIndex::Texts::add(std::string_view first, std::string_view second) {
-  const auto size = inUnits(first.size() + second.size());
-  assert(size <= CHUNK);
-  if (end_ + size > CHUNK) {
-    chunks_.push_back(std::make_unique_for_overwrite<char[]>(CHUNK));
-    end_ = 0;
-  }
-  char* const place = chunks_.back().get() + end_;
-  if (!first.empty()) std::memcpy(place, first.data(), first.size());
-  if (!second.empty()) std::memcpy(place + first.size(), second.data(), second.size());
-  const auto address = (chunks_.size() - 1) * (CHUNK / UNIT) + end_ / UNIT;
-  assert(address <= 0xffffffff);
-  end_ += size;
-  return static_cast<std::uint32_t>(address);
-}
-
-std::uint32_t ItemIndex::Texts::append(Texts other) {
-  const auto before = chunks_.size();
-  if (other.chunks_.empty()) return 0;
-  std::ranges::move(other.chunks_, std::back_inserter(chunks_));
-  end_ = other.end_;
-  assert(chunks_.size() * (CHUNK / UNIT) <= std::size_t{1} << 32);
-  return static_cast<std::uint32_t>(before * (CHUNK / UNIT));
-}
-
-const char* ItemIndex::Texts::at(std::uint32_t address) const {
-  constexpr auto PER_CHUNK = CHUNK / UNIT;
-  return chunks_[address / PER_CHUNK].get() + address % PER_CHUNK * UNIT;
-}
-
-template <class Matches>
-std::size_t ItemIndex::Table::placeOf(std::uint32_t hash, const Matches& matches) const {
-  auto place = home(hash);
-  while (cells_[place].slot != NONE && !(cells_[place].hash == hash && matches(cells_[place].slot)))
-    place = after(place);
-  return place;
-}
-
-template <class Matches>
-ItemIndex::Slot ItemIndex::Table::find(std::uint32_t hash, const Matches& matches) const {
-  return cells_[placeOf(hash, matches)].slot;
-}
-
-template <class Matches>
-bool ItemIndex::Table::add(Cell cell, const Matches& matches) {
-  if ((used_ + 1) * 4 > cells_.size() * 3) resize(cells_.size() * 3 / 2);
-  Cell& place = cells_[placeOf(cell.hash, matches)];
-  if (place.slot != NONE) return false;
-  place = cell;
-  ++used_;
-  return true;
-}
-
-template <class Matches>
-bool ItemIndex::Table::addAll(std::vector<Cell> cells, const Matches& matches) {
-  if (const auto size = (used_ + cells.size()) * 4 / 3 + 1; size > cells_.size()) resize(size);
-  // Roughly in the table's order, so that memory is gone through once.
-  constexpr int KEY_BITS = 10;
-  const auto keyOf = [](const Cell& cell) { return cell.hash >> (32 - KEY_BITS); };
-  std::array<std::size_t, (1 << KEY_BITS) + 1> ends{};
-  for (const Cell& cell : cells) ++ends[keyOf(cell) + 1];
-  std::partial_sum(ends.begin(), ends.end(), ends.begin());
-  std::vector<Cell> sorted(cells.size());
-  for (const Cell& cell : cells) sorted[ends[keyOf(cell)]++] = cell;
-  return std::ranges::all_of(
-      sorted, [&](const Cell& cell) { return add(cell, [&](Slot known) { return matches(known, cell.slot); }); });
-}
-
-void ItemIndex::Table::remove(std::uint32_t hash, Slot slot) {
-  auto hole = placeOf(hash, [slot](Slot other) { return other == slot; });
-  // Those that stand behind the hole only because their own place was taken move up.
-  for (auto i = after(hole); cells_[i].slot != NONE; i = after(i)) {
-    if (distance(home(cells_[i].hash), i) < distance(hole, i)) continue;
-    cells_[hole] = cells_[i];
-    hole = i;
-  }
-  cells_[hole] = {};
-  --used_;
-}
-
-void ItemIndex::Table::resize(std::size_t cells) {
-  for (const Cell& cell : std::exchange(cells_, std::vector<Cell>(cells)))
-    if (cell.slot != NONE) cells_[placeOf(cell.hash, [](Slot) { return false; })] = cell;
-}
 
 ItemIndex::ItemIndex() = default;
 
@@ -161,7 +60,7 @@ void ItemIndex::remove(Slot slot) {
   detach(slot);
   byInode_.remove(hashOfInode(inode(slot)), slot);
   byIdentifier_.remove(hashOfIdentifier(identifier(slot)), slot);
-  liveText_ -= inUnits(node(slot).nameLength + node(slot).identifierLength);
+  liveText_ -= ByteChunks::roomFor(node(slot).nameLength + node(slot).identifierLength);
   node(slot).identifierLength = node(slot).nameLength = 0;
   free_.push_back(slot);
   --used_;
@@ -241,7 +140,7 @@ std::vector<ItemIndex::Slot> ItemIndex::subtree(Slot slot) const {
 
 bool ItemIndex::take(std::vector<Part> parts) {
   std::vector<Slot> firstSlots;
-  std::vector<Table::Cell> inodes, identifiers;
+  std::vector<SlotTable::Cell> inodes, identifiers;
   for (Part& part : parts) {
     Slot slot = firstSlots.emplace_back(join(part));
     for (const auto hash : part.identifierHashes_) {
@@ -249,10 +148,14 @@ bool ItemIndex::take(std::vector<Part> parts) {
       identifiers.push_back({slot++, hash});
     }
   }
-  return byInode_.addAll(std::move(inodes), [this](Slot a, Slot b) { return inode(a) == inode(b); }) &&
-         byIdentifier_.addAll(std::move(identifiers),
-                              [this](Slot a, Slot b) { return identifier(a) == identifier(b); }) &&
-         link(parts, firstSlots);
+  // Neither looks at what the other changes.
+  auto areIdentifiersNew = std::async(std::launch::async, [&] {
+    return byIdentifier_.addAll(std::move(identifiers),
+                                [this](Slot a, Slot b) { return identifier(a) == identifier(b); });
+  });
+  const bool isTree = byInode_.addAll(std::move(inodes), [this](Slot a, Slot b) { return inode(a) == inode(b); }) &&
+                      link(parts, firstSlots);
+  return areIdentifiersNew.get() && isTree;
 }
 
 ItemIndex::Slot ItemIndex::join(Part& part) {
@@ -277,7 +180,7 @@ ItemIndex::Slot ItemIndex::join(Part& part) {
 }
 
 bool ItemIndex::link(const std::vector<Part>& parts, const std::vector<Slot>& firstSlots) {
-  std::vector<Table::Cell> names;
+  std::vector<SlotTable::Cell> names;
   names.reserve(used_);
   // Neighbours mostly lie in the same folder.
   Inode lastParent = 0;
@@ -311,23 +214,23 @@ void ItemIndex::Part::add(Inode inode, Inode parent, std::string_view identifier
                            texts_.add(name, identifier),
                            static_cast<std::uint16_t>(identifier.size()),
                            static_cast<std::uint8_t>(name.size())};
-  liveText_ += inUnits(name.size() + identifier.size());
+  liveText_ += ByteChunks::roomFor(name.size() + identifier.size());
   parents_.push_back(parent);
   identifierHashes_.push_back(hashOfIdentifier(identifier));
 }
 
 void ItemIndex::setTexts(Node& node, std::string_view name, std::string_view identifier) {
-  liveText_ -= inUnits(node.nameLength + node.identifierLength);
+  liveText_ -= ByteChunks::roomFor(node.nameLength + node.identifierLength);
   const auto address = texts_.add(name, identifier);
   node.text = address;
   node.nameLength = static_cast<std::uint8_t>(name.size());
   node.identifierLength = static_cast<std::uint16_t>(identifier.size());
-  liveText_ += inUnits(name.size() + identifier.size());
+  liveText_ += ByteChunks::roomFor(name.size() + identifier.size());
   if (texts_.size() > 2 * liveText_ + (std::size_t{8} << 20)) compactTexts();
 }
 
 void ItemIndex::compactTexts() {
-  Texts compact;
+  ByteChunks compact;
   for (Slot slot = 0; slot < slotCount_; ++slot) {
     Node& each = node(slot);
     if (each.nameLength + each.identifierLength > 0) each.text = compact.add(name(slot), identifier(slot));

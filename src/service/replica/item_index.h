@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "base/byte_chunks.h"
+#include "base/slot_table.h"
 #include "service/inode.h"
 
 namespace vondle {
@@ -18,8 +20,8 @@ namespace vondle {
 // be given a parent below the node itself (see isAtOrAbove).
 class ItemIndex {
  public:
-  using Slot = std::uint32_t;
-  static constexpr Slot NONE = 0xffffffff;
+  using Slot = SlotTable::Slot;
+  static constexpr Slot NONE = SlotTable::NONE;
   static constexpr std::size_t MAX_IDENTIFIER = 65'535;  // bytes
 
   // What a node carries for its user; the index itself takes no notice.
@@ -87,56 +89,6 @@ class ItemIndex {
     std::uint8_t nameLength;
   };
 
-  // Bytes in chunks, addressed in units of 4.
-  class Texts {
-   public:
-    std::uint32_t add(std::string_view first, std::string_view second);
-    // Takes over the other's, whose addresses grow by what it answers.
-    std::uint32_t append(Texts other);
-    [[nodiscard]] const char* at(std::uint32_t address) const;
-    [[nodiscard]] std::size_t size() const { return chunks_.size() * CHUNK; }
-
-   private:
-    static constexpr std::size_t CHUNK = std::size_t{1} << 20;
-    std::vector<std::unique_ptr<char[]>> chunks_;
-    std::size_t end_ = CHUNK;  // in the last chunk
-  };
-
-  // Slots by a hash of something of theirs, which is kept beside each, so that few others are looked at on the way;
-  // linear probing, at most three quarters full.
-  class Table {
-   public:
-    struct Cell {
-      Slot slot = NONE;
-      std::uint32_t hash = 0;
-    };
-
-    template <class Matches>
-    [[nodiscard]] Slot find(std::uint32_t hash, const Matches& matches) const;
-    // False when there is one that matches.
-    template <class Matches>
-    bool add(Cell cell, const Matches& matches);
-    // False when two match; matches is asked of a slot of the table and a new one.
-    template <class Matches>
-    bool addAll(std::vector<Cell> cells, const Matches& matches);
-    void remove(std::uint32_t hash, Slot slot);
-
-   private:
-    // In the order of the hashes, so that growing goes through both tables from front to back.
-    [[nodiscard]] std::size_t home(std::uint32_t hash) const { return (std::uint64_t{hash} * cells_.size()) >> 32; }
-    [[nodiscard]] std::size_t after(std::size_t place) const { return place + 1 == cells_.size() ? 0 : place + 1; }
-    [[nodiscard]] std::size_t distance(std::size_t from, std::size_t to) const {
-      return to >= from ? to - from : to + cells_.size() - from;
-    }
-    // Where the search for the hash ends: at one that matches, or at the first free place.
-    template <class Matches>
-    [[nodiscard]] std::size_t placeOf(std::uint32_t hash, const Matches& matches) const;
-    void resize(std::size_t cells);
-
-    std::vector<Cell> cells_ = std::vector<Cell>(16);
-    std::size_t used_ = 0;
-  };
-
   static constexpr std::size_t BLOCK = 4096;
 
   [[nodiscard]] Slot newSlot();
@@ -156,11 +108,11 @@ class ItemIndex {
   Slot slotCount_ = 0;
   std::vector<Slot> free_;
   std::size_t used_ = 0;
-  Texts texts_;
+  ByteChunks texts_;
   std::size_t liveText_ = 0;  // bytes
-  Table byInode_;
-  Table byIdentifier_;
-  Table byName_;  // those with a parent
+  SlotTable byInode_;
+  SlotTable byIdentifier_;
+  SlotTable byName_;  // those with a parent
 };
 
 // Any thread, one at a time.
@@ -173,7 +125,7 @@ class ItemIndex::Part {
   friend class ItemIndex;
 
   std::vector<std::unique_ptr<Node[]>> blocks_;
-  Texts texts_;
+  ByteChunks texts_;
   std::size_t liveText_ = 0;  // bytes
   std::vector<Inode> parents_;
   std::vector<std::uint32_t> identifierHashes_;

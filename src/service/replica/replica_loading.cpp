@@ -11,7 +11,7 @@ namespace vondle {
 namespace {
 
 // The rows are read in runs of this many inodes, at most.
-constexpr Inode RUN = 16'384;
+constexpr Inode RUN = 65'536;
 constexpr Inode MAX_RUNS = 1'000;
 constexpr unsigned MAX_THREADS = 4;
 
