@@ -14,24 +14,22 @@ ItemCache& ItemCache::shared() {
 
 void ItemCache::store(const std::vector<Entry>& entries) {
   MutexLock hold(lock_);
-  for (const Entry& entry : entries) entries_.insert_or_assign(entry.id, entry);
+  for (const Entry& entry : entries) entries_.put(entry);
 }
 
-void ItemCache::store(Entry entry) {
+void ItemCache::store(const Entry& entry) {
   MutexLock hold(lock_);
-  std::string id = entry.id;
-  entries_.insert_or_assign(std::move(id), std::move(entry));
+  entries_.put(entry);
 }
 
 std::optional<Entry> ItemCache::get(const std::string& id) {
   MutexLock hold(lock_);
-  const auto found = entries_.find(id);
-  return found == entries_.end() ? std::nullopt : std::optional(found->second);
+  return entries_.get(id);
 }
 
 void ItemCache::forget(const std::string& id) {
   MutexLock hold(lock_);
-  entries_.erase(id);
+  entries_.remove(id);
 }
 
 void ItemCache::resolve(std::string id, std::optional<Duration> maxAge, Completion<std::optional<Entry>> completion) {

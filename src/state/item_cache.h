@@ -2,7 +2,6 @@
 
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "api/entry.h"
@@ -10,6 +9,7 @@
 #include "base/mutex.h"
 #include "base/time.h"
 #include "platform/clock.h"
+#include "state/compact_entries.h"
 
 namespace vondle {
 
@@ -26,7 +26,7 @@ class ItemCache {
 
   // Replaces earlier records of the same identifiers as a whole; the later of two in one list counts.
   void store(const std::vector<Entry>& entries) EXCLUDES(lock_);
-  void store(Entry entry) EXCLUDES(lock_);
+  void store(const Entry& entry) EXCLUDES(lock_);
   std::optional<Entry> get(const std::string& id) EXCLUDES(lock_);
   void forget(const std::string& id) EXCLUDES(lock_);
 
@@ -40,7 +40,7 @@ class ItemCache {
   VondleAPI& api_;
   const Clock& clock_;
   Mutex lock_;
-  std::unordered_map<std::string, Entry> entries_ GUARDED_BY(lock_);
+  CompactEntries entries_ GUARDED_BY(lock_);
 };
 
 }  // namespace vondle
