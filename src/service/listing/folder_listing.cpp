@@ -4,8 +4,17 @@
 #include <vector>
 
 #include "fileprovider/error_codes.h"
+#include "platform/linux/heap.h"
 
 namespace vondle {
+namespace {
+
+// A reply with so many items takes tens of megabytes on its way into the tree.
+constexpr std::size_t MANY_ITEMS = 20'000;
+// When all those on the way have let go of them.
+constexpr Duration UNTIL_FORGOTTEN = seconds(1);
+
+}  // namespace
 
 // One listing, from the question to the replica.
 class FolderListing::Operation final : public EnumerationObserver, public std::enable_shared_from_this<Operation> {
@@ -33,6 +42,7 @@ class FolderListing::Operation final : public EnumerationObserver, public std::e
       page_ = *nextPage;
       return ask(std::move(*nextPage));
     }
+    count_ = items_.size();
     owner_->tree_.applyListing(folder_, std::exchange(items_, {}),
                                [self = shared_from_this()](Result<void> result) { self->finish(std::move(result)); });
   }
@@ -65,12 +75,14 @@ class FolderListing::Operation final : public EnumerationObserver, public std::e
   void finish(Result<void> result) {
     if (const auto enumerator = std::exchange(enumerator_, nullptr)) enumerator->invalidate();
     owner_->finished(folder_, std::move(result));
+    if (count_ >= MANY_ITEMS) owner_->scheduler_.global().after(UNTIL_FORGOTTEN, giveBackFreeMemory);
   }
 
   const std::shared_ptr<FolderListing> owner_;
   const Inode folder_;
   std::shared_ptr<Enumerator> enumerator_;
   std::vector<Item> items_;
+  std::size_t count_ = 0;
   Page page_;
   std::size_t pages_ = 1;
   bool isTooLong_ = false;
