@@ -337,7 +337,6 @@ struct WriteLargeContentsTest : WriteContentsTest {
   static constexpr const char* IN_PARTS = R"({"key":"k9","upload_id":"u9","part_size":52428800})";
 
   WriteLargeContentsTest() {
-    putContents(multipartThreshold);
     take("content-url", IN_PARTS);
     machine.urlLoading.onRequest(std::string(API) + "upload-parts", [](const URLRequest& request) {
       const auto number = json::parseObject(request.body.value())->at("parts").at(0).as_int64();
@@ -359,6 +358,7 @@ struct WriteLargeContentsTest : WriteContentsTest {
 };
 
 TEST_F(WriteLargeContentsTest, GoInPartsFromTheThresholdUpwards) {
+  putContents(multipartThreshold);
   const auto result = write();
   ASSERT_TRUE(result) << result.error().localizedDescription();
   EXPECT_TRUE(result->hasGivenContents);
@@ -379,6 +379,7 @@ TEST_F(WriteLargeContentsTest, OneByteLessGoesInOneRequest) {
 }
 
 TEST_F(WriteLargeContentsTest, TheServerDecidesTheForm) {
+  putContents(multipartThreshold);
   take("content-url", R"({"key":"k9","upload_url":"https://store.example/put"})");
   ASSERT_TRUE(write());
   EXPECT_THAT(writes(), Contains("PUT put"));
@@ -400,6 +401,7 @@ TEST_F(WriteLargeContentsTest, APreviewGoesUpBeforeTheCommit) {
 }
 
 TEST_F(WriteLargeContentsTest, AnInterruptedUploadIsSavedAndContinued) {
+  putContents(multipartThreshold);
   refuse("upload-parts", 403);
   EXPECT_FALSE(write());
   ASSERT_TRUE(saved.load(ID));
@@ -422,6 +424,7 @@ TEST_F(WriteLargeContentsTest, AnInterruptedUploadIsSavedAndContinued) {
 }
 
 TEST_F(WriteLargeContentsTest, AnEditOfAnotherVersionNeverContinuesAnOlderEditsUpload) {
+  putContents(multipartThreshold);
   refuse("upload-parts", 403);
   EXPECT_FALSE(write("4-10"));
   EXPECT_FALSE(write("5-10"));
@@ -432,14 +435,17 @@ TEST_F(WriteLargeContentsTest, AnEditOfAnotherVersionNeverContinuesAnOlderEditsU
 
 TEST_F(WriteLargeContentsTest, ASavedUploadThatTheServerLostBeginsAnew) {
   saved.begin(ID, "lost", "u0", multipartThreshold, 52428800);
+  putContents(multipartThreshold);
   refuse("upload-status", 404);
-  ASSERT_TRUE(write());
-  EXPECT_THAT(writes(), Contains(StartsWith("content-url ")));
-  EXPECT_THAT(commits().back(), HasSubstr(R"("key":"k9")"));
+  refuse("content-url", 500);
+  EXPECT_FALSE(write());
+  EXPECT_THAT(writes(), ElementsAre(StartsWith("upload-status "), StartsWith("content-url ")));
+  EXPECT_FALSE(saved.load(ID));
 }
 
 TEST_F(WriteLargeContentsTest, ASavedUploadThatCannotBeCheckedIsKept) {
   saved.begin(ID, "k8", "u8", multipartThreshold, 52428800);
+  putContents(multipartThreshold);
   refuse("upload-status", 500);
   const auto result = write();
   ASSERT_FALSE(result);
@@ -449,6 +455,8 @@ TEST_F(WriteLargeContentsTest, ASavedUploadThatCannotBeCheckedIsKept) {
 }
 
 TEST_F(WriteLargeContentsTest, ARefusedCommitKeepsTheJoinedParts) {
+  putContents(7);
+  take("content-url", R"({"key":"k9","upload_id":"u9","part_size":4})");
   refuse("content-commit", 409);
   take("register");
   ASSERT_TRUE(write());
@@ -456,9 +464,11 @@ TEST_F(WriteLargeContentsTest, ARefusedCommitKeepsTheJoinedParts) {
 }
 
 TEST_F(WriteLargeContentsTest, AFileThatShrinksMeanwhileIsAbandoned) {
+  putContents(7);
+  take("content-url", R"({"key":"k9","upload_id":"u9","part_size":4})");
   take("upload-abort");
   machine.urlLoading.onRequest(std::string(STORE) + "part1", [this](const URLRequest&) {
-    putContents(10);
+    putContents(5);
     auto taken = reply("");
     taken.headers = {{"ETag", "tag"}};
     return taken;
