@@ -232,6 +232,27 @@ TEST_F(FetchContentsTest, CancelledDuringTheLookupItDownloadsNothing) {
   EXPECT_THAT(requests(), ElementsAre("item?id=7"));
 }
 
+TEST_F(FetchContentsTest, OnlyTheSystemsOwnRequestsWaitForASlot) {
+  const Request requesters[] = {SYNC, SYNC, SYNC, SYNC, SYNC, SYNC, OTHER, FINDER};
+  std::vector<std::unique_ptr<Answer>> answers;
+  for (const Request& requester : requesters) {
+    const std::string id = std::to_string(answers.size());
+    answerAPI("item?id=" + id, record(id, 5, "https://store.example/" + id));
+    answers.push_back(std::make_unique<Answer>());
+    start(id, requester, *answers.back());
+    scheduler.runUntilIdle();
+  }
+  EXPECT_THAT(requests(), Not(Contains("https://store.example/5")));
+  EXPECT_THAT(requests(), Contains("https://store.example/6"));
+  EXPECT_THAT(requests(), Contains("https://store.example/7"));
+
+  answer("https://store.example/5", "bytes");
+  for (const char* id : {"0", "1", "2", "3", "4", "6", "7"})
+    machine.urlLoading.task("https://store.example/" + std::string(id)).reply(reply("bytes"));
+  scheduler.runUntilIdle();
+  for (const auto& each : answers) EXPECT_TRUE(each->hasValue() && each->value());
+}
+
 TEST_F(FetchContentsTest, ASystemRequestWaitsForASlotAndAViewersSuspendsTheOthers) {
   machine.files.put("/tmp/upload", "some bytes");
   std::vector<std::unique_ptr<Captured<Result<std::string>>>> uploads;
