@@ -34,6 +34,10 @@ class EditTable {
   void removeAttributes(std::string_view identifier);
   void take(const EditBatch& batch);
 
+  // Those whose place is below the item as long as others have not moved.
+  void setBlocked(EditID id) { blocked_.insert(id); }
+  [[nodiscard]] std::set<EditID> takeBlocked() { return std::exchange(blocked_, {}); }
+
   // Those that are on their way to the server, which may be changed by them already.
   [[nodiscard]] bool isSending(EditID id) const { return sending_.contains(id); }
   void setSending(EditID id, bool isSending);
@@ -46,6 +50,7 @@ class EditTable {
 
   std::map<EditID, Edit> edits_;
   std::set<EditID> sending_;
+  std::set<EditID> blocked_;
   std::map<std::string, EditID, std::less<>> byItem_;
   std::map<std::string, std::set<EditID>, std::less<>> byFolder_;
   std::map<std::pair<std::string, std::string>, std::set<EditID>> byServerPlace_;

@@ -159,6 +159,7 @@ void TreeEdit::relist(const ItemIdentifier& folder) {
 std::vector<ReplicaChange> TreeEdit::finish(ReplicaStore::Batch& batch, EditBatch& edits) {
   byProgram_ = false;
   while (!homeless_.empty()) settle(homeless_.begin()->first);
+  for (const EditID id : state_.edits.takeBlocked()) show(id);
   handOutFreedNames();
   describe(batch);
   for (const EditID id : changedEdits_)
@@ -504,9 +505,12 @@ bool TreeEdit::show(EditID id, bool isMade) {
     return true;
   }
   refresh(index().inode(slot));
-  if (!(edit.fields & (EDIT_CREATED | EDIT_PLACED)) || !isUsableFolder(folder) || index().isAtOrAbove(slot, folder) ||
-      (index().parent(slot) == folder && state_.serverNameOf(slot) == edit.place.name))
+  if (!(edit.fields & (EDIT_CREATED | EDIT_PLACED)) || !isUsableFolder(folder)) return false;
+  if (index().parent(slot) == folder && state_.serverNameOf(slot) == edit.place.name) return false;
+  if (index().isAtOrAbove(slot, folder)) {
+    state_.edits.setBlocked(id);
     return false;
+  }
   homeless_.erase(index().inode(slot));
   detach(slot);
   attachFirst(slot, folder, edit.place.name);
