@@ -81,3 +81,16 @@ destroy_world() {
   rm -rf --one-file-system "$WORLD"
   WORLD=
 }
+
+# download_account FOLDER [PATH]: the whole tree as the server has it, read by the second device.
+download_account() {
+  local folder=$1 path=${2:-} kind id version size time name
+  mkdir -p "$folder"
+  while IFS=$'\t' read -r kind id version size time name; do
+    if [ "$kind" = folder ]; then
+      download_account "$folder/$name" "${path:+$path/}$name"
+    else
+      other_device get "${path:+$path/}$name" "$folder/$name" >/dev/null
+    fi
+  done < <(other_device ls "$path")
+}

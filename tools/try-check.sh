@@ -43,11 +43,40 @@ other_device put "$WORLD/changed" Welcome.txt >/dev/null
 sync_now
 expect 'new contents from another device are read' contents_are Welcome.txt 'Changed elsewhere.'
 
+# What programs change here.
+server_has_it_all() {
+  rm -rf "$WORLD/server"
+  download_account "$WORLD/server"
+  diff -r "$WORLD/server" "$MOUNT"
+}
+in_git() { in_world git -C "$MOUNT/Project" -c user.name=Ann -c user.email=ann@example.org "$@"; }
+copies_nothing() { [ -z "$(rsync -rti "$IMPORT/Notes/" "$MOUNT/Copied notes/" | grep -v '^\.d' || true)" ]; }
+cp "$IMPORT/Pictures/Picture 1.jpg" "$MOUNT/Pictures/Copied.jpg"
+mkdir "$MOUNT/Made here"
+mv "$MOUNT/Notes/note-002.txt" "$MOUNT/Made here/moved note.txt"
+rm "$MOUNT/Notes/note-003.txt"
+sed -i 's/ship/train/' "$MOUNT/Documents/Letters/Für Zoë.txt"
+in_world vim -u NONE -es -c 'normal oAnd edited with vim.' -c wq "$MOUNT/Made here/moved note.txt" </dev/null
+rsync -rt "$IMPORT/Notes/" "$MOUNT/Copied notes/"
+mkdir "$MOUNT/Project"
+in_git init -q -b main
+cp -r "$IMPORT/Documents" "$MOUNT/Project/"
+in_git add -A
+in_git commit -q -m 'Begin'
+expect 'an edit is there at once' grep -q train "$MOUNT/Documents/Letters/Für Zoë.txt"
+expect 'an editor saves' grep -q 'edited with vim' "$MOUNT/Made here/moved note.txt"
+sync_now
+expect 'rsync finds nothing to do the second time' copies_nothing
+expect 'what git keeps is sound' in_git fsck --full --strict
+expect 'the server has every byte of what was changed here' server_has_it_all
+
 stop_storage
 expect 'without the server, what is here is still read' contents_are Welcome.txt 'Changed elsewhere.'
-expect 'without the server, known folders are still listed' test "$(ls "$MOUNT/Notes" | wc -l)" = 300
+expect 'without the server, known folders are still listed' test "$(ls "$MOUNT/Notes" | wc -l)" = 298
+printf 'Written without the server.\n' >"$MOUNT/Made here/offline.txt"
 start_storage
 sync_now
+expect 'what was written without the server is on it' server_has_it_all
 expect 'with the server back, everything goes on' cmp -s "$IMPORT/Film.bin" "$MOUNT/Film.bin"
 
 expect 'the command unmounts' in_world vondle unmount

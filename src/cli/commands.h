@@ -21,6 +21,7 @@ void addSync(CLI::App& app, CommandContext& context, Command& chosen);
 void addInfo(CLI::App& app, CommandContext& context, Command& chosen);
 void addFetch(CLI::App& app, CommandContext& context, Command& chosen);
 void addEvict(CLI::App& app, CommandContext& context, Command& chosen);
+void addTrash(CLI::App& app, CommandContext& context, Command& chosen);
 void addLimits(CLI::App& app, CommandContext& context, Command& chosen);
 void addPause(CLI::App& app, CommandContext& context, Command& chosen);
 void addResume(CLI::App& app, CommandContext& context, Command& chosen);

@@ -4,6 +4,7 @@
 
 #include "cli/commands.h"
 #include "cli/item_locator.h"
+#include "cli/sending_words.h"
 #include "cli/service_connection.h"
 #include "cli/words.h"
 
@@ -55,6 +56,13 @@ void printInfo(const CommandContext& context, const json::Object& info) {
   printText(context, info, "owner", "owner");
   printText(context, info, "contents", "content_version");
   printText(context, info, "metadata", "metadata_version");
+  if (const auto* edit = json::object(info, "edit")) {
+    print(context, "not sent",
+          fmt::format("{} ({})", json::text(*edit, "what").value_or("?"),
+                      sendingInWords(*edit, context.platform.clock.now())));
+    if (const auto error = json::text(*edit, "error"))
+      context.console.print(fmt::format("{:<12}{}", "because", context.console.warning(context.console.shown(*error))));
+  }
   if (const auto error = json::text(info, "last_error")) {
     context.console.print(fmt::format("{:<12}{}{}", "last error",
                                       context.console.warning(context.console.shown(*error)),

@@ -1,4 +1,10 @@
+#include <algorithm>
+#include <memory>
+
+#include <fmt/format.h>
+
 #include "cli/commands.h"
+#include "cli/words.h"
 #include "service/instance_lock.h"
 #include "service/local_copies.h"
 
@@ -6,18 +12,44 @@ namespace vondle {
 
 namespace {
 
-// Another account must not be shown this one's tree, so the tree and the downloaded contents go too. All of that is on
-// the server.
-Outcome<void> logout(const CommandContext& context) {
+// Changes that are named; the others are counted.
+constexpr std::size_t MAX_NAMED = 10;
+
+Outcome<void> checkNothingIsLost(const CommandContext& context) {
+  const auto edits = unsentEdits(context.folders);
+  if (!edits) {
+    return fail(ExitCode::workLeft,
+                "nobody can tell whether everything is on the server: " + edits.error().localizedDescription() +
+                    "; \"vondle logout --force\" signs out all the same");
+  }
+  if (edits->empty()) return {};
+  for (std::size_t i = 0; i < std::min(edits->size(), MAX_NAMED); ++i) {
+    const auto& edit = (*edits)[i];
+    context.console.say(
+        fmt::format("not on the server yet: {}{}", edit.place.name, edit.fields & EDIT_DELETED ? " (deleted)" : ""));
+  }
+  return fail(ExitCode::workLeft,
+              fmt::format("{} would be lost; send them with \"vondle mount\" and \"vondle sync --wait\", or give them "
+                          "up with \"vondle logout --force\"",
+                          countInWords(static_cast<std::int64_t>(edits->size()), "change", "changes")));
+}
+
+// Another account must not be shown this one's tree, so the tree and the contents go too: all of that is on the server,
+// unless it is given up.
+Outcome<void> logout(const CommandContext& context, bool isForced) {
   if (auto made = context.folders.create(); !made) return fail(ExitCode::failed, made.error().localizedDescription());
   const auto lock = InstanceLock::acquire(context.folders.stateLock(), "the Vondle folder");
   if (!lock) {
     return fail(ExitCode::failed, lock.error().localizedDescription() + "; run \"vondle unmount\" first");
   }
+  if (!isForced) {
+    if (auto checked = checkNothingIsLost(context); !checked) return checked;
+  }
   if (auto forgotten = context.account().forgetKey(); !forgotten) {
     return fail(ExitCode::failed, "the key could not be removed: " + forgotten.error().localizedDescription());
   }
-  if (auto removed = removeLocalCopies(context.folders, context.platform.files); !removed) {
+  const auto unsent = isForced ? UnsentEdits::remove : UnsentEdits::keep;
+  if (auto removed = removeLocalCopies(context.folders, context.platform.files, unsent); !removed) {
     return fail(ExitCode::failed,
                 "signed out, but local copies are left behind: " + removed.error().localizedDescription());
   }
@@ -28,8 +60,11 @@ Outcome<void> logout(const CommandContext& context) {
 }  // namespace
 
 void addLogout(CLI::App& app, CommandContext& context, Command& chosen) {
-  app.add_subcommand("logout", "Sign out: forget the account key and remove the local copies")
-      ->callback([&context, &chosen] { chosen = [&context] { return logout(context); }; });
+  auto isForced = std::make_shared<bool>(false);
+  auto* command = app.add_subcommand("logout", "Sign out: forget the account key and remove the local copies");
+  command->add_flag("--force", *isForced, "Even when changes are not on the server yet, which are lost then");
+  command->callback(
+      [&context, &chosen, isForced] { chosen = [&context, isForced] { return logout(context, *isForced); }; });
 }
 
 }  // namespace vondle

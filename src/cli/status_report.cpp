@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "cli/sending_words.h"
 #include "cli/service_connection.h"
 #include "cli/transfer_settings.h"
 #include "cli/words.h"
@@ -48,6 +49,17 @@ class Lines {
   const Console& console_;
   std::string text_;
 };
+
+std::string editsText(const json::Object& edits) {
+  const auto count = [&](std::string_view key) { return json::integer(edits, key).value_or(0); };
+  const auto local = count("local");
+  const auto total = count("total") - local;
+  std::string text = total == 0 ? "all on the server" : fmt::format("{} not on the server yet", total);
+  if (count("sending") > 0) text += fmt::format(", {} being sent", count("sending"));
+  if (count("failing") > 0) text += fmt::format(", {} failed", count("failing"));
+  if (local > 0) text += fmt::format("; {} with temporary names", countInWords(local, "file", "files"));
+  return text;
+}
 
 std::string transferText(const Console& console, const json::Object& transfer) {
   const auto done = static_cast<double>(json::integer(transfer, "completed").value_or(0));
@@ -147,6 +159,17 @@ std::string StatusReport::toText(const Console& console) const {
                   fmt::format("{} known, {} here ({})", json::integer(*service_, "items").value_or(0),
                               countInWords(json::integer(*service_, "files_here").value_or(0), "file", "files"),
                               sizeInWords(static_cast<double>(json::integer(*service_, "bytes_here").value_or(0)))));
+    if (const auto* edits = json::object(*service_, "edits")) {
+      lines.heading("Edits", editsText(*edits));
+      if (const auto* list = json::listOfObjects(*edits, "list")) {
+        for (const auto& each : *list) {
+          const auto& edit = each.get_object();
+          lines.item(fmt::format("{}: {}, {}", console.shown(json::text(edit, "path").value_or("?")),
+                                 json::text(edit, "what").value_or("?"), sendingInWords(edit, now_)));
+          if (const auto error = json::text(edit, "error")) lines.item("  " + console.warning(console.shown(*error)));
+        }
+      }
+    }
     const auto* transfers = json::listOfObjects(*service_, "transfers");
     lines.heading("Transfers", transfers && !transfers->empty() ? std::to_string(transfers->size()) : "none");
     if (transfers) {

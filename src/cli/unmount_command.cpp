@@ -1,5 +1,6 @@
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -9,8 +10,10 @@
 #include <fmt/format.h>
 
 #include "cli/commands.h"
+#include "cli/drain.h"
 #include "cli/service_connection.h"
 #include "cli/service_program.h"
+#include "cli/words.h"
 #include "service/service_settings.h"
 
 namespace vondle {
@@ -18,6 +21,8 @@ namespace vondle {
 namespace {
 
 constexpr auto POLL = std::chrono::milliseconds(50);
+// What the service gets for its end at least, once it has begun.
+constexpr Duration TIME_TO_END = seconds(10);
 
 bool isDeadMount(const std::string& path) {
   struct stat status{};
@@ -43,11 +48,12 @@ bool hasEnded(pid_t process) {
 Outcome<void> unmount(const CommandContext& context, double waitSeconds) {
   auto service = ServiceConnection::open(context.folders.socket());
   if (!service) return removeDeadMount(context, service.error());
+  const auto left = drainEdits(context, seconds(waitSeconds));
   const auto stopping = service->ask({{"command", "stop"}});
   if (!stopping) return std::unexpected(stopping.error());
 
   const auto process = static_cast<pid_t>(json::integer(*stopping, "pid").value_or(0));
-  const auto deadline = std::chrono::steady_clock::now() + seconds(waitSeconds);
+  const auto deadline = std::chrono::steady_clock::now() + std::max(seconds(waitSeconds), TIME_TO_END);
   while (process > 0 && !hasEnded(process)) {
     if (std::chrono::steady_clock::now() >= deadline) {
       return fail(ExitCode::workLeft, "the service is still unmounting; it goes on by itself");
@@ -55,7 +61,10 @@ Outcome<void> unmount(const CommandContext& context, double waitSeconds) {
     std::this_thread::sleep_for(POLL);
   }
   context.console.say("unmounted");
-  return {};
+  if (left && *left == 0) return {};
+  const auto what =
+      left ? countInWords(*left, "change is", "changes are") : std::string("what was changed last may be");
+  return fail(ExitCode::workLeft, what + " kept here and not on the server yet; sent when it is mounted again");
 }
 
 }  // namespace
@@ -63,7 +72,7 @@ Outcome<void> unmount(const CommandContext& context, double waitSeconds) {
 void addUnmount(CLI::App& app, CommandContext& context, Command& chosen) {
   auto waitSeconds = std::make_shared<double>(30);
   auto* command = app.add_subcommand("unmount", "Take the folder away and end the service");
-  command->add_option("--wait", *waitSeconds, "Wait at most so many seconds for its end (30)")
+  command->add_option("--wait", *waitSeconds, "Send what is not on the server yet for at most so many seconds (30)")
       ->check(CLI::Range(0.0, 1e6));
   command->callback([&context, &chosen, waitSeconds] {
     chosen = [&context, waitSeconds] { return unmount(context, *waitSeconds); };

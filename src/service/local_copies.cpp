@@ -1,14 +1,34 @@
 #include "service/local_copies.h"
 
+#include <cerrno>
 #include <filesystem>
 
 #include "config/paths.h"
+#include "service/edits/edit_store.h"
 
 namespace vondle {
 
-Result<void> removeLocalCopies(const ServiceFolders& folders, Files& files) {
-  auto paths = {folders.replicaDatabase(), folders.replicaDatabase() + "-wal", folders.replicaDatabase() + "-shm",
-                folders.anchorFile(), folders.contentFiles()};
+Result<std::vector<Edit>> unsentEdits(const ServiceFolders& folders) {
+  std::error_code ignored;
+  if (!std::filesystem::exists(folders.editDatabase(), ignored)) return {};
+  auto store = EditStore::open(folders.editDatabase());
+  if (!store) return failure(store.error());
+  return store->edits();
+}
+
+Result<void> removeLocalCopies(const ServiceFolders& folders, Files& files, UnsentEdits unsent) {
+  if (unsent == UnsentEdits::keep) {
+    const auto edits = unsentEdits(folders);
+    if (!edits) return failure(edits.error());
+    if (!edits->empty()) return failure(Error::posix(EBUSY, "removing what is not on the server yet"));
+  }
+  // The edits last: whatever is left behind is safe.
+  std::vector<std::string> paths;
+  for (const auto& database : {folders.replicaDatabase(), folders.editDatabase()}) {
+    for (const auto* suffix : {"", "-wal", "-shm"}) paths.push_back(database + suffix);
+  }
+  paths.insert(paths.begin(), {folders.anchorFile(), folders.contentFiles()});
+  paths.push_back(folders.editedFiles());
   for (const auto& path : paths) {
     std::error_code error;
     std::filesystem::remove_all(path, error);

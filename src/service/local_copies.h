@@ -1,13 +1,21 @@
 #pragma once
 
+#include <vector>
+
 #include "base/error.h"
 #include "platform/files.h"
+#include "service/edits/edit.h"
 #include "service/service_folders.h"
 
 namespace vondle {
 
-// Removes what is known of an account's tree, and its downloaded contents: nothing that is not on the server. Hold the
-// state lock: no service may be using them.
-Result<void> removeLocalCopies(const ServiceFolders& folders, Files& files);
+// What of an account is nowhere but here. An error when that cannot be found out. Hold the state lock.
+Result<std::vector<Edit>> unsentEdits(const ServiceFolders& folders);
+
+enum class UnsentEdits { keep, remove };
+
+// Removes what is known of an account's tree, and its contents. EBUSY, and nothing is removed, when there are unsent
+// edits that are to be kept, or when nobody can tell. Hold the state lock: no service may be using them.
+Result<void> removeLocalCopies(const ServiceFolders& folders, Files& files, UnsentEdits unsent);
 
 }  // namespace vondle

@@ -144,9 +144,11 @@ int run(int argc, char** argv) {
   arguments.mount = std::filesystem::absolute(arguments.mount).lexically_normal();
   if (arguments.mount.size() > 1 && arguments.mount.ends_with('/')) arguments.mount.pop_back();
   if (arguments.statusDescriptor >= 0) {
-    runWorker(
-        {.mountPath = arguments.mount, .name = settings->name, .readOnly = arguments.readOnly || settings->readOnly},
-        arguments.statusDescriptor);
+    runWorker({.mountPath = arguments.mount,
+               .name = settings->name,
+               .readOnly = arguments.readOnly || settings->readOnly,
+               .localOnly = settings->localOnly},
+              arguments.statusDescriptor);
   }
   if (const auto made = folders.create(); !made) {
     say(made.error().localizedDescription());

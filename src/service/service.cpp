@@ -73,6 +73,7 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
   if (!contents) return failure(contents.error());
   service->contents_ = std::move(*contents);
   service->tree_->subscribe([store = service->contents_](const auto& changes) { store->apply(changes); });
+  if (auto opened = service->openEdits(options, folders, platform); !opened) return failure(opened.error());
   service->listing_ = std::make_shared<FolderListing>(*service->tree_, *service->extension_, service->errors_,
                                                       platform.scheduler, platform.clock);
 
@@ -80,17 +81,19 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
   service->follower_ = std::make_shared<Follower>(*service->extension_, *service->tree_, platform.scheduler,
                                                   platform.clock, platform.files, folders.anchorFile(),
                                                   [mounted = &service->mount_] { return (*mounted)->lastUse(); });
-  auto mount =
-      Mount::start({.path = options.mountPath,
-                    .name = options.name,
-                    .used = [follower = service->follower_] { follower->noteUse(); }},
-                   *service->tree_, *service->listing_, *service->contents_, platform.scheduler, platform.clock);
+  auto mount = Mount::start({.path = options.mountPath,
+                             .name = options.name,
+                             .readOnly = options.readOnly,
+                             .used = [follower = service->follower_] { follower->noteUse(); }},
+                            *service->tree_, *service->listing_, *service->contents_, platform.scheduler,
+                            platform.clock, {.edits = service->edits_, .contents = service->edited_});
   if (!mount) return failure(mount.error());
   service->mount_ = std::move(*mount);
   service->mount_->onUnmountedByOthers(stop);
   service->managers_->set(std::make_shared<ServiceManager>(options.mountPath, *service->tree_, service->contents_,
                                                            service->follower_, platform.scheduler));
   service->follower_->start();
+  service->sender_->start();
   service->contents_->checkServerWith([weak = std::weak_ptr(service->follower_)](auto completion) {
     if (const auto follower = weak.lock()) return follower->sync(std::move(completion));
     std::move(completion)(stopping());
@@ -101,12 +104,15 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
                              .contents = service->contents_,
                              .errors = service->errors_,
                              .follower = service->follower_,
+                             .edits = service->edits_,
+                             .sender = service->sender_,
+                             .extension = *service->extension_,
                              .scheduler = platform.scheduler,
                              .clock = platform.clock,
                              .waitUntilShown = [mounted = service->mount_.get()] { mounted->waitUntilShown(); },
                              .stop = std::move(stop),
                              .mountPath = options.mountPath,
-                             .readOnly = true,  // the mount serves reading alone
+                             .readOnly = options.readOnly,
                              .pid = platform.process.pid()});
   auto control = ControlServer::listen(
       folders.socket(),
@@ -122,8 +128,31 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
   return service;
 }
 
+Result<void> Service::openEdits(const ServiceOptions& options, const ServiceFolders& folders,
+                                const Platform& platform) {
+  auto edits = LocalEdits::open(folders.editDatabase(), *tree_, platform.clock, platform.random);
+  if (!edits) return failure(edits.error());
+  edits_ = std::move(*edits);
+  auto edited =
+      EditedContents::open(folders.editedFiles(), contents_, edits_, *tree_, platform.scheduler, platform.clock);
+  if (!edited) return failure(edited.error());
+  edited_ = std::move(*edited);
+  sender_ =
+      EditSender::make({.services = {.extension = *extension_,
+                                     .edits = edits_,
+                                     .contents = edited_,
+                                     .sync = [this](auto completion) { follower_->sync(std::move(completion)); },
+                                     .scheduler = platform.scheduler},
+                        .tree = *tree_,
+                        .errors = errors_,
+                        .clock = platform.clock,
+                        .temporaryNames = options.localOnly ? TemporaryNames(*options.localOnly) : TemporaryNames()});
+  return {};
+}
+
 void Service::stop() {
   control_.reset();
+  sender_->stop();
   follower_->stop();
   listing_->close(stopping());
   contents_->close(stopping());

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,8 +12,11 @@
 #include "fileprovider/replicated_extension.h"
 #include "platform/platform.h"
 #include "service/contents/content_store.h"
+#include "service/contents/edited_contents.h"
 #include "service/control/control_commands.h"
 #include "service/control/control_server.h"
+#include "service/edits/edit_sender.h"
+#include "service/edits/local_edits.h"
 #include "service/follow/follower.h"
 #include "service/instance_lock.h"
 #include "service/last_errors.h"
@@ -29,10 +33,12 @@ struct ServiceOptions {
   std::string mountPath;  // absolute
   std::string name = "Vondle";
   bool readOnly = false;
+  // Patterns of new files that stay here; see ServiceSettings.
+  std::optional<std::vector<std::string>> localOnly = {};
 };
 
-// The file-provider service of one account: the tree, the contents, the folder, the change feed and the control socket
-// over one extension. There is one per process.
+// The file-provider service of one account: the tree, the contents, what programs change and its way to the server, the
+// folder, the change feed and the control socket over one extension. There is one per process.
 //
 // It is made to be killed: everything that must last is on disk when it counts, and the next start takes it from there.
 // So the way to end the process after stop() is _exit, with the threads still there.
@@ -46,7 +52,7 @@ class Service {
                                                 const Platform& platform, const ExtensionMaker& makeExtension,
                                                 std::function<void()> stop);
 
-  // Takes the folder away and ends what waits.
+  // Takes the folder away and ends what waits. What is not on the server yet goes there after the next start.
   void stop();
 
  private:
@@ -62,6 +68,8 @@ class Service {
   };
 
   Service() = default;
+  // What programs change, also for a folder that is for reading alone: what is left of earlier runs still goes up.
+  Result<void> openEdits(const ServiceOptions& options, const ServiceFolders& folders, const Platform& platform);
 
   std::vector<InstanceLock> locks_;
   LastErrors errors_;
@@ -70,6 +78,9 @@ class Service {
   std::unique_ptr<Tree> tree_;
   std::shared_ptr<ReplicatedExtension> extension_;
   std::shared_ptr<ContentStore> contents_;
+  std::shared_ptr<LocalEdits> edits_;
+  std::shared_ptr<EditedContents> edited_;
+  std::shared_ptr<EditSender> sender_;
   std::shared_ptr<FolderListing> listing_;
   std::unique_ptr<Mount> mount_;
   std::shared_ptr<Follower> follower_;

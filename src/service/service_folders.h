@@ -31,6 +31,8 @@ struct ServiceFolders {
   [[nodiscard]] std::string settingsFile() const { return configuration + "/service.json"; }
   [[nodiscard]] std::string stateLock() const { return state + "/lock"; }
   [[nodiscard]] std::string replicaDatabase() const { return state + "/replica.db"; }
+  [[nodiscard]] std::string editDatabase() const { return state + "/edits.db"; }
+  [[nodiscard]] std::string editedFiles() const { return state + "/edits"; }
   [[nodiscard]] std::string anchorFile() const { return state + "/anchor.json"; }
   [[nodiscard]] std::string contentFiles() const { return contents + "/contents"; }
   [[nodiscard]] std::string socket() const { return runtime + "/control"; }

@@ -15,6 +15,16 @@ Error invalid(const std::string& path, const std::string& why) {
   return {POSIX_ERROR_DOMAIN, EINVAL, path + ": " + why};
 }
 
+std::optional<std::vector<std::string>> textsOf(const json::Value& value) {
+  if (!value.is_array()) return std::nullopt;
+  std::vector<std::string> texts;
+  for (const auto& each : value.get_array()) {
+    if (!each.is_string() || each.get_string().empty()) return std::nullopt;
+    texts.emplace_back(each.get_string());
+  }
+  return texts;
+}
+
 }  // namespace
 
 Result<ServiceSettings> ServiceSettings::load(const std::string& path, const std::string& home) {
@@ -41,6 +51,11 @@ Result<ServiceSettings> ServiceSettings::load(const std::string& path, const std
   if (const auto* value = json::find(*object, "name")) {
     if (!value->is_string() || value->get_string().empty()) return failure(invalid(path, "\"name\" must be a text"));
     settings.name = std::string(value->get_string());
+  }
+  if (const auto* value = json::find(*object, "local_only")) {
+    auto patterns = textsOf(*value);
+    if (!patterns) return failure(invalid(path, "\"local_only\" must be a list of texts"));
+    settings.localOnly = std::move(*patterns);
   }
   return settings;
 }

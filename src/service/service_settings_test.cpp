@@ -33,14 +33,17 @@ TEST_F(ServiceSettingsTest, NoFileGivesTheDefaults) {
   EXPECT_EQ(settings->mount, std::nullopt);
   EXPECT_FALSE(settings->readOnly);
   EXPECT_EQ(settings->name, "Vondle");
+  EXPECT_EQ(settings->localOnly, std::nullopt);
 }
 
 TEST_F(ServiceSettingsTest, ReadsEveryKeyAndLeavesOthersAlone) {
-  const auto settings = load(R"({"mount": "~/Cloud", "read_only": true, "name": "Work", "later": [1]})");
+  const auto settings = load(R"({"mount": "~/Cloud", "read_only": true, "name": "Work",
+                                   "local_only": ["*.part", "~*"], "later": [1]})");
   ASSERT_TRUE(settings);
   EXPECT_EQ(settings->mount, "/home/ann/Cloud");
   EXPECT_TRUE(settings->readOnly);
   EXPECT_EQ(settings->name, "Work");
+  EXPECT_EQ(settings->localOnly, (std::vector<std::string>{"*.part", "~*"}));
 }
 
 TEST_F(ServiceSettingsTest, ASettingThatCannotBeObeyedIsAnErrorThatNamesIt) {
@@ -55,7 +58,10 @@ TEST_F(ServiceSettingsTest, ASettingThatCannotBeObeyedIsAnErrorThatNamesIt) {
                {R"({"mount": "Cloud"})", "\"mount\""},
                {R"({"read_only": "yes"})", "\"read_only\""},
                {R"({"read_only": 1})", "\"read_only\""},
-               {R"({"name": null})", "\"name\""}};
+               {R"({"name": null})", "\"name\""},
+               {R"({"local_only": "*.part"})", "\"local_only\""},
+               {R"({"local_only": [""]})", "\"local_only\""},
+               {R"({"local_only": ["a", 1]})", "\"local_only\""}};
   for (const auto& each : cases) {
     const auto settings = load(each.text);
     ASSERT_FALSE(settings) << each.text;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <fstream>
+#include <iterator>
 #include <utility>
 
 #include <fmt/format.h>
@@ -11,6 +12,30 @@
 #include "platform/content_types.h"
 
 namespace vondle {
+
+namespace {
+
+std::string bytesOf(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+Error clash() {
+  return {API_ERROR_DOMAIN, 409, "HTTP 409"};
+}
+
+// As errors of transfers reach the service.
+Error wrapped(Error cause) {
+  return Error(FILE_PROVIDER_ERROR_DOMAIN, SERVER_UNREACHABLE, "the upload failed").withUnderlying(std::move(cause));
+}
+
+std::string conflictedName(const std::string& name) {
+  const auto dot = name.rfind('.');
+  if (dot == std::string::npos || dot == 0) return name + " (conflicted copy)";
+  return name.substr(0, dot) + " (conflicted copy)" + name.substr(dot);
+}
+
+}  // namespace
 
 class FakeExtension::FolderEnumerator final : public Enumerator {
  public:
@@ -98,6 +123,26 @@ void FakeExtension::failFetches(std::optional<Error> error) {
   fetchError_ = std::move(error);
 }
 
+void FakeExtension::failLookups(std::optional<Error> error) {
+  MutexLock hold(lock_);
+  lookupError_ = std::move(error);
+}
+
+void FakeExtension::failChanges(std::optional<Error> error) {
+  MutexLock hold(lock_);
+  changeError_ = std::move(error);
+}
+
+void FakeExtension::failNextChanges(int count, Error error) {
+  MutexLock hold(lock_);
+  for (int i = 0; i < count; ++i) nextChangeErrors_.push_back(error);
+}
+
+void FakeExtension::loseNextAnswer(Error error) {
+  MutexLock hold(lock_);
+  lostAnswer_ = std::move(error);
+}
+
 void FakeExtension::cutContents(bool cut) {
   MutexLock hold(lock_);
   cutContents_ = cut;
@@ -160,6 +205,45 @@ Request FakeExtension::lastRequest() const {
   return lastRequest_;
 }
 
+std::vector<std::string> FakeExtension::changes() const {
+  MutexLock hold(lock_);
+  return changes_;
+}
+
+std::size_t FakeExtension::mostChangesAtOnce() const {
+  MutexLock hold(lock_);
+  return mostChangesAtOnce_;
+}
+
+std::vector<std::string> FakeExtension::tree() const {
+  MutexLock hold(lock_);
+  std::vector<std::string> paths;
+  for (const auto& [identifier, stored] : items_) {
+    auto path = stored.item.filename + (stored.item.isFolder() ? "/" : "=" + stored.contents);
+    auto parent = stored.item.parentItemIdentifier.text;
+    for (auto found = items_.find(parent); found != items_.end(); found = items_.find(parent)) {
+      path = found->second.item.filename + "/" + path;
+      parent = found->second.item.parentItemIdentifier.text;
+    }
+    if (parent == ROOT_CONTAINER.text) paths.push_back(std::move(path));
+  }
+  std::ranges::sort(paths);
+  return paths;
+}
+
+std::optional<Item> FakeExtension::itemNamed(const std::string& name) const {
+  MutexLock hold(lock_);
+  for (const auto& [identifier, stored] : items_) {
+    if (stored.item.filename == name) return stored.item;
+  }
+  return std::nullopt;
+}
+
+std::vector<std::string> FakeExtension::mistakes() const {
+  MutexLock hold(lock_);
+  return mistakes_;
+}
+
 std::uint64_t FakeExtension::giveOrHold(Task answer) {
   {
     MutexLock hold(lock_);
@@ -186,7 +270,8 @@ std::shared_ptr<Progress> FakeExtension::itemForIdentifier(ItemIdentifier identi
   std::optional<Item> item;
   {
     MutexLock hold(lock_);
-    if (const auto found = items_.find(identifier.text); found != items_.end()) item = found->second.item;
+    const auto found = items_.find(identifier.text);
+    if (found != items_.end() && !lookupError_) item = found->second.item;
   }
   if (item)
     std::move(completion)(std::move(*item));
@@ -266,6 +351,204 @@ Result<FetchedContents> FakeExtension::contentsOf(const std::string& identifier)
   std::ofstream(path, std::ios::binary) << stored->contents;
   if (before) before();
   return FetchedContents{path, stored->item};
+}
+
+std::shared_ptr<Progress> FakeExtension::createItem(Item basedOn, std::uint32_t, std::optional<std::string> contents,
+                                                    std::uint32_t, Request request,
+                                                    Completion<Result<SavedItem>> completion) {
+  auto what = "create " + basedOn.filename;
+  const bool isFile = !basedOn.isFolder();
+  if (isFile && contents && !contents->ends_with(basedOn.filename.substr(basedOn.filename.rfind('.') + 1))) {
+    MutexLock hold(lock_);
+    if (basedOn.filename.contains('.'))
+      mistakes_.push_back("the contents of " + basedOn.filename + " are named otherwise");
+  }
+  return change(
+      std::move(what), request, contents,
+      [this, basedOn = std::move(basedOn), isFile](std::string bytes) -> Result<SavedItem> {
+        MutexLock hold(lock_);
+        auto saved = create(basedOn, isFile ? std::optional(std::move(bytes)) : std::nullopt);
+        if (!saved && isFile && saved.error() == clash()) return failure(wrapped(saved.error()));
+        return saved;
+      },
+      std::move(completion));
+}
+
+std::shared_ptr<Progress> FakeExtension::modifyItem(Item item, ItemVersion baseVersion, std::uint32_t changedFields,
+                                                    std::optional<std::string> contents, std::uint32_t, Request request,
+                                                    Completion<Result<SavedItem>> completion) {
+  const auto name = nameOf(item.itemIdentifier.text);
+  auto what = "place " + name + " -> " + item.filename;
+  if (item.parentItemIdentifier == TRASH_CONTAINER) what = "trash " + name;
+  if (changedFields & FIELD_CONTENTS) what = "contents " + name;
+  return change(
+      std::move(what), request, contents,
+      [this, item = std::move(item), baseVersion = std::move(baseVersion),
+       changedFields](std::string bytes) -> Result<SavedItem> {
+        MutexLock hold(lock_);
+        if (changedFields & FIELD_CONTENTS) return write(item, baseVersion, std::move(bytes));
+        return place(item, changedFields);
+      },
+      std::move(completion));
+}
+
+std::shared_ptr<Progress> FakeExtension::deleteItem(ItemIdentifier identifier, ItemVersion, std::uint32_t,
+                                                    Request request, Completion<std::optional<Error>> completion) {
+  auto what = "delete " + nameOf(identifier.text);
+  return change(
+      std::move(what), request, std::nullopt,
+      [this, identifier = std::move(identifier)](const std::string&) -> Result<SavedItem> {
+        MutexLock hold(lock_);
+        const auto found = items_.find(identifier.text);
+        if (found == items_.end()) return SavedItem();
+        if (found->second.item.parentItemIdentifier == TRASH_CONTAINER)
+          items_.erase(found);
+        else
+          found->second.item.parentItemIdentifier = TRASH_CONTAINER;
+        return SavedItem();
+      },
+      [completion = std::move(completion)](const Result<SavedItem>& result) mutable {
+        std::move(completion)(result ? std::nullopt : std::optional(result.error()));
+      });
+}
+
+std::shared_ptr<Progress> FakeExtension::change(std::string what, Request request, std::optional<std::string> contents,
+                                                std::function<Result<SavedItem>(std::string bytes)> make,
+                                                Completion<Result<SavedItem>> completion) {
+  const auto before = contents ? bytesOf(*contents) : std::string();
+  {
+    MutexLock hold(lock_);
+    changes_.push_back(std::move(what));
+    lastRequest_ = request;
+    mostChangesAtOnce_ = std::max(mostChangesAtOnce_, ++changesUnderWay_);
+  }
+  auto progress = Progress::make(1);
+  const auto answer = std::make_shared<Completion<Result<SavedItem>>>(std::move(completion));
+  const auto number = giveOrHold([this, answer, contents, before, make = std::move(make)] {
+    auto result = makeChange(contents, before, make);
+    std::move (*answer)(std::move(result));
+  });
+  if (number == 0) return progress;
+  progress->setCancellationHandler([this, number, answer] {
+    if (!takeBack(number)) return;
+    {
+      MutexLock hold(lock_);
+      --changesUnderWay_;
+    }
+    std::move (*answer)(failure({COCOA_ERROR_DOMAIN, USER_CANCELLED}));
+  });
+  return progress;
+}
+
+Result<SavedItem> FakeExtension::makeChange(const std::optional<std::string>& path, const std::string& bytesBefore,
+                                            const std::function<Result<SavedItem>(std::string bytes)>& make) {
+  auto bytes = path ? bytesOf(*path) : std::string();
+  std::optional<Error> lost;
+  {
+    MutexLock hold(lock_);
+    --changesUnderWay_;
+    if (bytes != bytesBefore) mistakes_.push_back("the contents changed while they were sent: " + *path);
+    if (changeError_) return failure(*changeError_);
+    if (!nextChangeErrors_.empty()) {
+      auto error = nextChangeErrors_.front();
+      nextChangeErrors_.pop_front();
+      return failure(std::move(error));
+    }
+    lost = std::exchange(lostAnswer_, std::nullopt);
+  }
+  auto result = make(std::move(bytes));
+  if (lost) return failure(std::move(*lost));
+  return result;
+}
+
+Result<SavedItem> FakeExtension::create(const Item& basedOn, std::optional<std::string> bytes) {
+  const auto& parent = basedOn.parentItemIdentifier.text;
+  if (!isFolder(parent)) return failure({FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM});
+  if (isTaken(parent, basedOn.filename)) return failure(clash());
+  const bool isFile = bytes.has_value();
+  auto contents = std::move(bytes).value_or("");
+  auto item = isFile ? file(newIdentifier(), parent, basedOn.filename, contents)
+                     : folder(newIdentifier(), parent, basedOn.filename);
+  items_[item.itemIdentifier.text] = {item, std::move(contents)};
+  return SavedItem{.item = std::move(item), .hasGivenContents = isFile};
+}
+
+Result<SavedItem> FakeExtension::write(const Item& item, const ItemVersion& baseVersion, std::string bytes) {
+  const auto found = items_.find(item.itemIdentifier.text);
+  if (found == items_.end()) return failure({FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM});
+  auto& stored = found->second;
+  if (stored.item.itemVersion.contentVersion != baseVersion.contentVersion) {
+    Item copy = stored.item;
+    copy.filename = conflictedName(copy.filename);
+    auto kept = create(copy, std::move(bytes));
+    if (!kept) return failure(wrapped(kept.error()));
+    return SavedItem{.item = stored.item};
+  }
+  int version = 0;
+  const auto& text = baseVersion.contentVersion;
+  std::from_chars(text.data(), text.data() + text.size(), version);
+  stored.item =
+      file(item.itemIdentifier.text, stored.item.parentItemIdentifier.text, stored.item.filename, bytes, version + 1);
+  stored.contents = std::move(bytes);
+  return SavedItem{.item = stored.item, .hasGivenContents = true};
+}
+
+Result<SavedItem> FakeExtension::place(const Item& item, std::uint32_t fields) {
+  const auto& identifier = item.itemIdentifier.text;
+  const auto found = items_.find(identifier);
+  if (found == items_.end()) return failure({FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM});
+  auto& stored = found->second.item;
+  auto parent =
+      fields & FIELD_PARENT_ITEM_IDENTIFIER ? item.parentItemIdentifier.text : stored.parentItemIdentifier.text;
+  if (parent == TRASH_CONTAINER.text) {
+    if (stored.parentItemIdentifier == TRASH_CONTAINER) return failure(clash());
+    for (const auto& [child, inside] : items_) {
+      if (inside.item.parentItemIdentifier.text == identifier)
+        mistakes_.push_back("the folder " + stored.filename + " was trashed with " + inside.item.filename + " in it");
+    }
+    stored.parentItemIdentifier = TRASH_CONTAINER;
+    return SavedItem{.item = stored};
+  }
+  const auto name = fields & FIELD_FILENAME ? item.filename : stored.filename;
+  if (!isFolder(parent)) return failure({FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM});
+  if (parent == stored.parentItemIdentifier.text && name == stored.filename) return SavedItem{.item = stored};
+  if (isTaken(parent, name) || isBelow(parent, identifier)) return failure(clash());
+  stored.parentItemIdentifier.text = std::move(parent);
+  stored.filename = name;
+  stored.itemVersion.metadataVersion += "+" + name;
+  return SavedItem{.item = stored};
+}
+
+bool FakeExtension::isFolder(const std::string& identifier) const {
+  if (identifier == ROOT_CONTAINER.text) return true;
+  const auto found = items_.find(identifier);
+  return found != items_.end() && found->second.item.isFolder();
+}
+
+bool FakeExtension::isTaken(const std::string& parent, const std::string& name) const {
+  return std::ranges::any_of(items_, [&](const auto& each) {
+    const auto& item = each.second.item;
+    return item.parentItemIdentifier.text == parent && item.filename == name;
+  });
+}
+
+bool FakeExtension::isBelow(std::string identifier, const std::string& folder) const {
+  while (identifier != folder) {
+    const auto found = items_.find(identifier);
+    if (found == items_.end()) return false;
+    identifier = found->second.item.parentItemIdentifier.text;
+  }
+  return true;
+}
+
+std::string FakeExtension::nameOf(const std::string& identifier) const {
+  MutexLock hold(lock_);
+  const auto found = items_.find(identifier);
+  return found == items_.end() ? "?" : found->second.item.filename;
+}
+
+std::string FakeExtension::newIdentifier() {
+  return fmt::format("new-{}", ++lastIdentifier_);
 }
 
 }  // namespace vondle

@@ -12,13 +12,15 @@
 #include "base/mutex.h"
 #include "fileprovider/replicated_extension.h"
 #include "platform/scheduler.h"
-#include "testing/read_only_extension.h"
 
 namespace vondle {
 
 // An extension without a server: a tree in memory that a test fills, whose answers can be held back and made to fail.
 // Answers come on the thread that asks or, when held back, on the one that lets them go. Any thread.
-class FakeExtension final : public ReadOnlyExtension {
+//
+// It takes changes as the real one does: a name that is taken clashes, contents made from another version than the
+// current one are kept as a conflicted copy. What the service must never do is noted as a mistake.
+class FakeExtension final : public ReplicatedExtension {
  public:
   // Fetched contents are written into the folder, which must exist.
   explicit FakeExtension(std::string temporaryFolder);
@@ -40,6 +42,13 @@ class FakeExtension final : public ReadOnlyExtension {
   // Every listing or fetch fails with it; none: they succeed again.
   void failListings(std::optional<Error> error) EXCLUDES(lock_);
   void failFetches(std::optional<Error> error) EXCLUDES(lock_);
+  // Every lookup, and every change, fails with it; none: they succeed again.
+  void failLookups(std::optional<Error> error) EXCLUDES(lock_);
+  void failChanges(std::optional<Error> error) EXCLUDES(lock_);
+  // The next so many changes fail with it.
+  void failNextChanges(int count, Error error) EXCLUDES(lock_);
+  // The next change is made, but its answer is the error.
+  void loseNextAnswer(Error error) EXCLUDES(lock_);
   // Fetches deliver a file that lacks its last byte.
   void cutContents(bool cut) EXCLUDES(lock_);
   // Runs when a fetch has been decided and before it is answered.
@@ -56,8 +65,17 @@ class FakeExtension final : public ReadOnlyExtension {
   [[nodiscard]] int listingsOf(const std::string& identifier) const EXCLUDES(lock_);
   [[nodiscard]] int fetchesOf(const std::string& identifier) const EXCLUDES(lock_);
   [[nodiscard]] int cancelledFetches() const EXCLUDES(lock_);
-  // Of the latest fetch or listing.
+  // Of the latest fetch, listing or change.
   [[nodiscard]] Request lastRequest() const EXCLUDES(lock_);
+
+  // All changes that were asked for, as "create a", "contents a", "place a -> b", "trash a" or "delete a", by the name
+  // at that time.
+  [[nodiscard]] std::vector<std::string> changes() const EXCLUDES(lock_);
+  [[nodiscard]] std::size_t mostChangesAtOnce() const EXCLUDES(lock_);
+  // Every file and folder that is not in the trash, as "a/b" and "a/"; with "=contents" after files.
+  [[nodiscard]] std::vector<std::string> tree() const EXCLUDES(lock_);
+  [[nodiscard]] std::optional<Item> itemNamed(const std::string& name) const EXCLUDES(lock_);
+  [[nodiscard]] std::vector<std::string> mistakes() const EXCLUDES(lock_);
 
   void invalidate() override {}
   std::shared_ptr<Progress> itemForIdentifier(ItemIdentifier identifier, Request request,
@@ -65,6 +83,14 @@ class FakeExtension final : public ReadOnlyExtension {
   std::shared_ptr<Enumerator> enumeratorForContainer(ItemIdentifier container, Request request) override;
   std::shared_ptr<Progress> fetchContents(ItemIdentifier identifier, std::optional<ItemVersion> version,
                                           Request request, Completion<Result<FetchedContents>> completion) override;
+  std::shared_ptr<Progress> createItem(Item basedOn, std::uint32_t fields, std::optional<std::string> contents,
+                                       std::uint32_t options, Request request,
+                                       Completion<Result<SavedItem>> completion) override;
+  std::shared_ptr<Progress> modifyItem(Item item, ItemVersion baseVersion, std::uint32_t changedFields,
+                                       std::optional<std::string> contents, std::uint32_t options, Request request,
+                                       Completion<Result<SavedItem>> completion) override;
+  std::shared_ptr<Progress> deleteItem(ItemIdentifier identifier, ItemVersion baseVersion, std::uint32_t options,
+                                       Request request, Completion<std::optional<Error>> completion) override;
 
  private:
   class FolderEnumerator;
@@ -84,6 +110,21 @@ class FakeExtension final : public ReadOnlyExtension {
       EXCLUDES(lock_);
   Result<FetchedContents> contentsOf(const std::string& identifier) EXCLUDES(lock_);
 
+  // Gives or holds the answer of a change, which a cancellation takes back.
+  std::shared_ptr<Progress> change(std::string what, Request request, std::optional<std::string> contents,
+                                   std::function<Result<SavedItem>(std::string bytes)> make,
+                                   Completion<Result<SavedItem>> completion) EXCLUDES(lock_);
+  Result<SavedItem> makeChange(const std::optional<std::string>& path, const std::string& bytesBefore,
+                               const std::function<Result<SavedItem>(std::string bytes)>& make) EXCLUDES(lock_);
+  Result<SavedItem> create(const Item& basedOn, std::optional<std::string> bytes) REQUIRES(lock_);
+  Result<SavedItem> write(const Item& item, const ItemVersion& baseVersion, std::string bytes) REQUIRES(lock_);
+  Result<SavedItem> place(const Item& item, std::uint32_t fields) REQUIRES(lock_);
+  [[nodiscard]] bool isFolder(const std::string& identifier) const REQUIRES(lock_);
+  [[nodiscard]] bool isTaken(const std::string& parent, const std::string& name) const REQUIRES(lock_);
+  [[nodiscard]] bool isBelow(std::string identifier, const std::string& folder) const REQUIRES(lock_);
+  [[nodiscard]] std::string nameOf(const std::string& identifier) const EXCLUDES(lock_);
+  std::string newIdentifier() REQUIRES(lock_);
+
   const std::string temporaryFolder_;
   mutable Mutex lock_;
   std::map<std::string, Stored> items_ GUARDED_BY(lock_);
@@ -95,6 +136,15 @@ class FakeExtension final : public ReadOnlyExtension {
   std::size_t pageSize_ GUARDED_BY(lock_) = 0;
   std::optional<Error> listingError_ GUARDED_BY(lock_);
   std::optional<Error> fetchError_ GUARDED_BY(lock_);
+  std::optional<Error> lookupError_ GUARDED_BY(lock_);
+  std::optional<Error> changeError_ GUARDED_BY(lock_);
+  std::list<Error> nextChangeErrors_ GUARDED_BY(lock_);
+  std::optional<Error> lostAnswer_ GUARDED_BY(lock_);
+  std::vector<std::string> changes_ GUARDED_BY(lock_);
+  std::vector<std::string> mistakes_ GUARDED_BY(lock_);
+  std::size_t changesUnderWay_ GUARDED_BY(lock_) = 0;
+  std::size_t mostChangesAtOnce_ GUARDED_BY(lock_) = 0;
+  int lastIdentifier_ GUARDED_BY(lock_) = 0;
   bool cutContents_ GUARDED_BY(lock_) = false;
   std::function<void()> beforeFetchAnswer_ GUARDED_BY(lock_);
   int cancelledFetches_ GUARDED_BY(lock_) = 0;

@@ -1,5 +1,6 @@
 #include "service/control/control_commands.h"
 
+#include <algorithm>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -8,6 +9,8 @@
 #include "fileprovider/error_codes.h"
 #include "service/control/control_protocol.h"
 #include "service/control/control_text.h"
+#include "service/control/drain_operation.h"
+#include "service/control/edit_text.h"
 #include "service/control/fetch_operation.h"
 
 namespace vondle {
@@ -97,6 +100,18 @@ std::optional<std::vector<Inode>> inodesOf(const json::Object& request) {
   return inodes;
 }
 
+// Absent for a request whose "ids" is no list of texts.
+std::optional<std::vector<std::string>> identifiersOf(const json::Object& request) {
+  const auto* list = json::list(request, "ids");
+  if (!list) return std::nullopt;
+  std::vector<std::string> identifiers;
+  for (const auto& value : *list) {
+    if (!value.is_string()) return std::nullopt;
+    identifiers.emplace_back(value.get_string());
+  }
+  return identifiers;
+}
+
 void refuse(const std::shared_ptr<ControlReply>& reply, std::string_view why) {
   reply->fail(control::CODE_MALFORMED, why);
 }
@@ -126,6 +141,11 @@ void ControlCommands::handle(const json::Object& request, const std::shared_ptr<
   if (command == "info") return info(request, reply);
   if (command == "fetch") return fetch(request, reply);
   if (command == "evict") return evict(request, reply);
+  if (command == "drain") return drain(reply);
+  if (command == "trash") return trash(TrashOperation::Action::list, request, true, reply);
+  if (command == "trash-restore") return trash(TrashOperation::Action::restore, request, false, reply);
+  if (command == "trash-delete") return trash(TrashOperation::Action::remove, request, false, reply);
+  if (command == "trash-empty") return trash(TrashOperation::Action::remove, request, true, reply);
   if (command == "stop") {
     reply->finish({{"pid", parts_.pid}});
     return parts_.stop();
@@ -169,13 +189,71 @@ json::Object ControlCommands::status() const {
           {"items", replica.itemCount()},
           {"files_here", parts_.contents->filesHere()},
           {"bytes_here", parts_.contents->bytesHere()},
+          {"edits", editStatus()},
           {"transfers", std::move(transfers)},
           {"names", std::move(names)},
           {"names_total", problems.size()},
           {"errors", std::move(errors)}};
 }
 
+// Those that fail or are under way first, then those that wait.
+json::Object ControlCommands::editStatus() const {
+  const auto reports = parts_.sender->report();
+  std::int64_t sending = 0;
+  std::int64_t failing = 0;
+  std::int64_t local = 0;
+  for (const auto& report : reports) {
+    sending += report.state == SendState::sending;
+    failing += report.edit.attempts > 0;
+    local += report.state == SendState::staysHere;
+  }
+  const auto rank = [](const EditSender::Report& report) {
+    if (report.state == SendState::sending) return 0;
+    if (report.state == SendState::staysHere) return 3;
+    return report.edit.lastError.empty() ? 2 : 1;
+  };
+  json::Array list;
+  for (int wanted = 0; wanted <= 3; ++wanted) {
+    for (const auto& report : reports) {
+      if (list.size() == MAX_PROBLEMS) break;
+      if (rank(report) == wanted) list.push_back(editJSON(report, *parts_.edits, parts_.tree.replica()));
+    }
+  }
+  return {{"total", reports.size()},
+          {"sending", sending},
+          {"failing", failing},
+          {"local", local},
+          {"list", std::move(list)}};
+}
+
+void ControlCommands::drain(const std::shared_ptr<ControlReply>& reply) const {
+  std::make_shared<DrainOperation>(parts_.sender, parts_.edits, parts_.tree, parts_.scheduler, reply)->start();
+}
+
+void ControlCommands::trash(TrashOperation::Action action, const json::Object& request, bool isAll,
+                            const std::shared_ptr<ControlReply>& reply) const {
+  std::optional<std::vector<std::string>> identifiers;
+  if (!isAll) {
+    identifiers = identifiersOf(request);
+    if (!identifiers) return refuse(reply, "expected \"ids\", a list of texts");
+  }
+  const auto sync = [follower = parts_.follower](Completion<std::optional<Error>> completion) {
+    follower->sync(std::move(completion));
+  };
+  std::make_shared<TrashOperation>(parts_.extension, action, std::move(identifiers), sync, parts_.scheduler, reply)
+      ->start();
+}
+
+void ControlCommands::tellEdit(Inode inode, json::Object& object) const {
+  const auto edit = parts_.edits->ofItem(inode);
+  if (!edit) return;
+  const auto reports = parts_.sender->report();
+  const auto found = std::ranges::find(reports, edit->id, [](const auto& report) { return report.edit.id; });
+  if (found != reports.end()) object["edit"] = editJSON(*found, *parts_.edits, parts_.tree.replica());
+}
+
 void ControlCommands::sync(const std::shared_ptr<ControlReply>& reply) {
+  parts_.sender->sendNow();
   parts_.follower->sync([this, reply](const std::optional<Error>& error) {
     if (error) return reply->fail(controlCode(*error), controlText(error->localizedDescription()));
     waiting_->post([this, reply] {
@@ -219,6 +297,7 @@ void ControlCommands::info(const json::Object& request, const std::shared_ptr<Co
     if (item->contentModificationDate) object["modified"] = formatISO8601(*item->contentModificationDate);
     if (item->ownerNameComponents) object["owner"] = controlText(ownerText(*item->ownerNameComponents));
   }
+  tellEdit(inode, object);
   if (const auto last = parts_.errors.of(inode)) {
     object["last_error"] = controlText(last->error.localizedDescription());
     object["last_error_at"] = formatISO8601(last->when);

@@ -9,6 +9,9 @@
 #include "platform/scheduler.h"
 #include "service/contents/content_store.h"
 #include "service/control/control_server.h"
+#include "service/control/trash_operation.h"
+#include "service/edits/edit_sender.h"
+#include "service/edits/local_edits.h"
 #include "service/follow/follower.h"
 #include "service/last_errors.h"
 #include "service/replica/tree.h"
@@ -16,11 +19,17 @@
 namespace vondle {
 
 // What the control socket can be asked for, each with its own keys:
-//   status                      the mount, changes, items, transfers, problems
-//   sync                        reads the server's changes now; answers when the folder shows them
+//   status                      the mount, changes, items, edits, transfers, problems
+//   sync                        reads the server's changes now; answers when the folder shows them. Edits are tried at
+//                               once, whatever their next try was
 //   info     inode: N           what is known of an item
 //   fetch    inodes: [N, …]     downloads files, with progress; ends with how many are done and which failed
 //   evict    inodes: [N, …]     drops local copies
+//   drain                       sends all edits, with progress; ends with those that are left and why
+//   trash                       lists the server's trash
+//   trash-restore  ids: [ID, …] brings back what is in the trash, with progress; ends with how many and which failed
+//   trash-delete   ids: [ID, …] removes it for good, likewise
+//   trash-empty                 removes everything that is in the trash
 //   stop                        unmounts and ends the service; answers before it does
 // Any thread; answers at once or from the threads of those it asks.
 class ControlCommands {
@@ -30,6 +39,9 @@ class ControlCommands {
     std::shared_ptr<ContentStore> contents;
     LastErrors& errors;
     std::shared_ptr<Follower> follower;
+    std::shared_ptr<LocalEdits> edits;
+    std::shared_ptr<EditSender> sender;
+    ReplicatedExtension& extension;
     Scheduler& scheduler;
     const Clock& clock;
     std::function<void()> waitUntilShown;  // blocks until the folder shows what the tree knows
@@ -55,6 +67,11 @@ class ControlCommands {
   void info(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const;
   void fetch(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const;
   void evict(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const;
+  void drain(const std::shared_ptr<ControlReply>& reply) const;
+  void trash(TrashOperation::Action action, const json::Object& request, bool isAll,
+             const std::shared_ptr<ControlReply>& reply) const;
+  [[nodiscard]] json::Object editStatus() const;
+  void tellEdit(Inode inode, json::Object& object) const;
 
   const Parts parts_;
   const std::shared_ptr<Queue> waiting_;  // for what blocks: one at a time, so that it takes up one thread at most

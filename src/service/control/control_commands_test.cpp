@@ -19,6 +19,7 @@
 #include "testing/captured_log.h"
 #include "testing/fake_extension.h"
 #include "testing/simulated_files.h"
+#include "testing/simulated_random.h"
 #include "testing/virtual_scheduler.h"
 
 namespace vondle {
@@ -68,14 +69,31 @@ class ControlCommandsTest : public testing::Test {
 
     replica_ = Replica::open(folder_ + "/replica.db").value();
     tree_ = std::make_unique<Tree>(*replica_, scheduler_);
+    edits_ = LocalEdits::open(folder_ + "/edits.db", *tree_, scheduler_, random_).value();
     contents_ = ContentStore::open(folder_ + "/contents", *tree_, *extension_, errors_, scheduler_, scheduler_).value();
+    tree_->subscribe([this](const auto& changes) { contents_->apply(changes); });
+    edited_ = EditedContents::open(folder_ + "/edits", contents_, edits_, *tree_, scheduler_, scheduler_).value();
     listing_ = std::make_shared<FolderListing>(*tree_, *extension_, errors_, scheduler_, scheduler_);
     follower_ = std::make_shared<Follower>(*extension_, *tree_, scheduler_, scheduler_, files_, "/home/tester/anchor",
                                            [] { return MonotonicTime{}; });
+    sender_ =
+        EditSender::make({.services = {.extension = *extension_,
+                                       .edits = edits_,
+                                       .contents = edited_,
+                                       .sync = [this](auto completion) { follower_->sync(std::move(completion)); },
+                                       .scheduler = scheduler_},
+                          .tree = *tree_,
+                          .errors = errors_,
+                          .clock = scheduler_,
+                          .temporaryNames = TemporaryNames()});
+    sender_->start();
     commands_ = std::make_unique<ControlCommands>(ControlCommands::Parts{.tree = *tree_,
                                                                          .contents = contents_,
                                                                          .errors = errors_,
                                                                          .follower = follower_,
+                                                                         .edits = edits_,
+                                                                         .sender = sender_,
+                                                                         .extension = *extension_,
                                                                          .scheduler = scheduler_,
                                                                          .clock = scheduler_,
                                                                          .waitUntilShown = [this] { ++shown_; },
@@ -87,11 +105,16 @@ class ControlCommandsTest : public testing::Test {
     scheduler_.runUntilIdle();
   }
   ~ControlCommandsTest() override {
+    sender_->stop();
     extension_->letAnswersGo();
     follower_->stop();
     contents_->close(Error(COCOA_ERROR_DOMAIN, USER_CANCELLED));
     listing_->close(Error(COCOA_ERROR_DOMAIN, USER_CANCELLED));
     scheduler_.runUntilIdle();
+    commands_.reset();
+    sender_.reset();
+    edited_.reset();
+    edits_.reset();
     follower_.reset();
     contents_.reset();
     listing_.reset();
@@ -105,6 +128,16 @@ class ControlCommandsTest : public testing::Test {
     return reply;
   }
 
+  // What programs do in the top folder.
+  void makeFolder(const std::string& name) {
+    edits_->createFolder(ROOT_INODE, name, [](const Result<ItemAttributes>& made) { EXPECT_TRUE(made); });
+    scheduler_.runUntilIdle();
+  }
+  void remove(const std::string& name) {
+    edits_->removeFile(ROOT_INODE, name, [](const Result<void>& done) { EXPECT_TRUE(done); });
+    scheduler_.runUntilIdle();
+  }
+
   Inode inode(const std::string& identifier) { return replica_->inodeOf({identifier}).value(); }
 
   json::Array allFiles() {
@@ -116,12 +149,16 @@ class ControlCommandsTest : public testing::Test {
   CapturedLog log_;
   std::string folder_;
   VirtualScheduler scheduler_;
+  SimulatedRandom random_;
   SimulatedFiles files_{scheduler_};
   LastErrors errors_;
   std::unique_ptr<FakeExtension> extension_;
   std::unique_ptr<Replica> replica_;
   std::unique_ptr<Tree> tree_;
   std::shared_ptr<ContentStore> contents_;
+  std::shared_ptr<LocalEdits> edits_;
+  std::shared_ptr<EditedContents> edited_;
+  std::shared_ptr<EditSender> sender_;
   std::shared_ptr<FolderListing> listing_;
   std::shared_ptr<Follower> follower_;
   std::unique_ptr<ControlCommands> commands_;
@@ -143,6 +180,9 @@ TEST_F(ControlCommandsTest, BadRequestsAreRefusedAndChangeNothing) {
       {{"command", "fetch"}, {"inodes", json::Array{1, "2"}}},
       {{"command", "evict"}, {"inodes", json::Array{-1}}},
       {{"command", "evict"}, {"inodes", json::Object{}}},
+      {{"command", "trash-restore"}},
+      {{"command", "trash-delete"}, {"ids", "x"}},
+      {{"command", "trash-delete"}, {"ids", json::Array{1}}},
   };
   for (const auto& request : cases) {
     const auto reply = ask(request);
@@ -269,6 +309,132 @@ TEST_F(ControlCommandsTest, EvictDropsTheLocalCopy) {
   const auto busy = ask({{"command", "evict"}, {"inodes", json::Array{inode("a")}}});
   EXPECT_EQ(json::integer(*busy->result, "done"), 0);
   EXPECT_EQ(json::listOfObjects(*busy->result, "failures")->size(), 1u);
+}
+
+TEST_F(ControlCommandsTest, StatusAndInfoTellWhatIsNotOnTheServerYet) {
+  makeFolder("new");
+  remove("f3");
+  extension_->failChanges(Error(FILE_PROVIDER_ERROR_DOMAIN, INSUFFICIENT_QUOTA, "Vondle is full."));
+  auto status = ask({{"command", "status"}})->result.value();
+  const auto* edits = json::object(status, "edits");
+  ASSERT_NE(edits, nullptr);
+  EXPECT_EQ(json::integer(*edits, "total"), 2);
+  EXPECT_EQ(json::integer(*edits, "failing"), 0);
+  scheduler_.advance(seconds(2));
+
+  status = ask({{"command", "status"}})->result.value();
+  edits = json::object(status, "edits");
+  EXPECT_EQ(json::integer(*edits, "failing"), 2);
+  const auto* list = json::listOfObjects(*edits, "list");
+  ASSERT_EQ(list->size(), 2U);
+  const auto& first = list->at(0).get_object();
+  EXPECT_EQ(json::text(first, "path"), "/new");
+  EXPECT_EQ(json::text(first, "what"), "new folder");
+  EXPECT_EQ(json::text(first, "state"), "retrying");
+  EXPECT_EQ(json::text(first, "error"), "Vondle is full.");
+  EXPECT_EQ(json::integer(first, "attempts"), 1);
+  EXPECT_GT(json::number(first, "next_try").value(), scheduler_.now().secondsSince1970);
+  const auto& second = list->at(1).get_object();
+  EXPECT_EQ(json::text(second, "path"), "/f3");
+  EXPECT_EQ(json::text(second, "what"), "deleted");
+
+  const auto folder = replica_->lookup(ROOT_INODE, "new")->inode;
+  const auto info = ask({{"command", "info"}, {"inode", folder}})->result.value();
+  EXPECT_EQ(json::text(*json::object(info, "edit"), "error"), "Vondle is full.");
+  EXPECT_EQ(json::object(ask({{"command", "info"}, {"inode", inode("a")}})->result.value(), "edit"), nullptr);
+}
+
+TEST_F(ControlCommandsTest, DrainingTellsHowFarItIsAndWhatIsLeft) {
+  makeFolder("one");
+  makeFolder("two");
+  extension_->holdAnswers();
+  const auto reply = ask({{"command", "drain"}});
+  scheduler_.advance(seconds(1));
+  EXPECT_FALSE(reply->result);
+  ASSERT_FALSE(reply->progresses.empty());
+  EXPECT_EQ(json::integer(reply->progresses.back(), "left"), 2);
+  extension_->failNextChanges(1, {FILE_PROVIDER_ERROR_DOMAIN, INSUFFICIENT_QUOTA, "Vondle is full."});
+  extension_->letAnswersGo();
+  scheduler_.advance(seconds(1));
+  ASSERT_TRUE(reply->result);
+  EXPECT_EQ(json::integer(*reply->result, "left"), 1);
+  const auto* left = json::listOfObjects(*reply->result, "edits");
+  ASSERT_EQ(left->size(), 1U);
+  EXPECT_EQ(json::text(left->at(0).get_object(), "error"), "Vondle is full.");
+}
+
+TEST_F(ControlCommandsTest, DrainingGoesOnWhenNobodyIsToldAnyMore) {
+  makeFolder("one");
+  extension_->holdAnswers();
+  const auto reply = ask({{"command", "drain"}});
+  reply->abandoned();
+  scheduler_.advance(seconds(3));
+  const auto told = reply->progresses.size();
+  extension_->letAnswersGo();
+  scheduler_.advance(seconds(3));
+  EXPECT_EQ(reply->progresses.size(), told);
+  EXPECT_FALSE(reply->result);
+  EXPECT_EQ(edits_->pendingCount(), 0U);
+}
+
+TEST_F(ControlCommandsTest, SyncTriesFailedEditsAtOnce) {
+  makeFolder("one");
+  extension_->failNextChanges(4, {FILE_PROVIDER_ERROR_DOMAIN, INSUFFICIENT_QUOTA});
+  scheduler_.advance(seconds(60));
+  ASSERT_EQ(extension_->changes().size(), 4U);
+  ask({{"command", "sync"}});
+  scheduler_.advance(seconds(0.1));
+  EXPECT_EQ(edits_->pendingCount(), 0U);
+}
+
+TEST_F(ControlCommandsTest, TheTrashIsListed) {
+  extension_->addFile("t1", TRASH_CONTAINER.text, "old \xff.txt", "12345");
+  extension_->addFolder("t2", TRASH_CONTAINER.text, "stuff");
+  const auto result = ask({{"command", "trash"}})->result.value();
+  const auto* items = json::listOfObjects(result, "items");
+  ASSERT_EQ(items->size(), 2U);
+  EXPECT_EQ(json::text(items->at(0).get_object(), "id"), "t1");
+  EXPECT_EQ(json::integer(items->at(0).get_object(), "size"), 5);
+  EXPECT_EQ(json::boolean(items->at(1).get_object(), "folder"), true);
+}
+
+TEST_F(ControlCommandsTest, ATrashThatCannotBeListedSaysWhy) {
+  extension_->failListings(Error(API_ERROR_DOMAIN, 401));
+  for (const auto* command : {"trash", "trash-empty"})
+    EXPECT_EQ(ask({{"command", command}})->code, control::CODE_NOT_AUTHENTICATED) << command;
+}
+
+TEST_F(ControlCommandsTest, WhatIsInTheTrashComesBackAndIsShown) {
+  extension_->addFile("t1", TRASH_CONTAINER.text, "back.txt", "12345");
+  const auto reply = ask({{"command", "trash-restore"}, {"ids", json::Array{"t1", "a", "nowhere"}}});
+  ASSERT_TRUE(reply->result);
+  EXPECT_EQ(json::integer(*reply->result, "done"), 1);
+  const auto* failures = json::listOfObjects(*reply->result, "failures");
+  ASSERT_EQ(failures->size(), 2U) << "what is not in the trash is left where it is";
+  EXPECT_EQ(json::text(failures->at(0).get_object(), "id"), "a");
+  EXPECT_EQ(json::text(failures->at(0).get_object(), "code"), control::CODE_NO_SUCH_ITEM);
+  EXPECT_EQ(extension_->itemNamed("back.txt")->parentItemIdentifier, ROOT_CONTAINER);
+}
+
+TEST_F(ControlCommandsTest, OnlyWhatIsInTheTrashIsRemovedForGood) {
+  extension_->addFile("t1", TRASH_CONTAINER.text, "one", "1");
+  extension_->addFile("t2", TRASH_CONTAINER.text, "two", "2");
+  const auto reply = ask({{"command", "trash-delete"}, {"ids", json::Array{"t1", "a"}}});
+  EXPECT_EQ(json::integer(*reply->result, "done"), 1);
+  EXPECT_FALSE(extension_->itemNamed("one"));
+  EXPECT_TRUE(extension_->itemNamed("two"));
+  EXPECT_EQ(extension_->itemNamed("a.txt")->parentItemIdentifier, ROOT_CONTAINER);
+  EXPECT_TRUE(extension_->lastRequest().isFileViewerRequest);
+}
+
+TEST_F(ControlCommandsTest, EmptyingTheTrashGoesOnWhenSingleItemsFail) {
+  for (int i = 0; i < 20; ++i) extension_->addFile(std::to_string(i), TRASH_CONTAINER.text, "old", "1");
+  extension_->failNextChanges(3, {API_ERROR_DOMAIN, 500});
+  const auto reply = ask({{"command", "trash-empty"}});
+  EXPECT_EQ(json::integer(*reply->result, "done"), 17);
+  EXPECT_EQ(json::listOfObjects(*reply->result, "failures")->size(), 3U);
+  EXPECT_FALSE(reply->progresses.empty());
+  EXPECT_EQ(json::integer(*ask({{"command", "trash-empty"}})->result, "done"), 3);
 }
 
 TEST_F(ControlCommandsTest, StopAnswersBeforeItStops) {

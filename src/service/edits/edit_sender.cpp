@@ -38,12 +38,18 @@ Duration EditSender::retryDelay(int failures) {
   return std::min(delay, LAST_RETRY);
 }
 
-void EditSender::start() {
-  const auto pending = parts_.services.edits->pending();
-  if (!pending.empty()) lastOfEarlierRuns_ = pending.back().id;
-  parts_.services.edits->onChange([weak = weak_from_this()] {
+std::shared_ptr<EditSender> EditSender::make(Parts parts) {
+  const std::shared_ptr<EditSender> sender(new EditSender(std::move(parts)));
+  const auto pending = sender->parts_.services.edits->pending();
+  if (!pending.empty()) sender->lastOfEarlierRuns_ = pending.back().id;
+  sender->parts_.services.edits->onChange([weak = std::weak_ptr(sender)] {
     if (const auto self = weak.lock()) self->planSoon();
   });
+  return sender;
+}
+
+void EditSender::start() {
+  queue_->post([self = shared_from_this()] { self->isStarted_ = true; });
   planSoon();
 }
 
@@ -110,6 +116,10 @@ void EditSender::planSoon() {
   queue_->post([weak = weak_from_this()] {
     const auto self = weak.lock();
     if (!self || self->isStopped_) return;
+    if (!self->isStarted_) {
+      self->isPlanAsked_ = false;
+      return;
+    }
     const auto now = self->parts_.clock.monotonic();
     if (!self->nextPlan_ || *self->nextPlan_ <= now) return self->plan();
     self->planTimer_ = self->queue_->after(*self->nextPlan_ - now, [weak] {

@@ -56,9 +56,10 @@ class EditSender : public std::enable_shared_from_this<EditSender> {
     std::shared_ptr<Progress> progress;  // of sending; null otherwise
   };
 
-  explicit EditSender(Parts parts);
-
   // Before the first change of a program's.
+  static std::shared_ptr<EditSender> make(Parts parts);
+
+  // Nothing is sent before.
   void start();
   // What is under way is cancelled and stays in the queue; whoever drains it hears how much that is.
   void stop();
@@ -74,6 +75,8 @@ class EditSender : public std::enable_shared_from_this<EditSender> {
   [[nodiscard]] static Duration retryDelay(int failures);
 
  private:
+  explicit EditSender(Parts parts);
+
   // Edits that one plan sees on their way: a plan looks at the whole queue.
   static constexpr std::size_t BACKLOG = 256;
   // Between two plans, so that a long queue costs a bounded part of a processor.
@@ -129,6 +132,7 @@ class EditSender : public std::enable_shared_from_this<EditSender> {
   Facts facts_ GUARDED_BY(lock_);  // changed on the queue alone
 
   // Used on the queue alone.
+  bool isStarted_ = false;
   bool isStopped_ = false;
   EditID lastOfEarlierRuns_ = 0;
   std::deque<std::pair<QueuedEdit, SendDecision>> backlog_;

@@ -253,10 +253,9 @@ void SendOperation::checkServer(Error error) {
 
 void SendOperation::serverChecked(Error error, std::optional<Error> serverError) {
   if (serverError) return failed(std::move(*serverError));
-  // What is missing is the folder that it is made in; the tree knows by now.
-  if (task_.step == SendStep::create) return failed(std::move(error));
+  // What is missing when it is made is the folder that it is made in.
   follow(services_.extension.itemForIdentifier(
-      edit_.item, SYSTEM,
+      task_.step == SendStep::create ? edit_.place.folder : edit_.item, SYSTEM,
       onQueue([error = std::move(error)](SendOperation& self, Result<Item> item) { self.itemChecked(error, item); })));
 }
 
