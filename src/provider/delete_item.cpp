@@ -15,13 +15,10 @@ DeleteItem::DeleteItem(const ProviderServices& services, const ItemIdentifier& i
     : services_(services), id_(serverIDFor(identifier)), completion_(std::move(completion)) {}
 
 std::shared_ptr<Progress> DeleteItem::start() {
-  currentEntry(services_, id_, [self = shared_from_this()](Result<Entry> entry) { self->lookedUp(std::move(entry)); });
+  services_.cache.resolve(id_, mutationFreshness, [self = shared_from_this()](const std::optional<Entry>& entry) {
+    entry ? self->remove(*entry) : self->finish(std::nullopt);
+  });
   return Progress::make();
-}
-
-void DeleteItem::lookedUp(Result<Entry> entry) {
-  if (entry) return remove(*entry);
-  finish(saysGone(entry.error()) ? std::nullopt : std::optional(std::move(entry.error())));
 }
 
 void DeleteItem::remove(const Entry& entry) {

@@ -14,9 +14,9 @@
 
 namespace vondle {
 
-// Moves an item to the server's trash, or removes it for good when it lies there already. An item that the server says
-// it does not have, before or after, counts as deleted; so does a file without contents. A server that can't be asked
-// about an item never seen is an error: the deletion is yet to be done. Kept alive by what it waits for.
+// Moves an item to the server's trash, or removes it for good when it lies there already. An item of which nothing can
+// be found out, or that the server says it does not have, counts as deleted; so does a file without contents. Kept
+// alive by what it waits for.
 class DeleteItem final : public std::enable_shared_from_this<DeleteItem> {
  public:
   DeleteItem(const ProviderServices& services, const ItemIdentifier& identifier,
@@ -25,7 +25,6 @@ class DeleteItem final : public std::enable_shared_from_this<DeleteItem> {
   std::shared_ptr<Progress> start();
 
  private:
-  void lookedUp(Result<Entry> entry);
   void remove(const Entry& entry);
   void removed(const Result<json::Object>& reply);
   void finish(std::optional<Error> error);
