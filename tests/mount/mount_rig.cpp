@@ -13,6 +13,7 @@
 #include <future>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -63,6 +64,19 @@ std::string Program::output() const {
   return text.str();
 }
 
+ChildProcess::ChildProcess(const std::function<bool()>& action) : pid_(::fork()) {
+  if (pid_ == 0) ::_exit(action() ? 0 : 1);
+}
+
+ChildProcess::~ChildProcess() {
+  if (pid_ > 0) succeeds();
+}
+
+bool ChildProcess::succeeds() {
+  int status = 0;
+  return ::waitpid(std::exchange(pid_, 0), &status, 0) > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
 bool eventually(const std::function<bool()>& condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   while (!condition()) {
@@ -94,10 +108,12 @@ std::optional<Error> MountRig::tryToStart() {
   errors_ = std::make_unique<LastErrors>();
   replica = *Replica::open(folder_ + "/replica.sqlite");
   tree = std::make_unique<Tree>(*replica, *scheduler_);
+  if (isWritable_) edits = *LocalEdits::open(folder_ + "/edits.db", *tree, clock_, random_);
   listing = std::make_shared<FolderListing>(*tree, extension, *errors_, *scheduler_, clock_);
   contents = *ContentStore::open(folder_ + "/contents", *tree, extension, *errors_, *scheduler_, clock_);
   tree->subscribe([store = contents](const std::vector<ReplicaChange>& changes) { store->apply(changes); });
-  auto started = Mount::start({.path = mountPoint_}, *tree, *listing, *contents, *scheduler_, clock_);
+  if (isWritable_) edited = *EditedContents::open(folder_ + "/edits", contents, edits, *tree, *scheduler_, clock_);
+  auto started = Mount::start({.path = mountPoint_}, *tree, *listing, *contents, *scheduler_, clock_, {edits, edited});
   if (started) {
     mount = std::move(*started);
     return std::nullopt;
@@ -122,9 +138,12 @@ void MountRig::stop() {
   tree->applyUpdates({}, [&] { settled.set_value(); });
   settled.get_future().wait();
   listing.reset();
+  const std::weak_ptr<EditedContents> written = std::exchange(edited, nullptr);
+  eventually([&] { return written.expired(); });
   const std::weak_ptr<ContentStore> store = std::exchange(contents, nullptr);
+  const std::weak_ptr<LocalEdits> queue = std::exchange(edits, nullptr);
   tree.reset();
-  eventually([&] { return store.expired(); });
+  eventually([&] { return store.expired() && queue.expired(); });
   replica.reset();
   errors_.reset();
   scheduler_.reset();

@@ -10,7 +10,10 @@
 
 #include "platform/linux/asio_scheduler.h"
 #include "platform/linux/linux_clock.h"
+#include "platform/linux/linux_random.h"
 #include "service/contents/content_store.h"
+#include "service/contents/edited_contents.h"
+#include "service/edits/local_edits.h"
 #include "service/listing/folder_listing.h"
 #include "service/mount/mount.h"
 #include "service/replica/tree.h"
@@ -51,6 +54,22 @@ class Program {
   std::optional<int> status_;
 };
 
+// A copy of this process that does something and ends. Who maps a file into memory to write to it must not be the
+// process that serves the mount: while the kernel writes the pages of a mapping back, its process can get no memory.
+class ChildProcess {
+ public:
+  // The action makes system calls and allocates nothing: other threads may have held locks.
+  explicit ChildProcess(const std::function<bool()>& action);
+  ~ChildProcess();
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+  // Waits for what the action answers.
+  bool succeeds();
+
+ private:
+  pid_t pid_;
+};
+
 // True as soon as the condition holds; false after ten seconds.
 bool eventually(const std::function<bool()>& condition);
 
@@ -60,6 +79,8 @@ class MountRig {
   explicit MountRig(const ScratchFolder& scratch);
   ~MountRig();
 
+  // Programs can change the folder from the next start on. What they write lies in `edits` below the scratch folder.
+  void makeWritable() { isWritable_ = true; }
   // Stops the service and starts it again on the same state.
   void restart();
   void start();
@@ -80,12 +101,16 @@ class MountRig {
   std::unique_ptr<Tree> tree;
   std::shared_ptr<FolderListing> listing;
   std::shared_ptr<ContentStore> contents;
+  std::shared_ptr<LocalEdits> edits;  // null when the folder is not writable
+  std::shared_ptr<EditedContents> edited;
   std::unique_ptr<Mount> mount;
 
  private:
   const std::string folder_;
   const std::string mountPoint_;
   LinuxClock clock_;
+  LinuxRandom random_;
+  bool isWritable_ = false;
   std::unique_ptr<AsioScheduler> scheduler_;
   std::unique_ptr<LastErrors> errors_;
   int programs_ = 0;

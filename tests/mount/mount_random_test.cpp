@@ -1,0 +1,242 @@
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <random>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "mount_rig.h"
+
+namespace vondle {
+namespace {
+
+// Does to a file in the mounted folder what it does to a text in memory, which must stay the same. Meanwhile the file
+// is sent now and then, is evicted, and is closed and opened.
+class RandomWrites {
+ public:
+  static constexpr std::int64_t LIMIT = 256 << 10;
+
+  RandomWrites(MountRig& rig, std::uint64_t seed) : rig_(rig), random_(seed), path_(rig.path("/file")) { open(); }
+  ~RandomWrites() {
+    endSending();
+    ::close(descriptor_);
+  }
+  RandomWrites(const RandomWrites&) = delete;
+  RandomWrites& operator=(const RandomWrites&) = delete;
+
+  // One act; its name.
+  std::string act() {
+    switch (below(16)) {
+      case 0:
+      case 1:
+      case 2:
+        return write();
+      case 3:
+        return append();
+      case 4:
+      case 5:
+        return writeMapped();
+      case 6:
+        return truncate();
+      case 7:
+        return allocate();
+      case 8:
+        return punch();
+      case 9:
+        return beginSending();
+      case 10:
+        return endSending();
+      case 11:
+        return reopen();
+      case 12:
+        return synchronise();
+      case 13:
+        return readMapped();
+      default:
+        return read();
+    }
+  }
+
+  // As others see it.
+  void compareAll() {
+    const int other = ::open(path_.c_str(), O_RDONLY);
+    ASSERT_GE(other, 0);
+    std::string text(LIMIT + 1, '\0');
+    const auto count = ::pread(other, text.data(), text.size(), 0);
+    ::close(other);
+    text.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    ASSERT_EQ(text.size(), expected_.size());
+    ASSERT_TRUE(text == expected_);
+    struct stat status{};
+    ASSERT_EQ(::stat(path_.c_str(), &status), 0);
+    ASSERT_EQ(status.st_size, static_cast<off_t>(expected_.size()));
+  }
+
+ private:
+  std::int64_t below(std::int64_t limit) { return std::uniform_int_distribution<std::int64_t>(0, limit - 1)(random_); }
+  std::int64_t size() const { return static_cast<std::int64_t>(expected_.size()); }
+  std::string someText(std::int64_t size) {
+    std::string text(static_cast<std::size_t>(size), '\0');
+    for (auto& c : text) c = static_cast<char>('a' + below(26));
+    return text;
+  }
+  void expect(std::int64_t offset, const std::string& text) {
+    if (offset + static_cast<std::int64_t>(text.size()) > size()) expected_.resize(offset + text.size());
+    expected_.replace(offset, text.size(), text);
+  }
+
+  void open() {
+    descriptor_ = ::open(path_.c_str(), O_RDWR | O_CREAT, 0600);
+    EXPECT_GE(descriptor_, 0);
+  }
+
+  std::string write() {
+    const auto offset = below(LIMIT / 2);
+    const auto text = someText(1 + below(40'000));
+    EXPECT_EQ(::pwrite(descriptor_, text.data(), text.size(), offset), static_cast<ssize_t>(text.size()));
+    expect(offset, text);
+    return fmt::format("write {} {}", offset, text.size());
+  }
+  std::string append() {
+    if (size() > LIMIT - 10'000) return "no append";
+    const int appender = ::open(path_.c_str(), O_WRONLY | O_APPEND);
+    const auto text = someText(1 + below(9'000));
+    EXPECT_EQ(::write(appender, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    ::close(appender);
+    expect(size(), text);
+    return fmt::format("append {}", text.size());
+  }
+  std::string writeMapped() {
+    if (size() == 0) return "no mapping";
+    const auto offset = below(size());
+    const auto text = someText(1 + below(std::min<std::int64_t>(size() - offset, 30'000)));
+    const bool synchronises = below(2) == 0;
+    ChildProcess child([&] {
+      auto* const map =
+          static_cast<char*>(::mmap(nullptr, expected_.size(), PROT_READ | PROT_WRITE, MAP_SHARED, descriptor_, 0));
+      if (map == MAP_FAILED) return false;
+      std::copy(text.begin(), text.end(), map + offset);
+      return (!synchronises || ::msync(map, expected_.size(), MS_SYNC) == 0) && ::munmap(map, expected_.size()) == 0;
+    });
+    EXPECT_TRUE(child.succeeds());
+    expect(offset, text);
+    return fmt::format("mapped write {} {}", offset, text.size());
+  }
+  std::string truncate() {
+    const auto target = below(LIMIT);
+    EXPECT_EQ(below(2) == 0 ? ::ftruncate(descriptor_, target) : ::truncate(path_.c_str(), target), 0);
+    expected_.resize(target);
+    return fmt::format("truncate {}", target);
+  }
+  std::string allocate() {
+    const auto offset = below(LIMIT / 2);
+    const auto length = 1 + below(50'000);
+    const bool keepsSize = below(2) == 0;
+    EXPECT_EQ(::fallocate(descriptor_, keepsSize ? FALLOC_FL_KEEP_SIZE : 0, offset, length), 0);
+    if (!keepsSize && offset + length > size()) expected_.resize(offset + length);
+    return fmt::format("allocate {} {} {}", offset, length, keepsSize);
+  }
+  std::string punch() {
+    const auto offset = below(LIMIT / 2);
+    const auto length = 1 + below(50'000);
+    EXPECT_EQ(::fallocate(descriptor_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, offset, length), 0);
+    for (auto i = offset; i < std::min(offset + length, size()); ++i) expected_[i] = '\0';
+    return fmt::format("punch {} {}", offset, length);
+  }
+  std::string read() {
+    const auto offset = below(LIMIT);
+    std::string text(1 + below(60'000), '\0');
+    const auto count = ::pread(descriptor_, text.data(), text.size(), offset);
+    const auto there = offset < size() ? expected_.substr(offset, text.size()) : std::string();
+    EXPECT_EQ(count, static_cast<ssize_t>(there.size()));
+    text.resize(std::max<ssize_t>(count, 0));
+    EXPECT_TRUE(text == there);
+    return fmt::format("read {} {}", offset, text.size());
+  }
+  std::string readMapped() {
+    if (size() == 0) return "no mapping";
+    ChildProcess child([&] {
+      auto* const map = static_cast<char*>(::mmap(nullptr, expected_.size(), PROT_READ, MAP_SHARED, descriptor_, 0));
+      return map != MAP_FAILED && std::string_view(map, expected_.size()) == expected_ &&
+             ::munmap(map, expected_.size()) == 0;
+    });
+    EXPECT_TRUE(child.succeeds());
+    return "mapped read";
+  }
+  std::string beginSending() {
+    if (outgoing_) return "sending already";
+    struct stat status{};
+    ::stat(path_.c_str(), &status);
+    const auto file = rig_.edited->find(status.st_ino);
+    if (!file) return "nothing to send";
+    const auto begun = rig_.edited->beginSending(file->number(), "file");
+    if (!begun) return "busy";
+    outgoing_ = *begun;
+    sent_ = textOf(outgoing_->path);
+    return "begin sending";
+  }
+  // What was sent is as it was when it began.
+  std::string endSending() {
+    if (!outgoing_) return "not sending";
+    EXPECT_TRUE(textOf(outgoing_->path) == sent_);
+    rig_.edited->endSending(*outgoing_, {}, false);
+    outgoing_ = std::nullopt;
+    return "end sending";
+  }
+  std::string reopen() {
+    ::close(descriptor_);
+    open();
+    return "reopen";
+  }
+  std::string synchronise() {
+    EXPECT_EQ(::fsync(descriptor_), 0);
+    return "fsync";
+  }
+  static std::string textOf(const std::string& path) {
+    std::string text(LIMIT + 1, '\0');
+    const int file = ::open(path.c_str(), O_RDONLY);
+    const auto count = ::read(file, text.data(), text.size());
+    ::close(file);
+    text.resize(std::max<ssize_t>(count, 0));
+    return text;
+  }
+
+  MountRig& rig_;
+  std::mt19937_64 random_;
+  const std::string path_;
+  int descriptor_ = -1;
+  std::string expected_;
+  std::optional<EditedContents::Outgoing> outgoing_;
+  std::string sent_;
+};
+
+std::uint64_t numberFromEnvironment(const char* name, std::uint64_t otherwise) {
+  const char* const text = std::getenv(name);
+  return text ? std::strtoull(text, nullptr, 10) : otherwise;
+}
+
+// VONDLE_RANDOM_WRITES acts from the seed VONDLE_SEED.
+TEST(MountRandomTest, AFileStaysWhatItWouldBeOnALocalDisk) {
+  const auto acts = numberFromEnvironment("VONDLE_RANDOM_WRITES", 3'000);
+  const auto seed = numberFromEnvironment("VONDLE_SEED", 1);
+  ScratchFolder scratch;
+  MountRig rig(scratch);
+  rig.makeWritable();
+  rig.start();
+  RandomWrites writes(rig, seed);
+  std::vector<std::string> log;
+  for (std::uint64_t i = 0; i < acts && !testing::Test::HasFailure(); ++i) {
+    log.push_back(writes.act());
+    if (i % 16 == 0) writes.compareAll();
+  }
+  writes.compareAll();
+  if (testing::Test::HasFailure())
+    for (std::size_t i = log.size() < 20 ? 0 : log.size() - 20; i < log.size(); ++i) fmt::print("{} {}\n", i, log[i]);
+}
+
+}  // namespace
+}  // namespace vondle
