@@ -217,7 +217,7 @@ void FuseChannel::init(void*, fuse_conn_info* connection) {
   // Attributes come with every listing: looking at whole folders is what costs most.
   connection->want |= connection->capable & FUSE_CAP_READDIRPLUS;
   connection->want &= ~static_cast<unsigned>(FUSE_CAP_READDIRPLUS_AUTO);
-  connection->want |= connection->capable & (FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
+  connection->want |= connection->capable & FUSE_CAP_SPLICE_WRITE;
   connection->want &= ~static_cast<unsigned>(FUSE_CAP_SPLICE_READ);
   // We say when cached contents are no longer true; a new time of modification alone does not.
   connection->want &= ~static_cast<unsigned>(FUSE_CAP_AUTO_INVAL_DATA);
@@ -412,9 +412,10 @@ void FuseRequest::answerRange(int descriptor, std::int64_t end, std::int64_t off
   pieces.buf[0].flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
   pieces.buf[0].fd = descriptor;
   pieces.buf[0].pos = offset;
+  // Copied out of the file's pages: to move them would take them from the cache of the file, and costs more.
   // libfuse keeps a pipe for each thread that splices, and can give it back only when the thread ends before the
   // session.
-  fuse_reply_data(request, &pieces, servesRequests ? FUSE_BUF_SPLICE_MOVE : FUSE_BUF_NO_SPLICE);
+  fuse_reply_data(request, &pieces, servesRequests ? fuse_buf_copy_flags{} : FUSE_BUF_NO_SPLICE);
 }
 
 void FuseRequest::answerWritten(std::size_t bytes) && {
