@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# A million known items through the mount: looking at them, starting with them, and what they take in memory. The account is generated, so that no server's speed counts.
+# A million known items through the mount: looking at them, starting with them, and what they take in memory. The
+# account is generated, so that no server's speed counts.
 # listing.sh FOLDER-OF-PROGRAMS
 set -euo pipefail
 BIN_GIVEN=$(realpath "$1")
