@@ -1,5 +1,6 @@
 #include "service/edits/send_plan.h"
 
+#include <algorithm>
 #include <map>
 #include <string>
 #include <utility>
