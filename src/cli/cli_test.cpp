@@ -22,7 +22,9 @@
 #include "cli/words.h"
 #include "service/control/control_protocol.h"
 #include "service/control/control_server.h"
+#include "service/edits/edit_store.h"
 #include "service/instance_lock.h"
+#include "service/local_copies.h"
 #include "testing/simulated_platform.h"
 
 namespace vondle {
@@ -99,6 +101,12 @@ TEST_F(CommandLineTest, WrongUsageExitsWithTwo) {
       {"unmount", "--wait", "-1"},
       {"login", "--key-file"},
       {"mount", "a", "b"},
+      {"trash"},
+      {"trash", "nonsense"},
+      {"trash", "restore"},
+      {"trash", "delete"},
+      {"trash", "empty", "1"},
+      {"logout", "now"},
   };
   for (const auto& arguments : cases) {
     EXPECT_EQ(run(arguments), 2) << testing::PrintToString(arguments);
@@ -109,7 +117,7 @@ TEST_F(CommandLineTest, WrongUsageExitsWithTwo) {
 
 TEST_F(CommandLineTest, EveryCommandHasHelp) {
   for (const auto* command : {"login", "logout", "mount", "unmount", "status", "sync", "info", "fetch", "evict",
-                              "limits", "pause", "resume", "restart"}) {
+                              "trash", "limits", "pause", "resume", "restart"}) {
     EXPECT_EQ(run({command, "--help"}), 0) << command;
     EXPECT_THAT(out_.str(), HasSubstr(command));
     EXPECT_EQ(err_.str(), "") << command;
@@ -119,8 +127,10 @@ TEST_F(CommandLineTest, EveryCommandHasHelp) {
 }
 
 TEST_F(CommandLineTest, WhatNeedsTheServiceSaysThatItIsNotRunning) {
-  const std::vector<std::vector<std::string>> cases = {{"status"},     {"sync"},    {"info", "a"}, {"fetch", "a"},
-                                                       {"evict", "a"}, {"unmount"}, {"restart"}};
+  const std::vector<std::vector<std::string>> cases = {{"status"},        {"sync"},          {"info", "a"},
+                                                       {"fetch", "a"},    {"evict", "a"},    {"unmount"},
+                                                       {"restart"},       {"trash", "list"}, {"trash", "restore", "1"},
+                                                       {"trash", "empty"}};
   for (const auto& arguments : cases) {
     EXPECT_EQ(run(arguments), 4) << arguments[0];
     EXPECT_THAT(err_.str(), HasSubstr("vondle mount")) << arguments[0];
@@ -261,6 +271,51 @@ TEST_F(CommandLineTest, LogoutForgetsTheKeyAndTheLocalCopies) {
   EXPECT_EQ(run({"logout"}), 0) << "twice does no harm";
 }
 
+TEST_F(CommandLineTest, LogoutIsRefusedWhileChangesAreNotOnTheServerYet) {
+  machine_.files.put(CONFIG, R"({"api_key":"k"})");
+  {
+    auto store = EditStore::open(folders_.editDatabase());
+    ASSERT_TRUE(store);
+    Edit edit;
+    edit.id = store->newID();
+    edit.item.text = "7";
+    edit.fields = EDIT_CONTENTS;
+    edit.place = {ROOT_CONTAINER, "novel.odt"};
+    edit.serverPlace = edit.place;
+    edit.contents = 1;
+    ASSERT_TRUE(store->write({.edits = {edit}, .removals = {}, .attributes = {}, .attributeRemovals = {}}));
+  }
+  std::filesystem::create_directories(folders_.editedFiles());
+  std::ofstream(folders_.editedFiles() + "/1") << "chapter one";
+  EXPECT_EQ(run({"logout"}), 8);
+  EXPECT_THAT(err_.str(), HasSubstr("novel.odt"));
+  EXPECT_THAT(err_.str(), HasSubstr("1 change would be lost"));
+  EXPECT_EQ(config(), (json::Object{{"api_key", "k"}})) << "still signed in";
+  EXPECT_TRUE(std::filesystem::exists(folders_.editedFiles() + "/1"));
+
+  EXPECT_EQ(run({"logout", "--force"}), 0);
+  EXPECT_FALSE(std::filesystem::exists(folders_.editedFiles()));
+  EXPECT_FALSE(std::filesystem::exists(folders_.editDatabase()));
+  EXPECT_EQ(config(), json::Object());
+}
+
+TEST_F(CommandLineTest, LogoutIsRefusedWhenNobodyCanTellWhatWouldBeLost) {
+  machine_.files.put(CONFIG, R"({"api_key":"k"})");
+  std::ofstream(folders_.editDatabase()) << "this is no database at all, and long enough to be looked at as one";
+  EXPECT_EQ(run({"logout"}), 8);
+  EXPECT_THAT(err_.str(), HasSubstr(folders_.editDatabase()));
+  EXPECT_EQ(config(), (json::Object{{"api_key", "k"}}));
+  EXPECT_TRUE(std::filesystem::exists(folders_.editDatabase()));
+  EXPECT_EQ(run({"logout", "--force"}), 0);
+}
+
+TEST_F(CommandLineTest, LocalCopiesAreNotRemovedWithUnsentChangesBehindTheBackOfAnybody) {
+  std::ofstream(folders_.editDatabase()) << "this is no database at all, and long enough to be looked at as one";
+  std::filesystem::create_directories(folders_.contentFiles());
+  EXPECT_FALSE(removeLocalCopies(folders_, machine_.files, UnsentEdits::keep));
+  EXPECT_TRUE(std::filesystem::exists(folders_.contentFiles()));
+}
+
 TEST_F(CommandLineTest, LogoutWaitsForTheServiceToBeGone) {
   machine_.files.put(CONFIG, R"({"api_key":"k"})");
   const auto lock = InstanceLock::acquire(folders_.stateLock(), "it");
@@ -348,6 +403,19 @@ TEST_F(ServiceCommandTest, StatusShowsWhatTheServiceSays) {
          {"bytes_here", 1536},
          {"follow",
           json::Object{{"anchor", "4711"}, {"last_success", now - 12}, {"next_in", 18}, {"error", "no server"}}},
+         {"edits", json::Object{{"total", 5},
+                                {"sending", 1},
+                                {"failing", 1},
+                                {"local", 1},
+                                {"list", json::Array{json::Object{{"path", "/film"},
+                                                                  {"what", "new file"},
+                                                                  {"state", "sending"},
+                                                                  {"fraction", 0.456}},
+                                                     json::Object{{"path", "/novel"},
+                                                                  {"what", "new contents, renamed"},
+                                                                  {"state", "retrying"},
+                                                                  {"next_try", now + 20},
+                                                                  {"error", "Vondle is full."}}}}}},
          {"transfers", json::Array{json::Object{
                            {"path", "/big.bin"}, {"direction", "down"}, {"completed", 512 << 10}, {"total", 1 << 20}}}},
          {"names",
@@ -362,6 +430,10 @@ TEST_F(ServiceCommandTest, StatusShowsWhatTheServiceSays) {
             "Changes     up to 4711, 12 s ago; again in 18 s\n"
             "  no server\n"
             "Items       12 known, 1 file here (1.5 kB)\n"
+            "Edits       4 not on the server yet, 1 being sent, 1 failed; 1 file with a temporary name\n"
+            "  /film: new file, being sent, 46 %\n"
+            "  /novel: new contents, renamed, next try in 20 s\n"
+            "    Vondle is full.\n"
             "Transfers   1\n"
             "  down  50 %  512 kB of 1.0 MB  /big.bin\n"
             "Rates       down 2.0 kB/s, up 0 B/s\n"
@@ -396,6 +468,7 @@ TEST_F(ServiceCommandTest, SyncWaitsUntilNothingRuns) {
   std::atomic<int> statuses = 0;
   serve([&](const json::Object& request, ControlReply& reply) {
     if (json::text(request, "command") == "sync") return reply.finish({{"updates", 1}});
+    if (json::text(request, "command") == "drain") return reply.finish({{"left", 0}});
     json::Array transfers;
     if (++statuses < 3) transfers.push_back(json::Object{});
     reply.finish({{"transfers", transfers}});
@@ -412,6 +485,92 @@ TEST_F(ServiceCommandTest, SyncGivesUpWhenTheTimeIsUp) {
   });
   EXPECT_EQ(run({"sync", "--wait", "0.1"}), 8);
   EXPECT_THAT(err_.str(), HasSubstr("1 transfer still running"));
+}
+
+TEST_F(ServiceCommandTest, SigningInTellsARunningService) {
+  std::vector<std::string> commands;
+  serve([&](const json::Object& request, ControlReply& reply) {
+    commands.emplace_back(json::text(request, "command").value_or(""));
+    reply.finish({});
+  });
+  EXPECT_EQ(run({"login", "--server", "https://a.example"}), 0);
+  EXPECT_THAT(commands, testing::ElementsAre("sync"));
+}
+
+TEST_F(ServiceCommandTest, SyncWaitsForEditsAndTellsWhatIsLeft) {
+  serve([&](const json::Object& request, ControlReply& reply) {
+    if (json::text(request, "command") != "drain") return reply.finish({});
+    reply.progress({{"left", 2}, {"edits", 3}});
+    reply.finish({{"left", 1},
+                  {"edits", json::Array{json::Object{
+                                {"path", "/novel"}, {"what", "new contents"}, {"error", "Vondle is full."}}}}});
+  });
+  EXPECT_EQ(run({"sync", "--wait"}), 8);
+  EXPECT_THAT(err_.str(), HasSubstr("/novel (new contents): Vondle is full."));
+  EXPECT_THAT(err_.str(), HasSubstr("1 change is not on the server yet"));
+  EXPECT_EQ(run({"sync"}), 0) << "only those who wait hear of it";
+}
+
+TEST_F(ServiceCommandTest, WhenTheTimeIsUpSyncTellsHowManyChangesAreLeft) {
+  std::shared_ptr<ControlReply> kept;
+  auto server = ControlServer::listen(folders_.socket(),
+                                      [&kept](const json::Object& request, const std::shared_ptr<ControlReply>& reply) {
+                                        if (json::text(request, "command") == "status")
+                                          return reply->finish({{"edits", json::Object{{"total", 5}, {"local", 2}}}});
+                                        if (json::text(request, "command") == "sync") return reply->finish({});
+                                        kept = reply;
+                                      });
+  ASSERT_TRUE(server);
+  EXPECT_EQ(run({"sync", "--wait", "0.1"}), 8);
+  EXPECT_THAT(err_.str(), HasSubstr("3 changes are not on the server yet"));
+  server->reset();
+}
+
+TEST_F(ServiceCommandTest, UnmountSendsFirstAndSaysWhatIsLeft) {
+  std::vector<std::string> commands;
+  int left = 0;
+  serve([&](const json::Object& request, ControlReply& reply) {
+    commands.emplace_back(json::text(request, "command").value_or(""));
+    if (commands.back() == "drain") return reply.finish({{"left", left}});
+    reply.finish({{"pid", 0}});
+  });
+  EXPECT_EQ(run({"unmount"}), 0);
+  EXPECT_THAT(commands, testing::ElementsAre("drain", "stop"));
+  left = 2;
+  EXPECT_EQ(run({"unmount"}), 8);
+  EXPECT_THAT(err_.str(), HasSubstr("unmounted"));
+  EXPECT_THAT(err_.str(), HasSubstr("2 changes are kept here"));
+}
+
+TEST_F(ServiceCommandTest, TheTrashIsListedAndChanged) {
+  std::vector<json::Object> requests;
+  serve([&](const json::Object& request, ControlReply& reply) {
+    requests.push_back(request);
+    if (json::text(request, "command") == "trash") {
+      return reply.finish({{"items", json::Array{json::Object{{"id", "17"}, {"name", "old"}, {"folder", true}},
+                                                 json::Object{{"id", "18"},
+                                                              {"name", "a.txt"},
+                                                              {"folder", false},
+                                                              {"size", 1536},
+                                                              {"modified", "2024-05-01T10:20:30.000Z"}}}}});
+    }
+    reply.finish({{"done", 1},
+                  {"failures", json::Array{json::Object{
+                                   {"id", "9"}, {"error", "not there"}, {"code", control::CODE_NO_SUCH_ITEM}}}}});
+  });
+  EXPECT_EQ(run({"trash", "list"}), 0);
+  EXPECT_EQ(out_.str(),
+            "17                                                   old/\n"
+            "18                 1.5 kB  2024-05-01T10:20:30.000Z  a.txt\n");
+  EXPECT_EQ(run({"trash", "restore", "17", "9"}), 7);
+  EXPECT_EQ(requests.back(), (json::Object{{"command", "trash-restore"}, {"ids", json::Array{"17", "9"}}}));
+  EXPECT_THAT(err_.str(), HasSubstr("9: not there"));
+  EXPECT_THAT(err_.str(), HasSubstr("1 item restored"));
+  EXPECT_EQ(run({"trash", "delete", "17", "--json"}), 7);
+  EXPECT_EQ(json::text(requests.back(), "command"), "trash-delete");
+  EXPECT_THAT(out_.str(), HasSubstr("\"done\":1"));
+  run({"trash", "empty"});
+  EXPECT_EQ(requests.back(), (json::Object{{"command", "trash-empty"}}));
 }
 
 // Requests for many files, against a folder that stands in for the mount.

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "cli/commands.h"
+#include "cli/service_connection.h"
 #include "config/server_migration.h"
 #include "platform/url.h"
 
@@ -17,6 +18,7 @@ struct LoginOptions {
 };
 
 constexpr std::size_t MAX_KEY = 4096;
+constexpr Duration TIME_FOR_SERVICE = seconds(2);
 
 Outcome<std::string> readKeyText(const CommandContext& context, const std::string& keyFile) {
   if (keyFile.empty()) return context.readSecret("Account key: ");
@@ -58,6 +60,13 @@ Outcome<std::string> chooseServer(const CommandContext& context, const std::stri
   return server;
 }
 
+// What waits for the account to work again goes on at once.
+void tellService(const CommandContext& context) {
+  if (auto service = ServiceConnection::open(context.folders.socket())) {
+    [[maybe_unused]] const auto answer = service->ask({{"command", "sync"}}, TIME_FOR_SERVICE);
+  }
+}
+
 Outcome<void> login(const CommandContext& context, const LoginOptions& options) {
   const auto server = chooseServer(context, options.server);
   if (!server) return std::unexpected(server.error());
@@ -80,6 +89,7 @@ Outcome<void> login(const CommandContext& context, const LoginOptions& options) 
   }
   context.console.say("signed in to " + *server + "; the key is in " +
                       (*place == KeyPlace::keyring ? "the keyring" : context.paths().config()));
+  tellService(context);
   return {};
 }
 

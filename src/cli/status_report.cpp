@@ -57,7 +57,8 @@ std::string editsText(const json::Object& edits) {
   std::string text = total == 0 ? "all on the server" : fmt::format("{} not on the server yet", total);
   if (count("sending") > 0) text += fmt::format(", {} being sent", count("sending"));
   if (count("failing") > 0) text += fmt::format(", {} failed", count("failing"));
-  if (local > 0) text += fmt::format("; {} with temporary names", countInWords(local, "file", "files"));
+  if (local > 0)
+    text += fmt::format("; {}", countInWords(local, "file with a temporary name", "files with temporary names"));
   return text;
 }
 
