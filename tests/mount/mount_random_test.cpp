@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <future>
 #include <random>
+#include <utility>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -30,7 +32,7 @@ class RandomWrites {
 
   // One act; its name.
   std::string act() {
-    switch (below(16)) {
+    switch (below(19)) {
       case 0:
       case 1:
       case 2:
@@ -56,6 +58,10 @@ class RandomWrites {
         return synchronise();
       case 13:
         return readMapped();
+      case 14:
+        return endSending();
+      case 15:
+        return evict();
       default:
         return read();
     }
@@ -167,26 +173,49 @@ class RandomWrites {
     EXPECT_TRUE(child.succeeds());
     return "mapped read";
   }
-  std::string beginSending() {
-    if (outgoing_) return "sending already";
+  Inode inode() const {
     struct stat status{};
-    ::stat(path_.c_str(), &status);
-    const auto file = rig_.edited->find(status.st_ino);
-    if (!file) return "nothing to send";
-    const auto begun = rig_.edited->beginSending(file->number(), "file");
-    if (!begun) return "busy";
-    outgoing_ = *begun;
-    sent_ = textOf(outgoing_->path);
+    EXPECT_EQ(::stat(path_.c_str(), &status), 0);
+    return status.st_ino;
+  }
+  std::string beginSending() {
+    const auto edit = outgoing_ ? std::nullopt : rig_.edits->ofItem(inode());
+    if (!edit) return "nothing to send";
+    std::promise<std::optional<Edit>> begun;
+    rig_.edits->beginSending(edit->id, [&](std::optional<Edit> now) { begun.set_value(std::move(now)); });
+    sent_ = begun.get_future().get();
+    if (!sent_) return "no longer to send";
+    const auto outgoing = rig_.edited->beginSending(sent_->contents, "file");
+    if (!outgoing) {
+      EXPECT_TRUE(outgoing.error().is(POSIX_ERROR_DOMAIN, EBUSY)) << outgoing.error().localizedDescription();
+      rig_.edits->abandonSending(sent_->id);
+      return "busy";
+    }
+    outgoing_ = *outgoing;
+    sentText_ = textOf(outgoing_->path);
     return "begin sending";
   }
-  // What was sent is as it was when it began.
+  // What was sent is as it was when it began, and the server has it now, or not.
   std::string endSending() {
     if (!outgoing_) return "not sending";
-    EXPECT_TRUE(textOf(outgoing_->path) == sent_);
-    rig_.edited->endSending(*outgoing_, {}, false);
-    outgoing_ = std::nullopt;
-    return "end sending";
+    EXPECT_TRUE(textOf(outgoing_->path) == sentText_);
+    const auto outgoing = *std::exchange(outgoing_, std::nullopt);
+    if (below(2) == 0) {
+      rig_.edits->abandonSending(sent_->id);
+      rig_.edited->endSending(outgoing, {}, false);
+      return "sending failed";
+    }
+    const auto item = rig_.extension.addFile("1", ROOT_CONTAINER.text, "file", sentText_, ++version_);
+    const std::uint32_t fields =
+        sent_->fields & EDIT_CREATED ? EDIT_CREATED | EDIT_PLACED | EDIT_CONTENTS : EDIT_CONTENTS;
+    std::promise<LocalEdits::Outcome> saved;
+    rig_.edits->succeeded(*sent_, fields, {.item = item, .hasGivenContents = true},
+                          [&](const LocalEdits::Outcome& outcome) { saved.set_value(outcome); });
+    const auto outcome = saved.get_future().get();
+    rig_.edited->endSending(outgoing, outcome, true);
+    return outcome.isContentsDone ? "sent" : "sent, and more to send";
   }
+  std::string evict() { return rig_.contents->evict(inode()) ? "not evicted" : "evicted"; }
   std::string reopen() {
     ::close(descriptor_);
     open();
@@ -211,7 +240,9 @@ class RandomWrites {
   int descriptor_ = -1;
   std::string expected_;
   std::optional<EditedContents::Outgoing> outgoing_;
-  std::string sent_;
+  std::optional<Edit> sent_;
+  std::string sentText_;
+  int version_ = 0;
 };
 
 std::uint64_t numberFromEnvironment(const char* name, std::uint64_t otherwise) {

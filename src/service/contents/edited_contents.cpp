@@ -359,6 +359,13 @@ void EditedContents::closedForWriting(Inode inode) {
   if (file) file->noteUse(clock_.monotonic(), false);
 }
 
+bool EditedContents::tellOfChange(Inode inode) {
+  const auto file = find(inode);
+  if (!file || !file->takeChange()) return false;
+  edits_->touchContents(inode, file->size(), file->modified());
+  return true;
+}
+
 std::optional<Timestamp> EditedContents::busyUntil(Inode inode, Duration settle, Duration settleWhileOpen) const {
   bool isOpen = false;
   std::shared_ptr<EditedFile> file;
@@ -386,6 +393,7 @@ Result<EditedContents::Outgoing> EditedContents::beginSending(std::int64_t numbe
   // One that is there is about to be told of.
   if (!file) return failure(Error::posix(::access(pathOf(number).c_str(), F_OK) == 0 ? EBUSY : ENOENT, pathOf(number)));
   const auto attributes = tree_.replica().attributes(inode);
+  if (tellOfChange(inode)) return failure(Error::posix(EBUSY, "the file was written to just now"));
   if (!attributes || !file->freeze()) return failure(Error::posix(EBUSY, "the file is being written to"));
   Outgoing outgoing{.path = fmt::format("{}{}/{}{}", folder_, SENDING, number, extensionOf(filename)),
                     .number = number,

@@ -67,6 +67,8 @@ class EditedContents : public std::enable_shared_from_this<EditedContents> {
   // A program has the file open for writing (or no longer).
   void openedForWriting(Inode inode) EXCLUDES(lock_);
   void closedForWriting(Inode inode) EXCLUDES(lock_);
+  // Tells the queue of what was written since it was last told. False when there is nothing.
+  bool tellOfChange(Inode inode) EXCLUDES(lock_);
   // When it may be sent: at once (none), or not before this time, if nothing happens until then.
   [[nodiscard]] std::optional<Timestamp> busyUntil(Inode inode, Duration settle, Duration settleWhileOpen) const
       EXCLUDES(lock_);

@@ -399,7 +399,7 @@ void WritableFilesystem::changeModified(FuseRequest request, Inode inode, const 
 }
 
 void WritableFilesystem::answerChanged(FuseRequest request, Inode inode) {
-  tellOfChange(inode);
+  edited_->tellOfChange(inode);
   if (const auto node = nodeFor(inode))
     std::move(request).answerAttributes(*node);
   else
@@ -409,13 +409,13 @@ void WritableFilesystem::answerChanged(FuseRequest request, Inode inode) {
 // Closing and synchronising
 
 void WritableFilesystem::flush(FuseRequest request, Inode inode) {
-  tellOfChange(inode);
+  edited_->tellOfChange(inode);
   Filesystem::flush(std::move(request), inode);
 }
 
 void WritableFilesystem::release(FuseRequest request, Inode inode, OpenMode mode) {
   if (mode.writes) {
-    tellOfChange(inode);
+    edited_->tellOfChange(inode);
     edited_->closedForWriting(inode);
   }
   Filesystem::release(std::move(request), inode, mode);
@@ -423,13 +423,8 @@ void WritableFilesystem::release(FuseRequest request, Inode inode, OpenMode mode
 
 void WritableFilesystem::sync(FuseRequest request, Inode inode) {
   if (!begin(request)) return;
-  tellOfChange(inode);
+  edited_->tellOfChange(inode);
   edited_->makeDurable(editedFor(inode), answering(std::move(request)));
-}
-
-void WritableFilesystem::tellOfChange(Inode inode) {
-  const auto file = edited_->find(inode);
-  if (file && file->takeChange()) edits_->touchContents(inode, file->size(), file->modified());
 }
 
 }  // namespace vondle

@@ -67,8 +67,6 @@ class WritableFilesystem final : public Filesystem {
   // Writes at the offset, or at the end.
   void put(FuseRequest request, Inode inode, EditedFile& file, std::string_view data, std::int64_t offset,
            bool isAppend);
-  // Tells the queue of what was written to the file since it was last told.
-  void tellOfChange(Inode inode);
   [[nodiscard]] Completion<Result<void>> answering(FuseRequest request);
 
   const std::shared_ptr<LocalEdits> edits_;
