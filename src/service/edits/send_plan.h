@@ -26,12 +26,12 @@ struct SendTime {
 };
 
 struct SendTimeFacts {
-  Timestamp now;
-  Duration settleTime{0};              // how long it is left alone after a change
-  std::optional<Timestamp> busyUntil;  // its contents are being written
-  std::optional<Duration> stay;        // of its name; see TemporaryNames
-  bool isDelayed = false;              // its next try counts
-  Duration lastRetry{0};               // the longest that a next try can be away
+  Timestamp now{};
+  Duration settleTime{0};                // how long it is left alone after a change
+  std::optional<Timestamp> busyUntil{};  // its contents are being written
+  std::optional<Duration> stay{};        // of its name; see TemporaryNames
+  bool isDelayed = false;                // its next try counts
+  Duration lastRetry{0};                 // the longest that a next try can be away
 };
 
 // Times that are to come although they should be past, because the clock was set back, count as past.
