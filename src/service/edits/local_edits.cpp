@@ -108,7 +108,7 @@ Result<void> LocalEdits::write(const EditBatch& batch) {
     unwritten_.erase(unwritten_.begin());
   }
   if (auto written = store_.write(batch); !written) return failure(forPrograms(written.error()));
-  syncSoon();
+  if (!batch.isEmpty()) syncSoon();
   return {};
 }
 
@@ -121,10 +121,11 @@ void LocalEdits::keep(const EditBatch& batch) {
     syncSoon();
   }
   if (isOwnChange_) return;
-  // The server tells news once, and they are about to be kept for good.
-  if (const auto synced = store_.makeDurable(); !synced)
-    slog.error("local changes may not survive power loss: %{public}@", synced.error().localizedDescription());
-  tellChanged();
+  // The server tells news once, and the tree is about to be kept for good: it must not be ahead of the edits.
+  if (isSyncDue_)
+    if (const auto synced = store_.makeDurable(); !synced)
+      slog.error("local changes may not survive power loss: %{public}@", synced.error().localizedDescription());
+  if (!batch.isEmpty()) tellChanged();
 }
 
 Result<void> LocalEdits::commit(const Plan& plan, bool isByProgram) {
@@ -237,8 +238,7 @@ Result<void> LocalEdits::moveTo(const ItemAttributes& item, const std::string& f
   if (replaced && replaced->inode == item.inode) return {};
   if (replica_.isAtOrAbove(item.inode, toFolder.inode)) return refused(EINVAL);
   if (replaced && replaced->isFolder != item.isFolder) return refused(item.isFolder ? ENOTDIR : EISDIR);
-  if (replaced && replaced->isFolder && !(replaced->isListed && replica_.children(replaced->inode).empty()))
-    return refused(ENOTEMPTY);
+  if (replaced && replaced->isFolder && !replica_.isEmptyFolder(replaced->inode)) return refused(ENOTEMPTY);
   const bool isRenamed = fromName != toName, isMoved = item.parent != toFolder.inode;
   if (isRenamed && !allows(item, ALLOWS_RENAMING)) return refused(EACCES);
   if (isMoved && !(allows(item, ALLOWS_REPARENTING) && allows(toFolder, ALLOWS_WRITING))) return refused(EACCES);
@@ -289,7 +289,7 @@ Result<void> LocalEdits::remove(Inode folder, const std::string& name, bool isFo
   const auto item = replica_.lookup(folder, name);
   if (!item) return refused(ENOENT);
   if (item->isFolder != isFolder) return refused(isFolder ? ENOTDIR : EISDIR);
-  if (isFolder && !(item->isListed && replica_.children(item->inode).empty())) return refused(ENOTEMPTY);
+  if (isFolder && !replica_.isEmptyFolder(item->inode)) return refused(ENOTEMPTY);
   if (!allows(*item, ALLOWS_DELETING)) return refused(EACCES);
   Plan plan;
   planDeletion(plan, *item);

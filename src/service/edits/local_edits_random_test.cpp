@@ -132,14 +132,20 @@ class LocalEditsRandomTest : public LocalEditsRig, public testing::WithParamInte
 
   // --- Programs ---
 
+  // Always in the same order, unlike the tree's.
+  [[nodiscard]] std::vector<DirectoryEntry> entriesOf(Inode at) const {
+    auto entries = replica_->entries(at, replica_->children(at));
+    std::ranges::sort(entries, {}, &DirectoryEntry::name);
+    return entries;
+  }
   // A folder that can be looked into, some way down.
   Inode someFolder() {
     Inode at = ROOT_INODE;
     for (;;) {
       listFolder(at);
       std::vector<Inode> folders;
-      for (const Inode child : replica_->children(at))
-        if (attributes(child).isFolder) folders.push_back(child);
+      for (const auto& entry : entriesOf(at))
+        if (entry.attributes.isFolder) folders.push_back(entry.attributes.inode);
       if (folders.empty() || oneIn(3) || !replica_->isListed(at)) return at;
       at = anyOf(folders);
     }
@@ -154,7 +160,7 @@ class LocalEditsRandomTest : public LocalEditsRig, public testing::WithParamInte
     const Inode from = someFolder(), to = someFolder();
     if (!replica_->isListed(from) || !replica_->isListed(to)) return;
     const auto id = replica_->identifierOf(from)->text, toID = replica_->identifierOf(to)->text;
-    const auto entries = replica_->entries(from, replica_->children(from));
+    const auto entries = entriesOf(from);
     const auto name = fmt::format("n{}", below(12));
     const auto entry = entries.empty() ? DirectoryEntry{name, {}} : anyOf(entries);
     switch (below(8)) {
@@ -215,7 +221,6 @@ class LocalEditsRandomTest : public LocalEditsRig, public testing::WithParamInte
       return;
     }
     if (begun->fields & EDIT_DELETED) return sendDeletion(*begun);
-    const auto folder = begun->place.folder.text;
     if (begun->fields & EDIT_CONTENTS) return sendContents(*begun);
     if (isLocal(begun->place.folder)) return edits_->abandonSending(id);
     if (begun->fields & EDIT_CREATED) return sendNew(*begun);
@@ -247,15 +252,20 @@ class LocalEditsRandomTest : public LocalEditsRig, public testing::WithParamInte
       itemVanished(begun);
       return;
     }
+    auto sent = begun;
     if (const auto holder = serverItemAt(begun.place.folder.text, begun.place.name); !holder.empty()) {
-      if (holdsPlace(holder)) return edits_->abandonSending(begun.id);
-      renameAside(begun);
-      return;
+      if (!holdsPlace(holder)) {
+        renameAside(begun);
+        return;
+      }
+      // Perhaps that one waits for this.
+      if (!oneIn(5)) return edits_->abandonSending(begun.id);
+      sent.place.name = fmt::format(".aside-{}", begun.id);
     }
-    const auto id = serverAdd({begun.place.folder.text, begun.place.name, begun.isFolder, 1, begun.contents});
+    const auto id = serverAdd({sent.place.folder.text, sent.place.name, begun.isFolder, 1, begun.contents});
     const auto answer = saved(itemOf(id));
     meanwhile();
-    succeeded(begun, EDIT_CREATED | EDIT_PLACED | EDIT_CONTENTS, answer);
+    succeeded(sent, EDIT_CREATED | EDIT_PLACED | EDIT_CONTENTS, answer);
   }
   void sendContents(const Edit& begun) {
     const auto id = begun.item.text;
@@ -386,8 +396,8 @@ class LocalEditsRandomTest : public LocalEditsRig, public testing::WithParamInte
   }
   void listAll(Inode at) {
     listFolder(at);
-    for (const Inode child : replica_->children(at))
-      if (attributes(child).isFolder) listAll(child);
+    for (const auto& entry : entriesOf(at))
+      if (entry.attributes.isFolder) listAll(entry.attributes.inode);
   }
 
   std::mt19937_64 random_engine_{GetParam()};

@@ -2,11 +2,15 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cerrno>
 #include <string>
 
 #include "platform/content_types.h"
 #include "service/edits/local_edits_rig.h"
+
+// How often SQLite has asked for what it wrote to be on disk; see replica_test.cpp.
+extern std::atomic<int> syncs;
 
 namespace vondle {
 namespace {
@@ -868,6 +872,22 @@ TEST_F(LocalEditsTest, ChangesOfTheQueueAreTold) {
   EXPECT_FALSE(told());
 }
 
+TEST_F(LocalEditsTest, WhatIsRecordedIsOnDiskSoonOrWhenAsked) {
+  buildTree();
+  syncs = 0;
+  createFile("a", "new", 7);
+  EXPECT_EQ(syncs, 0);
+  EXPECT_EQ(errorOf([&](auto answer) { edits_->makeDurable(std::move(answer)); }), 0);
+  EXPECT_GT(syncs.exchange(0), 0);
+  removeFile("b", "y.txt");
+  EXPECT_EQ(syncs, 0);
+  scheduler_.advance(seconds(5));
+  EXPECT_GT(syncs.exchange(0), 0);
+  scheduler_.advance(seconds(60));
+  EXPECT_EQ(scheduler_.timerCount(), 0U);
+  EXPECT_EQ(syncs, 0);
+}
+
 // --- Starting again ---
 
 TEST_F(LocalEditsTest, EverythingIsThereAfterARestart) {
@@ -917,6 +937,31 @@ TEST_F(LocalEditsTest, EditedContentsShowUpInATreeMadeAnewWithTheirSize) {
   EXPECT_EQ(attributes(inode("x")).size, 20);
   EXPECT_EQ(edit("/A/x.txt").generation, waiting.generation);
   EXPECT_EQ(edits_->inodeOf(waiting.id), inode("x"));
+}
+
+TEST_F(LocalEditsTest, AFolderIsNotEmptyWhileSomethingMovedThereIsNotHereYet) {
+  buildTree();
+  createFolder(ROOT, "folder");
+  rename("a", "x.txt", identifierAt("/folder"), "x.txt");
+  restartWithoutReplica();
+  list(ROOT, {folder("a", ROOT, "A"), folder("b", ROOT, "B")});
+  EXPECT_THAT(names(identifierAt("/folder")), IsEmpty());
+  EXPECT_EQ(removeFolder(ROOT, "folder"), ENOTEMPTY);
+  list("a", {file("x", "a", "x.txt")});
+  EXPECT_EQ(pathOf("x"), "/folder/x.txt");
+}
+
+TEST_F(LocalEditsTest, NewsThatAFolderNotSeenYetIsGoneFreesWhatWasToBeInIt) {
+  buildTree();
+  createFile("b", "new", 7);
+  rename("a", "x.txt", "b", "x.txt");
+  restartWithoutReplica();
+  list(ROOT, {folder("a", ROOT, "A")});
+  list("a", {file("x", "a", "x.txt")});
+  news({}, {{"b"}});
+  EXPECT_NE(at("/new"), 0U);
+  EXPECT_EQ(pathOf("x"), "/A/x.txt");
+  EXPECT_EQ(edits_->pendingCount(), 1U);
 }
 
 TEST_F(LocalEditsTest, AFileWhoseFolderIsGoneForGoodComesToTheTop) {

@@ -59,6 +59,13 @@ bool Replica::isListed(Inode folder) const {
   return slot != NONE && state_.index.facts(slot).isListed;
 }
 
+bool Replica::isEmptyFolder(Inode folder) const {
+  MutexLock hold(lock_);
+  const Slot slot = state_.index.find(folder);
+  return slot != NONE && state_.index.facts(slot).isListed && state_.index.firstChild(slot) == NONE &&
+         state_.edits.placedIn(state_.index.identifier(slot)).empty();
+}
+
 std::vector<Inode> Replica::children(Inode folder) const {
   MutexLock hold(lock_);
   std::vector<Inode> inodes;
@@ -298,7 +305,7 @@ std::vector<ReplicaChange> Replica::change(const std::function<void(TreeEdit&)>&
 // The edits first: an item of this machine that no edit tells of is removed at the next start, while an edit whose item
 // is not there shows it again.
 void Replica::write(const ReplicaStore::Batch& batch, const EditBatch& edits, bool isNews) {
-  if (!edits.isEmpty() && keepEdits_) keepEdits_(edits);
+  if (keepEdits_ && (!edits.isEmpty() || (isNews && !batch.isEmpty()))) keepEdits_(edits);
   isNews ? store_.writeDurably(batch) : store_.write(batch);
 }
 

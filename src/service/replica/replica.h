@@ -57,6 +57,8 @@ class Replica {
   // last.
   [[nodiscard]] std::optional<ItemAttributes> lookup(Inode folder, std::string_view localName) const EXCLUDES(lock_);
   [[nodiscard]] bool isListed(Inode folder) const EXCLUDES(lock_);
+  // Listed, without children, and without items that programs moved there and that are not here yet.
+  [[nodiscard]] bool isEmptyFolder(Inode folder) const EXCLUDES(lock_);
   // In no particular order; those that are known.
   [[nodiscard]] std::vector<Inode> children(Inode folder) const EXCLUDES(lock_);
   // Those of the inodes that are still children of the folder.
@@ -105,7 +107,8 @@ class Replica {
   // What became of this item is news for folders that are being listed, too.
   void noteNews(const std::vector<Item>& updates, const std::vector<ItemIdentifier>& deletions) EXCLUDES(lock_);
   // Given each change of the edits that follows from news or from change, when the tree has changed and before it is
-  // written. The edits are made by `newEdit`: with an id, an identifier and the time.
+  // written; an empty one, too, before news is. The edits are made by `newEdit`: with an id, an identifier and the
+  // time.
   using EditKeeper = std::function<void(const EditBatch&)>;
   void keepEdits(EditKeeper keeper, std::function<Edit()> newEdit) EXCLUDES(lock_);
   // Shows these edits, after which they are kept: before anything else is changed.

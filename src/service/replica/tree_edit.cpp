@@ -136,6 +136,18 @@ void TreeEdit::takeDeletion(const ItemIdentifier& identifier) {
 
 // An item that is hidden, or whose folder is not known yet.
 void TreeEdit::takeDeletionOfUnseen(const ItemIdentifier& identifier) {
+  // Nobody knows where the folder was: what was to be in it goes to the top, or stays where the server has it.
+  for (const EditID id : state_.edits.placedIn(identifier.text)) {
+    Edit edit = *state_.edits.find(id);
+    if (edit.fields & EDIT_CREATED) {
+      edit.place.folder = ROOT_CONTAINER;
+    } else {
+      edit.fields &= ~EDIT_PLACED;
+      edit.place = edit.serverPlace.value_or(edit.place);
+    }
+    edit.fields == 0 ? dropEdit(id) : putEdit(std::move(edit));
+    show(id);
+  }
   const Edit* edit = state_.edits.ofItem(identifier.text);
   if (!edit) return;
   if (edit->fields & EDIT_CONTENTS) return makeLocal(identifier);
