@@ -1,5 +1,7 @@
 #include "service/control/edit_text.h"
 
+#include <algorithm>
+
 #include "service/control/control_text.h"
 
 namespace vondle {
@@ -61,7 +63,7 @@ json::Object editJSON(const EditSender::Report& report, const LocalEdits& edits,
   if (!edit.lastError.empty()) object["error"] = controlText(edit.lastError);
   if (report.until) object["next_try"] = report.until->secondsSince1970;
   if (report.waitsFor != 0) object["waits_for"] = report.waitsFor;
-  if (report.progress) object["fraction"] = report.progress->fractionCompleted();
+  if (report.progress) object["fraction"] = std::min(1.0, report.progress->fractionCompleted());
   return object;
 }
 

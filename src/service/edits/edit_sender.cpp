@@ -154,12 +154,11 @@ void EditSender::startMore() {
 
 void EditSender::begin(const QueuedEdit& queued, const SendDecision& decision) {
   const auto& edit = queued.edit;
-  const SendTask task{
-      .edit = edit.id,
-      .generation = edit.generation,
-      .step = decision.step,
-      .isAside = decision.isAside,
-      .looksFirst = decision.step == SendStep::create && (edit.attempts > 0 || edit.id <= lastOfEarlierRuns_)};
+  const SendTask task{.edit = edit.id,
+                      .generation = edit.generation,
+                      .step = decision.step,
+                      .isAside = decision.isAside,
+                      .looksFirst = edit.attempts > 0 || edit.id <= lastOfEarlierRuns_};
   const auto operation =
       std::make_shared<SendOperation>(parts_.services, queue_, task, [weak = weak_from_this()](SendResult result) {
         if (const auto self = weak.lock()) self->ended(std::move(result));

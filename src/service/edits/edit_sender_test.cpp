@@ -695,6 +695,29 @@ TEST_F(EditSenderTest, ContentsThatClashAreKeptBesideAndSeenAtOnce) {
   EXPECT_EQ(contents_->current(at("a.txt")), nullptr) << "ours is no copy of theirs";
 }
 
+TEST_F(EditSenderTest, NewContentsWhoseAnswerWasLostDoNotClashWithThemselves) {
+  extension_->addFile("1", ROOT, "a.txt", "old");
+  begin();
+  write("a.txt", "new contents");
+  extension_->loseNextAnswer(Error(URL_ERROR_DOMAIN, URL_NETWORK_CONNECTION_LOST, "lost"));
+  scheduler_.advance(seconds(8));
+  EXPECT_THAT(server(), ElementsAre("a.txt=new contents"));
+  EXPECT_THAT(changes(), ElementsAre("contents a.txt"));
+  EXPECT_EQ(edits_->pendingCount(), 0U);
+  EXPECT_NE(contents_->current(at("a.txt")), nullptr);
+}
+
+TEST_F(EditSenderTest, ContentsThatFailedBeforeStillClashWithThoseOfOthers) {
+  extension_->addFile("1", ROOT, "a.txt", "old");
+  begin();
+  write("a.txt", "ours!!");
+  extension_->failNextChanges(1, full());
+  settle();
+  extension_->addFile("1", ROOT, "a.txt", "theirs", 2);
+  scheduler_.advance(seconds(8));
+  EXPECT_THAT(server(), ElementsAre("a (conflicted copy).txt=ours!!", "a.txt=theirs"));
+}
+
 TEST_F(EditSenderTest, NewContentsOfAFileThatIsGoneBecomeANewOne) {
   extension_->addFile("1", ROOT, "a.txt", "old");
   begin();

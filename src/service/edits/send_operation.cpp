@@ -87,10 +87,9 @@ void SendOperation::begun(std::optional<Edit> edit) {
       return task_.looksFirst ? look() : create();
     case SendStep::contents:
       if (!freeze()) return;
-      [[fallthrough]];
+      return task_.looksFirst && edit_.serverPlace ? lookAtContents() : sendChange();
     case SendStep::place:
-      return modify(task_.step == SendStep::contents ? std::uint32_t{FIELD_CONTENTS} : FIELDS_PLACE, edit_.place.folder,
-                    onQueue([](SendOperation& self, Result<SavedItem> result) { self.modified(std::move(result)); }));
+      return sendChange();
     case SendStep::remove:
       return edit_.isFolder ? listFolder() : moveToTrash();
   }
@@ -138,6 +137,11 @@ void SendOperation::created(Result<SavedItem> result) {
   }
 }
 
+void SendOperation::sendChange() {
+  modify(task_.step == SendStep::contents ? std::uint32_t{FIELD_CONTENTS} : FIELDS_PLACE, edit_.place.folder,
+         onQueue([](SendOperation& self, Result<SavedItem> result) { self.modified(std::move(result)); }));
+}
+
 void SendOperation::modify(std::uint32_t fields, ItemIdentifier parent, Completion<Result<SavedItem>> completion) {
   Item item;
   item.itemIdentifier = edit_.item;
@@ -181,6 +185,22 @@ void SendOperation::looked(Result<std::vector<Item>> found) {
   compare(std::move(item));
 }
 
+// They may be there already: made from the same version once more, they would clash with themselves.
+void SendOperation::lookAtContents() {
+  listWhole(
+      services_.extension, edit_.serverPlace->folder, SYSTEM,
+      [identifier = edit_.item](const Item& item) { return item.itemIdentifier == identifier; },
+      onQueue([](SendOperation& self, Result<std::vector<Item>> found) { self.contentsLookedAt(std::move(found)); }));
+}
+
+void SendOperation::contentsLookedAt(Result<std::vector<Item>> found) {
+  if (!found || found->empty()) return sendChange();
+  auto& item = found->front();
+  const bool isUnchanged = item.itemVersion.contentVersion == edit_.baseVersion.contentVersion;
+  if (isUnchanged || item.documentSize.value_or(0) != outgoing_->size) return sendChange();
+  compare(std::move(item));
+}
+
 void SendOperation::compare(Item found) {
   follow(services_.extension.fetchContents(
       found.itemIdentifier, found.itemVersion, SYSTEM,
@@ -201,7 +221,7 @@ void SendOperation::fetched(Result<FetchedContents> result) {
 }
 
 void SendOperation::compared(bool isSame, Item found) {
-  if (!isSame) return renameAside();
+  if (!isSame) return task_.step == SendStep::contents ? sendChange() : renameAside();
   succeeded({.item = std::move(found), .hasGivenContents = true});
 }
 

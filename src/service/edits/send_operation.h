@@ -58,6 +58,7 @@ struct SendResult {
 // - An item that is made is looked for first when it may be there already, and when the name turns out to be taken: a
 //   folder of that name, or a file with the same contents, is the one that was to be made. Anything else keeps the
 //   name, and ours gets another.
+// - New contents that may be there already are compared with what is there, so that they do not clash with themselves.
 // - Deleting means moving to the trash, never more: what somebody else has put there meanwhile stays there. A folder is
 //   deleted when the server lists nothing in it; what the user has never seen is not taken along.
 class SendOperation : public std::enable_shared_from_this<SendOperation> {
@@ -79,11 +80,14 @@ class SendOperation : public std::enable_shared_from_this<SendOperation> {
 
   void create();
   void created(Result<SavedItem> result);
+  void sendChange();
   void modify(std::uint32_t fields, ItemIdentifier parent, Completion<Result<SavedItem>> completion);
   void modified(Result<SavedItem> result);
 
   void look();
   void looked(Result<std::vector<Item>> found);
+  void lookAtContents();
+  void contentsLookedAt(Result<std::vector<Item>> found);
   void compare(Item found);
   void fetched(Result<FetchedContents> result);
   void compared(bool isSame, Item found);
