@@ -6,7 +6,7 @@
 #include <fmt/format.h>
 
 #include "platform/content_types.h"
-#include "service/edits/local_edits_rig.h"
+#include "testing/local_edits_rig.h"
 
 namespace vondle {
 namespace {

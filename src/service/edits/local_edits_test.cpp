@@ -7,7 +7,7 @@
 #include <string>
 
 #include "platform/content_types.h"
-#include "service/edits/local_edits_rig.h"
+#include "testing/local_edits_rig.h"
 
 // How often SQLite has asked for what it wrote to be on disk; see replica_test.cpp.
 extern std::atomic<int> syncs;
