@@ -25,7 +25,7 @@ class HelperPreviewRendererTest : public testing::Test {
   HelperPreviewRendererTest() {
     std::string pattern = fs::temp_directory_path() / "vondle-helper-XXXXXX";
     folder = mkdtemp(pattern.data());
-    file = write("photo", "contents");
+    file = write("photo", "GIF89a");
   }
   ~HelperPreviewRendererTest() override { fs::remove_all(folder); }
 
@@ -64,7 +64,7 @@ constexpr const char* JPEG_START = "printf '\\377\\330\\377'";
 TEST_F(HelperPreviewRendererTest, GivesTheFileOnStandardInputAndTakesTheJpegFromStandardOutput) {
   EXPECT_EQ(pictureBy(std::string(JPEG_START) + "; cat"),
             "\xFF\xD8\xFF"
-            "contents");
+            "GIF89a");
 }
 
 TEST_F(HelperPreviewRendererTest, SaysWhatIsWantedOnTheCommandLine) {
@@ -115,6 +115,20 @@ TEST_F(HelperPreviewRendererTest, FourMegabytesAreStillTaken) {
   const auto jpeg = pictureBy(std::string(JPEG_START) + "; head -c 4194301 /dev/zero");
   ASSERT_TRUE(jpeg);
   EXPECT_EQ(jpeg->size(), HelperPreviewRenderer::MAX_JPEG_BYTES);
+}
+
+TEST_F(HelperPreviewRendererTest, StartsNoHelperForWhatDoesNotBeginLikeAPicture) {
+  const auto script = helper("touch \"$0.started\"; printf '\\377\\330\\377'");
+  HelperPreviewRenderer renderer(script);
+  using namespace std::string_view_literals;
+  for (const auto& start : {"plain text"sv, ""sv, "\x89PN"sv, "ftypheic"sv, "<svg"sv, "BM"sv})
+    EXPECT_EQ(picture(renderer, write("no picture", start), "png"), std::nullopt) << start;
+  EXPECT_FALSE(fs::exists(script + ".started"));
+  for (const auto& start : {"\xFF\xD8\xFF\xE0"sv, "\x89PNG\r\n"sv, "GIF87a"sv, "RIFF\0\0\0\0WEBP"sv, "II*\0"sv,
+                            "MM\0*"sv, "II+\0"sv, "\xFF\x0A"sv, "\0\0\0\x0CJXL \r\n"sv,
+                            "\0\0\0\x18"
+                            "ftypavif"sv})
+    EXPECT_TRUE(picture(renderer, write("picture", start), "txt")) << start;
 }
 
 TEST_F(HelperPreviewRendererTest, AMissingHelperGivesNoPreview) {
