@@ -252,7 +252,7 @@ std::uint64_t numberFromEnvironment(const char* name, std::uint64_t otherwise) {
 
 // VONDLE_RANDOM_WRITES acts from the seed VONDLE_SEED.
 TEST(MountRandomTest, AFileStaysWhatItWouldBeOnALocalDisk) {
-  const auto acts = numberFromEnvironment("VONDLE_RANDOM_WRITES", 3'000);
+  const auto acts = numberFromEnvironment("VONDLE_RANDOM_WRITES", 2'000);
   const auto seed = numberFromEnvironment("VONDLE_SEED", 1);
   ScratchFolder scratch;
   MountRig rig(scratch);
