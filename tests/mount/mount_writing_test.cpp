@@ -77,6 +77,13 @@ void putFile(const std::string& path, std::string_view text) {
   EXPECT_EQ(put(file, text), static_cast<ssize_t>(text.size())) << path;
 }
 
+// For what takes its time on a busy machine.
+std::optional<int> waitLong(Program& program) {
+  for (int i = 0; i < 10; ++i)
+    if (const auto status = program.wait()) return status;
+  return std::nullopt;
+}
+
 class MountWritingTest : public testing::Test {
  protected:
   MountWritingTest() { rig_.makeWritable(); }
@@ -201,12 +208,10 @@ TEST_F(MountWritingTest, ALargeFileIsCopiedInAndOutWhole) {
     }
   }
   auto copy = run({"cp", source, path("/big")});
-  ASSERT_TRUE(eventually([&] { return copy->wait().has_value(); }));
-  EXPECT_EQ(copy->wait(), 0);
+  EXPECT_EQ(waitLong(*copy), 0);
   EXPECT_EQ(sizeOf("/big"), static_cast<std::int64_t>(SIZE));
   auto compare = run({"cmp", source, path("/big")});
-  ASSERT_TRUE(eventually([&] { return compare->wait().has_value(); }));
-  EXPECT_EQ(compare->wait(), 0) << compare->output();
+  EXPECT_EQ(waitLong(*compare), 0) << compare->output();
 }
 
 // Opening in its ways
