@@ -151,6 +151,9 @@ class LocalEditsRig : public testing::Test {
   int renameAside(const Edit& sent) {
     return errorOf([&](auto answer) { edits_->renameAside(sent, std::move(answer)); });
   }
+  int undoMove(const Edit& sent) {
+    return errorOf([&](auto answer) { edits_->undoMove(sent, std::move(answer)); });
+  }
   int undelete(const Edit& sent) {
     return errorOf([&](auto answer) { edits_->undelete(sent, std::move(answer)); });
   }

@@ -700,6 +700,16 @@ std::string LocalEdits::nameAside(const Edit& edit) const {
   }
 }
 
+void LocalEdits::undoMove(const Edit& sent, Done completion) {
+  perform(std::move(completion), [sent](LocalEdits& self) -> Result<void> {
+    self.replica_.setSending(sent.id, false);
+    // Where programs have moved it meanwhile, it may go.
+    if (const auto edit = self.find(sent.id); edit && edit->place == sent.place)
+      self.apply([&](TreeEdit& tree) { tree.undoMove(edit->id); });
+    return {};
+  });
+}
+
 void LocalEdits::undelete(const Edit& sent, Done completion) {
   perform(std::move(completion), [sent](LocalEdits& self) -> Result<void> {
     self.replica_.setSending(sent.id, false);

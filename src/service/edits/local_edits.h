@@ -97,6 +97,8 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
   // The name is taken on the server: the item gets another one, "NAME (conflicted copy).EXT" or one with a number,
   // here too.
   void renameAside(const Edit& sent, Done completion);
+  // The folder that it was to go to is below it on the server: it is where the server has it again.
+  void undoMove(const Edit& sent, Done completion);
   // A deleted item that must not be deleted after all: it shows up again.
   void undelete(const Edit& sent, Done completion);
   // All edits are due now, whatever their next try was.

@@ -33,19 +33,30 @@ void TreeEdit::takeListing(Slot folder, const std::vector<Item>& items, const st
   if (wasListed || index().inode(folder) == ROOT_INODE) setListed(folder, true);
   for (const Item& item : items) {
     if (!isUsable(item.itemIdentifier) || item.parentItemIdentifier == TRASH_CONTAINER) continue;
+    const Place place{{std::string(index().identifier(folder))}, item.filename};
     if (const Slot same = index().findIdentifier(item.itemIdentifier.text);
         same != NONE && index().isAtOrAbove(same, folder)) {
-      slog.error("the server lists %{public}@ within itself", item.itemIdentifier.text);
+      takeAbove(same, place, item);
       continue;
     }
     const Slot known = withKindOf(item);
     if (known != NONE) unseen.erase(index().inode(known));
-    if (!takeEdited(known, folder, {{std::string(index().identifier(folder))}, item.filename}, item))
-      put(known, folder, item);
+    if (!takeEdited(known, folder, place, item)) put(known, folder, item);
   }
   for (const Inode inode : unseen)
     if (const Slot child = index().find(inode); child != NONE && index().parent(child) == folder) removeTree(child);
   setListed(folder, true);
+}
+
+// A listing has what the folder is in here: a program moved it there, or the server talks nonsense.
+void TreeEdit::takeAbove(Slot known, const Place& place, const Item& item) {
+  if (!item.isFolder() || place.folder == item.itemIdentifier) {
+    slog.error("the server lists %{public}@ within itself", item.itemIdentifier.text);
+    return;
+  }
+  if (takeEdited(known, NONE, place, item)) return;
+  takeFacts(known, item);
+  detachForNow(known, place);
 }
 
 // Whether a listing of its folder that lacks the item says nothing about it.
@@ -75,7 +86,7 @@ void TreeEdit::takeUpdate(const Item& item) {
   if (folder == NONE || !index().facts(folder).isFolder || index().isAtOrAbove(known, folder)) {
     // Perhaps the rest of the news explains it.
     takeFacts(known, item);
-    detachForNow(known, item);
+    detachForNow(known, {item.parentItemIdentifier, item.filename});
     return;
   }
   homeless_.erase(index().inode(known));
@@ -332,13 +343,13 @@ void TreeEdit::detach(Slot slot) {
   index().detach(slot);
 }
 
-void TreeEdit::detachForNow(Slot slot, const Item& item) {
+void TreeEdit::detachForNow(Slot slot, const Place& wanted) {
   const Inode inode = index().inode(slot);
   const Slot folder = index().parent(slot);
   auto [place, isNew] = homeless_.try_emplace(inode);
   if (isNew) place->second.oldParent = folder == NONE ? 0 : index().inode(folder);
-  place->second.wanted = item.parentItemIdentifier;
-  place->second.serverName = item.filename;
+  place->second.wanted = wanted.folder;
+  place->second.serverName = wanted.name;
   detach(slot);
 }
 
@@ -365,16 +376,30 @@ void TreeEdit::settle(Inode first) {
     } else if (std::find(chain.begin(), chain.end(), top) == chain.end()) {
       chain.push_back(top);
     } else {
-      slog.error("the server has %{public}@ within itself", index().identifier(slot));
       return breakCycle(chain);
     }
   }
 }
 
-// One of the chain goes back to where it was; when none can, the last goes away.
+// What a program moved to below a folder that the server has in it goes back to where the server has it. Otherwise one
+// of the chain goes back to where it was; when none can, the last goes away.
 void TreeEdit::breakCycle(const std::vector<Inode>& chain) {
+  if (std::ranges::any_of(chain, [this](Inode inode) { return undoMoveAbove(inode); })) return;
+  slog.error("the server has %{public}@ within itself", index().identifier(index().find(chain.back())));
   if (!std::ranges::any_of(chain, [this](Inode inode) { return putBack(inode); }))
     removeTree(index().find(chain.back()));
+}
+
+// False when no program has moved the folder that the homeless node is to be in, nor what that is in.
+bool TreeEdit::undoMoveAbove(Inode inode) {
+  Slot slot = index().findIdentifier(homeless_.at(inode).wanted.text);
+  for (; slot != NONE && index().parent(slot) != NONE; slot = index().parent(slot)) {
+    const Edit* edit = editOf(slot);
+    if (!edit || !(edit->fields & EDIT_PLACED) || !edit->serverPlace) continue;
+    undoMove(edit->id);
+    return true;
+  }
+  return false;
 }
 
 // False when the folder where the homeless node was is not there any more.
@@ -547,6 +572,17 @@ void TreeEdit::move(Inode inode, const Place& place, const std::string& wished) 
   say({ReplicaChange::Kind::entryRemoved, index().inode(folder), wished, inode});
   say({ReplicaChange::Kind::entryAdded, index().inode(folder), std::string(index().name(slot)), inode});
   byProgram_ = wasByProgram;
+}
+
+void TreeEdit::undoMove(EditID id) {
+  const Edit* found = state_.edits.find(id);
+  if (!found || !(found->fields & EDIT_PLACED) || !found->serverPlace) return;
+  Edit edit = *found;
+  edit.fields &= ~EDIT_PLACED;
+  edit.place = *edit.serverPlace;
+  const Slot slot = index().findIdentifier(edit.item.text);
+  slot == NONE ? relist(edit.place.folder) : detachForNow(slot, edit.place);
+  edit.fields == 0 ? dropEdit(id) : putEdit(std::move(edit));
 }
 
 void TreeEdit::hide(Inode inode) {

@@ -47,6 +47,8 @@ class TreeEdit {
   bool show(EditID id, bool isMade = false);
   // A program has moved the item, to the local name that it wished.
   void move(Inode inode, const Place& place, const std::string& wished);
+  // The item, which a program placed, is where the server has it again.
+  void undoMove(EditID id);
   // The item and what is in it have gone, whatever edits say of them.
   void hide(Inode inode);
   // 0: not in the tree.
@@ -88,6 +90,7 @@ class TreeEdit {
   Slot withKindOf(const Item& item);
   void setListed(Slot folder, bool isListed);
   void listAgain(Slot folder);
+  void takeAbove(Slot known, const Place& place, const Item& item);
   bool staysUnlisted(Slot child, const std::set<std::string>& spared);
   bool takeEdited(Slot known, Slot folder, const Place& serverPlace, const Item& item);
   void showWhatHolds(const ItemIdentifier& folder);
@@ -101,10 +104,11 @@ class TreeEdit {
   void attach(Slot slot, Slot folder, std::string_view serverName);
   void attachFirst(Slot slot, Slot folder, std::string_view serverName);
   void detach(Slot slot);
-  void detachForNow(Slot slot, const Item& item);
+  void detachForNow(Slot slot, const Place& wanted);
   void settle(Inode first);
   bool putBack(Inode inode);
   void breakCycle(const std::vector<Inode>& chain);
+  bool undoMoveAbove(Inode inode);
   bool isEdited(Slot top);
   void removeTree(Slot top);
   std::set<Inode> survivors(Slot top, const std::vector<Slot>& doomed);
