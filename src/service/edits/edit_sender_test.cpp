@@ -778,6 +778,21 @@ TEST_F(EditSenderTest, AFolderMovesWhenNothingIsSentBelowIt) {
   EXPECT_THAT(server(), ElementsAre("e/", "e/a=x"));
 }
 
+TEST_F(EditSenderTest, AFolderThatTheServerHasAboveItsNewPlaceStaysThere) {
+  extension_->addFolder("a", ROOT, "a");
+  extension_->addFolder("b", ROOT, "b");
+  begin();
+  list("b");
+  move("a", "b/a");
+  extension_->addFolder("c", "a", "c");
+  extension_->addFolder("b", "c", "b");
+  scheduler_.advance(seconds(20));
+  EXPECT_EQ(edits_->pendingCount(), 0U);
+  EXPECT_THAT(server(), ElementsAre("a/", "a/c/", "a/c/b/"));
+  EXPECT_NE(at("a"), 0U);
+  EXPECT_EQ(at("b/a"), 0U);
+}
+
 TEST_F(EditSenderTest, DrainingSendsEverythingWithoutWaiting) {
   begin();
   makeFolder("d");

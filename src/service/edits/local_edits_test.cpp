@@ -469,6 +469,54 @@ TEST_F(LocalEditsTest, AFolderWithNewItemsOutlivesItsDeletion) {
   EXPECT_EQ(edit("/A/new").place.folder.text, identifierAt("/A"));
 }
 
+TEST_F(LocalEditsTest, OfFoldersMovedIntoOneAnotherTheServersMoveCounts) {
+  buildTree();
+  ASSERT_EQ(rename(ROOT, "A", "b", "A"), 0);
+  ASSERT_EQ(rename("a", "x.txt", "a", "mine.txt"), 0);
+  news({folder("b", "a", "B")});
+  EXPECT_EQ(pathOf("a"), "/A");
+  EXPECT_EQ(pathOf("b"), "/A/B");
+  EXPECT_EQ(pathOf("y"), "/A/B/y.txt");
+  EXPECT_EQ(pathOf("x"), "/A/mine.txt");
+  EXPECT_FALSE(editOf("a"));
+  EXPECT_EQ(edits_->pendingCount(), 1U);
+  restart();
+  EXPECT_EQ(pathOf("b"), "/A/B");
+  EXPECT_FALSE(editOf("a"));
+}
+
+TEST_F(LocalEditsTest, AFolderMovedIntoOneThatAListingHasInItGoesBack) {
+  buildTree();
+  list(ROOT, {folder("a", ROOT, "A"), folder("b", ROOT, "B"), folder("c", ROOT, "C")});
+  ASSERT_EQ(rename(ROOT, "C", "b", "C"), 0);
+  list("c", {folder("b", "c", "B"), file("z", "c", "z.txt")});
+  EXPECT_EQ(pathOf("c"), "/C");
+  EXPECT_EQ(pathOf("b"), "/C/B");
+  EXPECT_EQ(pathOf("z"), "/C/z.txt");
+  EXPECT_EQ(pathOf("y"), "/C/B/y.txt");
+  EXPECT_EQ(edits_->pendingCount(), 0U);
+}
+
+TEST_F(LocalEditsTest, AMoveThatTheServerCannotTakeIsUndone) {
+  buildTree();
+  ASSERT_EQ(rename(ROOT, "A", "b", "D"), 0);
+  const auto sent = beginSending("/B/D");
+  ASSERT_EQ(undoMove(sent), 0);
+  EXPECT_EQ(pathOf("a"), "/A");
+  EXPECT_EQ(pathOf("x"), "/A/x.txt");
+  EXPECT_EQ(edits_->pendingCount(), 0U);
+}
+
+TEST_F(LocalEditsTest, AMoveMadeWhileTheServerRefusedAnotherIsKept) {
+  buildTree();
+  ASSERT_EQ(rename(ROOT, "A", "b", "D"), 0);
+  const auto sent = beginSending("/B/D");
+  ASSERT_EQ(rename("b", "D", ROOT, "E"), 0);
+  ASSERT_EQ(undoMove(sent), 0);
+  EXPECT_EQ(pathOf("a"), "/E");
+  EXPECT_EQ(editOf("a")->fields, EDIT_PLACED);
+}
+
 TEST_F(LocalEditsTest, AFolderThatOthersWereMovedToOutlivesItsDeletionWithThem) {
   list(ROOT, {folder("a", ROOT, "A"), folder("b", ROOT, "B")});
   list("a", {});

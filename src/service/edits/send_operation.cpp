@@ -21,6 +21,8 @@ constexpr Log LOG("com.ferrow.vondle.service", "edits");
 
 // Nobody waits for it.
 constexpr Request SYSTEM{.isSystemRequest = true};
+// Folders within folders that are followed upwards; against rings in what the server says.
+constexpr int MAX_DEPTH = 1'000;
 constexpr std::uint32_t FIELDS_PLACE = FIELD_FILENAME | FIELD_PARENT_ITEM_IDENTIFIER;
 
 bool hasSameBytes(const std::string& path, const std::string& otherPath) {
@@ -175,7 +177,10 @@ void SendOperation::looked(Result<std::vector<Item>> found) {
   if (!found) {
     return sendFailureOf(found.error()) == SendFailure::noSuchItem ? checkServer(found.error()) : failed(found.error());
   }
-  if (found->empty()) return clash_ ? failed(*clash_) : create();
+  if (found->empty()) {
+    if (!clash_) return create();
+    return task_.step == SendStep::place && edit_.isFolder ? lookAbove(edit_.place.folder) : failed(*clash_);
+  }
   auto& item = found->front();
   if (task_.step == SendStep::place)
     return item.itemIdentifier == edit_.item ? succeeded({.item = std::move(item)}) : renameAside();
@@ -183,6 +188,16 @@ void SendOperation::looked(Result<std::vector<Item>> found) {
   if (edit_.isFolder) return succeeded({.item = std::move(item)});
   if (item.documentSize.value_or(0) != outgoing_->size) return renameAside();
   compare(std::move(item));
+}
+
+// The name is free: perhaps the server has the folder that it is to go to below itself.
+void SendOperation::lookAbove(ItemIdentifier folder, int depth) {
+  if (folder == edit_.item) return services_.edits->undoMove(result_.sent, whenRecorded());
+  if (folder == ROOT_CONTAINER || depth == MAX_DEPTH) return failed(*clash_);
+  follow(services_.extension.itemForIdentifier(
+      std::move(folder), SYSTEM, onQueue([depth](SendOperation& self, Result<Item> item) {
+        item ? self.lookAbove(std::move(item->parentItemIdentifier), depth + 1) : self.failed(*self.clash_);
+      })));
 }
 
 // They may be there already: made from the same version once more, they would clash with themselves.

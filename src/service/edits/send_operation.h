@@ -59,6 +59,7 @@ struct SendResult {
 //   folder of that name, or a file with the same contents, is the one that was to be made. Anything else keeps the
 //   name, and ours gets another.
 // - New contents that may be there already are compared with what is there, so that they do not clash with themselves.
+// - A folder that cannot go where it is to go because the server has that below it stays where the server has it.
 // - Deleting means moving to the trash, never more: what somebody else has put there meanwhile stays there. A folder is
 //   deleted when the server lists nothing in it; what the user has never seen is not taken along.
 class SendOperation : public std::enable_shared_from_this<SendOperation> {
@@ -86,6 +87,7 @@ class SendOperation : public std::enable_shared_from_this<SendOperation> {
 
   void look();
   void looked(Result<std::vector<Item>> found);
+  void lookAbove(ItemIdentifier folder, int depth = 0);
   void lookAtContents();
   void contentsLookedAt(Result<std::vector<Item>> found);
   void compare(Item found);
