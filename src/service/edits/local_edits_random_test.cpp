@@ -69,7 +69,7 @@ class LocalEditsRandomTest : public LocalEditsRig, public testing::WithParamInte
     feed_.push_back(id);
     return id;
   }
-  void serverRemove(const std::string& id) {
+  void serverRemove(std::string id) {  // NOLINT(performance-unnecessary-value-param): it may be named by what goes
     for (const auto& child : serverChildren(id)) serverRemove(child);
     live_.erase(server_.at(id).contents);
     server_.erase(id);
@@ -452,7 +452,7 @@ std::uint64_t numberFromEnvironment(const char* name, std::uint64_t otherwise) {
 }
 
 const std::uint64_t FIRST_SEED = numberFromEnvironment("VONDLE_SEED", 1);
-const std::uint64_t SEED_COUNT = numberFromEnvironment("VONDLE_SEEDS", 6);
+const std::uint64_t SEED_COUNT = numberFromEnvironment("VONDLE_SEEDS", 12);
 
 INSTANTIATE_TEST_SUITE_P(Seeds, LocalEditsRandomTest, testing::Range(FIRST_SEED, FIRST_SEED + SEED_COUNT),
                          testing::PrintToStringParamName());
