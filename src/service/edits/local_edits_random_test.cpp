@@ -452,7 +452,7 @@ std::uint64_t numberFromEnvironment(const char* name, std::uint64_t otherwise) {
 }
 
 const std::uint64_t FIRST_SEED = numberFromEnvironment("VONDLE_SEED", 1);
-const std::uint64_t SEED_COUNT = numberFromEnvironment("VONDLE_SEEDS", 12);
+const std::uint64_t SEED_COUNT = numberFromEnvironment("VONDLE_SEEDS", 6);
 
 INSTANTIATE_TEST_SUITE_P(Seeds, LocalEditsRandomTest, testing::Range(FIRST_SEED, FIRST_SEED + SEED_COUNT),
                          testing::PrintToStringParamName());
