@@ -10,7 +10,7 @@ namespace vondle {
 class InstanceLock {
  public:
   // The file is made if need be, and holds the owner's process id. `what` says in the refusal what is in use:
-  // "the state folder is in use by process 4711".
+  // "the state folder is in use by process 4711". Waits, for seconds at most, for an owner that is just ending.
   static Result<InstanceLock> acquire(const std::string& path, const std::string& what);
 
   ~InstanceLock();

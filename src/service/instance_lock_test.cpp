@@ -1,11 +1,17 @@
 #include "service/instance_lock.h"
 
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <optional>
+#include <string>
+#include <thread>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -38,6 +44,25 @@ TEST_F(InstanceLockTest, IsGivenUpWithItsObject) {
     ASSERT_TRUE(InstanceLock::acquire(path_, "it"));
   }
   EXPECT_TRUE(InstanceLock::acquire(path_, "it"));
+}
+
+TEST_F(InstanceLockTest, WaitsForAnOwnerThatIsJustEnding) {
+  const pid_t ended = ::fork();
+  if (ended == 0) ::_exit(0);
+  siginfo_t info{};
+  ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(ended), &info, WEXITED | WNOWAIT), 0);  // and nobody takes notice
+  auto first = InstanceLock::acquire(path_, "it");
+  ASSERT_TRUE(first);
+  std::ofstream(path_) << ended << '\n';
+  std::promise<bool> second;
+  std::thread waiting([&] { second.set_value(InstanceLock::acquire(path_, "it").has_value()); });
+  auto answer = second.get_future();
+  EXPECT_EQ(answer.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  std::optional<InstanceLock> owner(std::move(*first));
+  owner.reset();
+  EXPECT_TRUE(answer.get());
+  waiting.join();
+  ::waitpid(ended, nullptr, 0);
 }
 
 TEST_F(InstanceLockTest, IsMovedNotCopied) {
