@@ -38,11 +38,12 @@ for key in sys.argv[1].split("."): value = value[key]
 print(value)' "$1"; }
 # The pattern must match the whole of the name, so that no other process is meant.
 service_processes() { pgrep -f "^$BIN/vondle-service .*$WORLD" || true; }
-# The one that is nobody's worker. Process numbers do not tell: they begin anew when all have been used.
+# The one that no other has started. Process numbers do not tell: they begin anew when all have been used.
 supervisor() {
-  local process
-  for process in $(service_processes); do
-    grep -qz -- '^--status-descriptor=' "/proc/$process/cmdline" 2>/dev/null || echo "$process"
+  local process all
+  all=$(service_processes)
+  for process in $all; do
+    grep -qxF -- "$(awk '/^PPid:/ { print $2 }' "/proc/$process/status" 2>/dev/null)" <<<"$all" || echo "$process"
   done
 }
 service_is_gone() { [ -z "$(service_processes)" ]; }

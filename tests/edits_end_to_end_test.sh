@@ -22,11 +22,12 @@ server_has_it_all() {
 server_has() { # PATH TEXT
   other_device get "$1" "$WORLD/got" >/dev/null && [ "$(cat "$WORLD/got")" = "$2" ]
 }
-kill_service() {
+kill_processes() {
   local process
-  for process in $(supervisor) $(field service.pid); do kill -9 "$process" 2>/dev/null || true; done
-  until_true 20 service_is_gone
+  for process in $(supervisor) $(service_processes); do kill -9 "$process" 2>/dev/null || true; done
+  service_is_gone
 }
+kill_service() { until_true 20 kill_processes; }
 
 make_world "$BIN_GIVEN"
 trap finish EXIT
