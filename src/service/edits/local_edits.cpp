@@ -475,7 +475,8 @@ Inode LocalEdits::inodeOf(EditID id) const {
 }
 
 void LocalEdits::onChange(std::function<void()> changed) {
-  changed_ = std::move(changed);
+  tree_.perform(
+      [self = shared_from_this(), changed = std::move(changed)]() mutable { self->changed_ = std::move(changed); });
 }
 
 // --- Sending ---

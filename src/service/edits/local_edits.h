@@ -69,7 +69,7 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
   [[nodiscard]] std::optional<Edit> ofItem(Inode inode) const;
   // Where the item of the edit is in the tree; 0 for a deleted one.
   [[nodiscard]] Inode inodeOf(EditID id) const;
-  // Called on the tree's queue after edits were added, changed or removed. Before the first change.
+  // Called on the tree's queue after edits were added, changed or removed by what is asked for from now on.
   void onChange(std::function<void()> changed);
 
   // The edit as it is now, which is about to be sent; none when it has gone. From here until one of the calls below has

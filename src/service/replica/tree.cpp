@@ -8,7 +8,7 @@ Tree::Tree(Replica& replica, Scheduler& scheduler)
     : replica_(replica), queue_(scheduler.makeSerialQueue("com.ferrow.vondle.service.tree")) {}
 
 void Tree::subscribe(Subscriber subscriber) {
-  subscribers_.push_back(std::move(subscriber));
+  queue_->post([this, subscriber = std::move(subscriber)]() mutable { subscribers_.push_back(std::move(subscriber)); });
 }
 
 void Tree::applyListing(Inode folder, std::vector<Item> items, Completion<Result<void>> completion) {

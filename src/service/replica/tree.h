@@ -19,7 +19,7 @@ class Tree {
 
   Tree(Replica& replica, Scheduler& scheduler);
 
-  // Before the first change.
+  // Hears of the changes that are asked for from now on. Any thread.
   void subscribe(Subscriber subscriber);
 
   // Any thread. The completions run on the tree's queue, after the subscribers.
@@ -38,7 +38,7 @@ class Tree {
 
  private:
   Replica& replica_;
-  std::vector<Subscriber> subscribers_;
+  std::vector<Subscriber> subscribers_;  // used on the queue alone
   std::shared_ptr<Queue> queue_;
 };
 
