@@ -724,19 +724,6 @@ void LocalEdits::undelete(const Edit& sent, Done completion) {
   });
 }
 
-void LocalEdits::retryAll() {
-  tree_.perform([self = shared_from_this()] {
-    Plan plan;
-    for (auto& edit : self->pending()) {
-      if (!edit.nextTry) continue;
-      edit.nextTry.reset();
-      plan.edits.edits.push_back(std::move(edit));
-    }
-    if (const auto done = self->commit(plan, false); !done)
-      slog.error("the next tries stay as they were: %{public}@", done.error().localizedDescription());
-  });
-}
-
 // --- Edits ---
 
 Edit LocalEdits::newEdit() {

@@ -101,8 +101,6 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
   void undoMove(const Edit& sent, Done completion);
   // A deleted item that must not be deleted after all: it shows up again.
   void undelete(const Edit& sent, Done completion);
-  // All edits are due now, whatever their next try was.
-  void retryAll();
 
  private:
   // What a program does, thought through: first the edits are written, then the tree changes.
