@@ -43,16 +43,17 @@ Cost costOf(const std::function<void()>& work) {
   const auto start = SteadyClock::now();
   const double before = processorSecondsOfThisProcess();
   work();
-  return {secondsSince(start), processorSecondsOfThisProcess() - before};
+  return {.seconds = secondsSince(start), .processorSeconds = processorSecondsOfThisProcess() - before};
 }
 
-Cost costOfProgram(const std::vector<std::string>& words) {
+Cost costOfProgram(const std::vector<std::string>& words, const std::string& input) {
   std::vector<char*> arguments;
   for (const auto& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
   arguments.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, input.c_str(), O_RDONLY, 0);
+  for (const int descriptor : {STDOUT_FILENO, STDERR_FILENO})
     posix_spawn_file_actions_addopen(&actions, descriptor, "/dev/null", O_RDWR, 0);
   const auto start = SteadyClock::now();
   pid_t pid = 0;
@@ -62,7 +63,7 @@ Cost costOfProgram(const std::vector<std::string>& words) {
   rusage usage{};
   if (failed != 0 || ::wait4(pid, &status, 0, &usage) != pid || status != 0)
     throw std::runtime_error(words[0] + " failed");
-  return {secondsSince(start), processorSeconds(usage)};
+  return {secondsSince(start), processorSeconds(usage), static_cast<double>(usage.ru_maxrss) * 1024};
 }
 
 double median(std::vector<double> values) {
@@ -85,8 +86,8 @@ Comparison compare(double budgetSeconds, const std::function<Cost()>& reference,
     timeRatios.push_back(mine.seconds / theirs.seconds);
     processorRatios.push_back(mine.processorSeconds / theirs.processorSeconds);
   }
-  return {.reference = {median(referenceTimes), median(referenceProcessor)},
-          .ours = {median(ourTimes), median(ourProcessor)},
+  return {.reference = {.seconds = median(referenceTimes), .processorSeconds = median(referenceProcessor)},
+          .ours = {.seconds = median(ourTimes), .processorSeconds = median(ourProcessor)},
           .timeRatio = median(timeRatios),
           .processorRatio = median(processorRatios)};
 }

@@ -11,11 +11,12 @@ namespace vondle::bench {
 struct Cost {
   double seconds = 0;
   double processorSeconds = 0;
+  double peakBytes = 0;  // of memory; programs only
 };
 
 Cost costOf(const std::function<void()>& work);
-// Of a program and its arguments, whose output goes nowhere; throws unless it succeeds.
-Cost costOfProgram(const std::vector<std::string>& words);
+// Of a program and its arguments, which reads that file and whose output goes nowhere; throws unless it succeeds.
+Cost costOfProgram(const std::vector<std::string>& words, const std::string& input = "/dev/null");
 
 double median(std::vector<double> values);
 

@@ -9,7 +9,7 @@ PACKAGES_test="$PACKAGES_try openssl sqlite3 python3 uidmap gnome-keyring dbus d
 PACKAGES_check="clang-19 clang-tidy-19 clang-format-19 libclang-rt-19-dev"
 PACKAGES_tsan="clang-19 libclang-rt-19-dev"
 PACKAGES_fuzz="clang-19 libclang-rt-19-dev"
-PACKAGES_bench="nginx-light rclone procps time"
+PACKAGES_bench="nginx-light rclone procps time libvips-tools"
 
 # install_packages SET...: installs what is missing of the package sets named, and says so.
 install_packages() {
