@@ -33,24 +33,6 @@ Result<Account::Summary> Account::summary() {
   return summary;
 }
 
-Result<Account::Saved> Account::save() {
-  // Read through the editor first: it refuses a file that cannot be changed without loss.
-  if (const auto config = config_.read(); !config) return failure(config.error());
-  Saved saved;
-  if (auto bytes = files_.read(paths_.config())) saved.configuration = std::move(*bytes);
-  saved.key = keychain_.readKey();
-  return saved;
-}
-
-Result<void> Account::restore(const Saved& saved) {
-  if (saved.key)
-    keychain_.saveKey(*saved.key, "Vondle");
-  else
-    keychain_.deleteKey();
-  if (saved.configuration) return files_.writeAtomically(paths_.config(), *saved.configuration, 0600);
-  return removeIfThere(files_, paths_.config());
-}
-
 Result<KeyPlace> Account::store(const std::string& server, const std::string& key) {
   const bool inKeyring = keychain_.saveKey(key, "Vondle") == KEYCHAIN_SUCCESS && keychain_.readKey() == key;
   if (!inKeyring) keychain_.deleteKey();

@@ -27,14 +27,6 @@ class Account {
   };
   Result<Summary> summary();
 
-  // Everything that store changes, to go back to.
-  struct Saved {
-    std::optional<std::string> configuration;  // the file's bytes
-    std::optional<std::string> key;            // in the keyring
-  };
-  Result<Saved> save();
-  Result<void> restore(const Saved& saved);
-
   // The keyring must not keep an older key when the new one goes into the file: it would win.
   Result<KeyPlace> store(const std::string& server, const std::string& key);
   // The server stays, for the next time.

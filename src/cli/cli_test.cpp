@@ -1,9 +1,11 @@
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -25,6 +27,7 @@
 #include "service/edits/edit_store.h"
 #include "service/instance_lock.h"
 #include "service/local_copies.h"
+#include "service/replica/replica_store.h"
 #include "testing/simulated_platform.h"
 
 namespace vondle {
@@ -57,19 +60,25 @@ class CommandLineTest : public testing::Test {
     out_.str("");
     err_.str("");
     Console console(out_, err_, {});
-    CommandContext context{.console = console,
-                           .platform = machine_.platform(),
-                           .folders = folders_,
-                           .serviceProgram = "/nowhere/vondle-service",
-                           .readSecret = [this](const std::string& prompt) -> Outcome<std::string> {
-                             prompts_.push_back(prompt);
-                             return secret_;
-                           },
-                           .checkAccount = [this]() -> Outcome<void> {
-                             ++checks_;
-                             if (refusal_) return std::unexpected(*refusal_);
-                             return {};
-                           }};
+    CommandContext context{
+        .console = console,
+        .platform = machine_.platform(),
+        .folders = folders_,
+        .serviceProgram = "/nowhere/vondle-service",
+        .readSecret = [this](const std::string& prompt) -> Outcome<std::string> {
+          prompts_.push_back(prompt);
+          return secret_;
+        },
+        .checkAccount = [this](const Config& account) -> Outcome<void> {
+          checked_.push_back(account);
+          if (refusal_) return std::unexpected(*refusal_);
+          return {};
+        },
+        .accountHasOneOf = [this](const Config&, const std::vector<std::string>& identifiers) -> Outcome<bool> {
+          asked_ = identifiers;
+          if (refusal_) return std::unexpected(*refusal_);
+          return std::ranges::any_of(identifiers, [this](const auto& each) { return account_.contains(each); });
+        }};
     return runCommandLine(std::move(arguments), context, out_, err_);
   }
 
@@ -82,7 +91,9 @@ class CommandLineTest : public testing::Test {
   std::ostringstream err_;
   std::string secret_ = "the-secret-key";
   std::vector<std::string> prompts_;
-  int checks_ = 0;
+  std::vector<Config> checked_;
+  std::set<std::string> account_;  // what the server knows
+  std::vector<std::string> asked_;
   std::optional<Failure> refusal_;
 };
 
@@ -157,7 +168,7 @@ TEST_F(CommandLineTest, LoginPutsTheKeyIntoTheKeyringAndTheServerIntoTheFile) {
   ASSERT_EQ(machine_.keychain.items().size(), 1u);
   EXPECT_EQ(machine_.keychain.items()[0].data, "the-secret-key");
   EXPECT_EQ(prompts_.size(), 1u);
-  EXPECT_EQ(checks_, 1);
+  EXPECT_EQ(checked_, (std::vector<Config>{{"https://a.example", "the-secret-key"}}));
   EXPECT_THAT(err_.str(), HasSubstr("keyring"));
 }
 
@@ -199,7 +210,7 @@ TEST_F(CommandLineTest, LoginRefusesWhatIsNoKeyOrNoServer) {
   }
   EXPECT_FALSE(machine_.files.contents(CONFIG));
   EXPECT_TRUE(machine_.keychain.items().empty());
-  EXPECT_EQ(checks_, 0);
+  EXPECT_TRUE(checked_.empty());
 }
 
 TEST_F(CommandLineTest, LoginTakesPlainHTTPToAnotherMachineOnlyWhenTheFileAllowsIt) {
@@ -247,6 +258,43 @@ TEST_F(CommandLineTest, ARefusedLoginChangesNothing) {
       EXPECT_EQ(items[0].data, "old-key");
     }
   }
+}
+
+TEST_F(CommandLineTest, LoginToAnotherAccountIsRefusedWhileThisOnesFilesAreHere) {
+  machine_.files.put(CONFIG, R"({"server":"https://old.example","api_key":"old"})");
+  {
+    auto store = ReplicaStore::open(folders_.replicaDatabase());
+    ASSERT_TRUE(store);
+    ReplicaStore::Batch batch;
+    const auto add = [&](Inode inode, Inode parent, const std::string& identifier) {
+      Item item;
+      item.itemIdentifier = {identifier};
+      item.filename = std::to_string(inode);
+      batch.upserts.push_back({.inode = inode,
+                               .parent = parent,
+                               .localName = item.filename,
+                               .isListed = false,
+                               .item = &batch.made.emplace_back(item)});
+    };
+    add(2, ROOT_INODE, "report");
+    add(3, ROOT_INODE, std::string(LOCAL_IDENTIFIER_PREFIX) + "draft");
+    add(4, 2, "deeper");
+    store->write(batch);
+    ASSERT_FALSE(store->isGivenUp());
+  }
+  account_ = {"deeper"};
+  EXPECT_EQ(run({"login", "--server", "https://new.example"}), 8);
+  EXPECT_THAT(err_.str(), HasSubstr("another account"));
+  EXPECT_THAT(err_.str(), HasSubstr("vondle logout"));
+  EXPECT_EQ(asked_, std::vector<std::string>{"report"});
+  EXPECT_EQ(config(), (json::Object{{"server", "https://old.example"}, {"api_key", "old"}}));
+  EXPECT_TRUE(machine_.keychain.items().empty());
+
+  account_ = {"report"};
+  EXPECT_EQ(run({"login", "--server", "https://new.example"}), 0) << "the same account at a new address, by a new key";
+  account_ = {};
+  EXPECT_EQ(run({"logout"}), 0);
+  EXPECT_EQ(run({"login", "--server", "https://new.example"}), 0);
 }
 
 TEST_F(CommandLineTest, ABrokenConfigurationIsNotOverwritten) {

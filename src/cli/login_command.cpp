@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <filesystem>
 #include <iostream>
 #include <iterator>
 #include <memory>
@@ -7,6 +8,7 @@
 #include "cli/service_connection.h"
 #include "config/server_migration.h"
 #include "platform/url.h"
+#include "service/replica/replica_store.h"
 
 namespace vondle {
 
@@ -19,6 +21,7 @@ struct LoginOptions {
 
 constexpr std::size_t MAX_KEY = 4096;
 constexpr Duration TIME_FOR_SERVICE = seconds(2);
+constexpr int ITEMS_TO_TELL_BY = 5;
 
 Outcome<std::string> readKeyText(const CommandContext& context, const std::string& keyFile) {
   if (keyFile.empty()) return context.readSecret("Account key: ");
@@ -67,26 +70,39 @@ void tellService(const CommandContext& context) {
   }
 }
 
+// What waits here to be sent must not go to somebody else's account, and nobody is to be shown another's tree. An
+// account that has one of the items seen last is the same one, whatever its server's address and its key are now.
+Outcome<void> checkIsSameAccount(const CommandContext& context, const Config& account) {
+  const auto& replica = context.folders.replicaDatabase();
+  if (std::error_code ignored; !std::filesystem::exists(replica, ignored)) return {};
+  const auto seen = ReplicaStore::readSomeIdentifiers(replica, ITEMS_TO_TELL_BY);
+  if (!seen || seen->empty()) return {};  // one that cannot be read is made anew from the server
+  const auto has = context.accountHasOneOf(account, *seen);
+  if (!has) return std::unexpected(has.error());
+  if (*has) return {};
+  return fail(ExitCode::workLeft,
+              "this is another account than the one whose files are here; run \"vondle unmount --wait\" and \"vondle "
+              "logout\" first, which sends and then removes the local copies");
+}
+
+// Before it is stored: a service that runs takes over what is stored at once.
+Outcome<void> checkAccount(const CommandContext& context, const Config& account) {
+  if (auto checked = context.checkAccount(account); !checked) return checked;
+  return checkIsSameAccount(context, account);
+}
+
 Outcome<void> login(const CommandContext& context, const LoginOptions& options) {
   const auto server = chooseServer(context, options.server);
   if (!server) return std::unexpected(server.error());
   const auto key = readKey(context, options.keyFile);
   if (!key) return std::unexpected(key.error());
 
-  auto account = context.account();
-  const auto before = account.save();
-  if (!before) return fail(ExitCode::failed, before.error().localizedDescription());
-  const auto place = account.store(*server, *key);
-  if (!place) return fail(ExitCode::failed, "the account could not be stored: " + place.error().localizedDescription());
-
-  if (auto checked = context.checkAccount(); !checked) {
-    auto refusal = checked.error();
-    const auto restored = account.restore(*before);
-    refusal.message +=
-        restored ? "; nothing was changed"
-                 : "; what was stored before could not be put back: " + restored.error().localizedDescription();
-    return std::unexpected(refusal);
+  if (auto checked = checkAccount(context, {.server = *server, .apiKey = *key}); !checked) {
+    checked.error().message += "; nothing was changed";
+    return checked;
   }
+  const auto place = context.account().store(*server, *key);
+  if (!place) return fail(ExitCode::failed, "the account could not be stored: " + place.error().localizedDescription());
   context.console.say("signed in to " + *server + "; the key is in " +
                       (*place == KeyPlace::keyring ? "the keyring" : context.paths().config()));
   tellService(context);

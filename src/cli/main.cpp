@@ -30,7 +30,10 @@ int main(int argc, char** argv) {
       .folders = vondle::ServiceFolders::locate(platform.users, vondle::runtimeFolderOfEnvironment()),
       .serviceProgram = std::filesystem::path(vondle::programPath()).parent_path() / "vondle-service",
       .readSecret = vondle::readSecretFromTerminal,
-      .checkAccount = [&platform] { return vondle::checkWithServer(platform); }};
+      .checkAccount = [&platform](const auto& account) { return vondle::checkWithServer(platform, account); },
+      .accountHasOneOf = [&platform](
+                             const auto& account,
+                             const auto& identifiers) { return vondle::hasOneOf(platform, account, identifiers); }};
   const int status = vondle::runCommandLine({argv + 1, argv + argc}, context, std::cout, std::cerr);
   vondle::setLogSink(machineLog);
   return status;

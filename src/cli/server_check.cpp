@@ -1,6 +1,10 @@
 #include "cli/server_check.h"
 
 #include <future>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -33,14 +37,66 @@ Failure failureOf(const Error& error) {
   return {ExitCode::failed, error.localizedDescription()};
 }
 
-Outcome<void> checkWithServer(const Platform& platform) {
-  ConfigLoader config(platform.files, platform.keychain, Paths(platform.users));
-  VondleAPI api(platform.urlLoading, platform.clock, config, vondleClientHeader(platform.bundle));
-  std::promise<Result<ChangeSet>> answer;
-  api.changes(0, 0, [&](Result<ChangeSet> changes) { answer.set_value(std::move(changes)); });
-  const auto changes = answer.get_future().get();
-  if (!changes) return std::unexpected(failureOf(changes.error()));
+namespace {
+
+// An account that need not be stored.
+class GivenAccount final : public ConfigLoader {
+ public:
+  GivenAccount(const Platform& platform, Config account)
+      : ConfigLoader(platform.files, platform.keychain, Paths(platform.users)), account_(std::move(account)) {}
+  std::optional<Config> load() override { return account_; }
+
+ private:
+  const Config account_;
+};
+
+// The API, one blocking call at a time.
+class AccountAPI {
+ public:
+  AccountAPI(const Platform& platform, const Config& account)
+      : config_(platform, account),
+        api_(platform.urlLoading, platform.clock, config_, vondleClientHeader(platform.bundle)) {}
+
+  Result<ChangeSet> noChanges() {
+    std::promise<Result<ChangeSet>> answer;
+    api_.changes(0, 0, [&](Result<ChangeSet> changes) { answer.set_value(std::move(changes)); });
+    return answer.get_future().get();
+  }
+
+  Result<Entry> item(const std::string& identifier) {
+    std::promise<Result<Entry>> answer;
+    api_.item(identifier, [&](Result<Entry> entry) { answer.set_value(std::move(entry)); });
+    return answer.get_future().get();
+  }
+
+ private:
+  GivenAccount config_;
+  VondleAPI api_;
+};
+
+bool meansNoSuchItem(const Error& error) {
+  const auto apiError = APIError::from(error);
+  return apiError && apiError->kind == APIError::Kind::badResponse &&
+         (apiError->status == 404 || apiError->status == 410);
+}
+
+}  // namespace
+
+Outcome<void> checkWithServer(const Platform& platform, const Config& account) {
+  if (const auto changes = AccountAPI(platform, account).noChanges(); !changes) {
+    return std::unexpected(failureOf(changes.error()));
+  }
   return {};
+}
+
+Outcome<bool> hasOneOf(const Platform& platform, const Config& account, const std::vector<std::string>& identifiers) {
+  AccountAPI api(platform, account);
+  for (const auto& identifier : identifiers) {
+    const auto entry = api.item(identifier);
+    if (entry) return true;
+    if (!meansNoSuchItem(entry.error())) return std::unexpected(failureOf(entry.error()));
+  }
+  return false;
 }
 
 }  // namespace vondle

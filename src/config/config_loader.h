@@ -16,11 +16,12 @@ class ConfigLoader {
  public:
   ConfigLoader(Files& files, Keychain& keychain, Paths paths,
                ServerDirectory directory = ServerDirectory::ofThisBuild());
+  virtual ~ConfigLoader() = default;
 
   // None when the system is not configured; the log says why. May take as long as a keychain call. A server that has
   // moved is replaced, in the file too. A server that would be asked over plain http on another machine, where the key
   // could be read on the way, counts as none unless the file says "allow_http": true.
-  std::optional<Config> load();
+  virtual std::optional<Config> load();
 
  private:
   [[nodiscard]] bool mayBeAsked(const std::string& server, bool allowHTTP) const;

@@ -293,6 +293,23 @@ Result<Item> ReplicaStore::readItem(const std::string& path, Inode inode) {
   return itemIn(*database, inode);
 }
 
+Result<std::vector<std::string>> ReplicaStore::readSomeIdentifiers(const std::string& path, int limit) {
+  auto database = sqlite::Database::open(path, {.readOnly = true});
+  if (!database) return std::unexpected(database.error());
+  auto row = database->prepare(
+      "SELECT identifier FROM item WHERE parent = ?1 AND id <> ?1 AND substr(identifier, 1, length(?2)) <> ?2 LIMIT "
+      "?3");
+  if (!row) return std::unexpected(row.error());
+  row->bindAll(ROOT_INODE, LOCAL_IDENTIFIER_PREFIX, limit);
+  std::vector<std::string> identifiers;
+  while (true) {
+    const auto found = row->step();
+    if (!found) return std::unexpected(found.error());
+    if (!*found) return identifiers;
+    identifiers.push_back(row->text(0));
+  }
+}
+
 Result<Item> ReplicaStore::itemIn(sqlite::Database& database, Inode inode) {
   auto row = database.prepare(fmt::format("SELECT {} FROM item AS i WHERE id = ?1", COLUMNS));
   if (!row) return std::unexpected(row.error());

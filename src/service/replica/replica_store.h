@@ -94,6 +94,8 @@ class ReplicaStore {
 
   // Opens the database once more for itself. Any thread.
   [[nodiscard]] static Result<Item> readItem(const std::string& path, Inode inode);
+  // Some of the root's children that the server knows. As readItem.
+  [[nodiscard]] static Result<std::vector<std::string>> readSomeIdentifiers(const std::string& path, int limit);
   [[nodiscard]] const std::string& path() const { return path_; }
 
  private:
