@@ -137,7 +137,8 @@ serve_garbage
 check 'rubbish is an error' exits 1 vondle sync
 check 'and changes nothing' sh -c "cd '$MOUNT' && find . -printf '%P %i\n' | sort | cmp - '$WORLD/inodes'"
 stop_garbage
-start_storage
+(umask 077 && echo another-key-0123456789 >"$WORLD/another-key")
+start_storage --account "another:$WORLD/another-key"
 check 'with the server back, everything goes on' exits 0 vondle sync
 check 'and is read' cmp -s "$WORLD/changed" "$MOUNT/kept/unread.txt"
 
@@ -183,9 +184,13 @@ kill -TERM "$(supervisor)"
 check 'a signal unmounts' until_true 20 service_is_gone
 check 'cleanly' sh -c "! mountpoint -q '$HOME_FOLDER/Settled'"
 
+check 'with the files of one account here, another is refused' \
+  exits 8 vondle login --key-file "$WORLD/another-key"
+check 'and the first stays signed in' exits 0 vondle login --key-file "$WORLD/key"
 check 'signing out works' exits 0 vondle logout
 check 'the key is gone' sh -c "! grep -q api_key '$CONFIG'"
 check 'and so are the copies' test -z "$(find "$HOME_FOLDER/.local/share/vondle" -type f)"
 check 'signed out, nothing is mounted' exits 3 vondle mount
+check 'and the other may sign in' exits 0 vondle login --key-file "$WORLD/another-key"
 
 conclude
