@@ -177,6 +177,7 @@ check 'with a reason' says 'not empty'
 echo '{"mount": 5}' >"$HOME_FOLDER/.vondle/service.json"
 check 'broken settings are refused' exits 1 vondle mount
 check 'with their place' says '"mount"'
+check 'whoever is refused ends' until_true 20 service_is_gone
 echo '{"mount": "~/Settled"}' >"$HOME_FOLDER/.vondle/service.json"
 check 'settings say where to mount' exits 0 vondle mount
 check 'there' test -f "$HOME_FOLDER/Settled/letter.txt"
