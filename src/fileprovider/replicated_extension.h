@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/completion.h"
 #include "base/error.h"
@@ -29,6 +31,15 @@ struct SavedItem {
   // of a conflict, or when somebody else has written since; then the service's copy is no copy of the item.
   bool hasGivenContents = false;
 };
+
+// In points.
+struct ThumbnailSize {
+  double width = 0;
+  double height = 0;
+};
+
+// Takes one item's thumbnail: the bytes of an image, or none when the item has none.
+using ThumbnailReceiver = std::function<void(const ItemIdentifier& identifier, Result<std::optional<std::string>>)>;
 
 // What the service asks of the extension of one domain. Any thread, concurrently; every call returns at once. Each
 // completion is called exactly once, on the caller's thread before the call returns or later on a thread of the
@@ -66,6 +77,18 @@ class ReplicatedExtension {
   virtual std::shared_ptr<Progress> deleteItem(ItemIdentifier identifier, ItemVersion baseVersion,
                                                std::uint32_t options, Request request,
                                                Completion<std::optional<Error>> completion) = 0;
+
+  // One of the extension's own actions on items that the user chose; NO_SUCH_ITEM for an action it does not have. The
+  // progress counts items.
+  virtual std::shared_ptr<Progress> performAction(std::string action, std::vector<ItemIdentifier> identifiers,
+                                                  Completion<std::optional<Error>> completion) = 0;
+
+  // Thumbnails of many items at once; the size is a hint. The receiver is called once for each item, from any thread,
+  // at times from two at once, and then the completion; the progress counts items. One that was not to be had for now
+  // is an error: ask again later.
+  virtual std::shared_ptr<Progress> fetchThumbnails(std::vector<ItemIdentifier> identifiers,
+                                                    ThumbnailSize requestedSize, ThumbnailReceiver receiver,
+                                                    Completion<std::optional<Error>> completion) = 0;
 };
 
 }  // namespace vondle

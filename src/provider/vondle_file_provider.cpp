@@ -14,8 +14,10 @@
 #include "provider/create_item.h"
 #include "provider/delete_item.h"
 #include "provider/fetch_contents.h"
+#include "provider/fetch_thumbnails.h"
 #include "provider/item_lookup.h"
 #include "provider/modify_item.h"
+#include "provider/perform_action.h"
 #include "provider/write_contents.h"
 #include "state/cursor.h"
 #include "state/item_cache.h"
@@ -79,6 +81,21 @@ std::shared_ptr<Progress> VondleFileProvider::modifyItem(Item item, ItemVersion 
 std::shared_ptr<Progress> VondleFileProvider::deleteItem(ItemIdentifier identifier, ItemVersion, std::uint32_t, Request,
                                                          Completion<std::optional<Error>> completion) {
   return std::make_shared<DeleteItem>(services_, identifier, std::move(completion))->start();
+}
+
+std::shared_ptr<Progress> VondleFileProvider::performAction(std::string action, std::vector<ItemIdentifier> identifiers,
+                                                            Completion<std::optional<Error>> completion) {
+  return std::make_shared<PerformAction>(services_, domain_, managerForDomain_, std::move(action),
+                                         std::move(identifiers), std::move(completion))
+      ->start();
+}
+
+std::shared_ptr<Progress> VondleFileProvider::fetchThumbnails(std::vector<ItemIdentifier> identifiers,
+                                                              ThumbnailSize requestedSize, ThumbnailReceiver receiver,
+                                                              Completion<std::optional<Error>> completion) {
+  return std::make_shared<FetchThumbnails>(services_, identifiers, requestedSize, std::move(receiver),
+                                           std::move(completion))
+      ->start();
 }
 
 void VondleFileProvider::parentPath(const std::string& id, Completion<std::optional<std::string>> completion) {

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "api/entry.h"
 #include "base/completion.h"
@@ -40,6 +41,11 @@ class VondleFileProvider final : public ReplicatedExtension {
                                        Completion<Result<SavedItem>> completion) override;
   std::shared_ptr<Progress> deleteItem(ItemIdentifier identifier, ItemVersion baseVersion, std::uint32_t options,
                                        Request request, Completion<std::optional<Error>> completion) override;
+  std::shared_ptr<Progress> performAction(std::string action, std::vector<ItemIdentifier> identifiers,
+                                          Completion<std::optional<Error>> completion) override;
+  std::shared_ptr<Progress> fetchThumbnails(std::vector<ItemIdentifier> identifiers, ThumbnailSize requestedSize,
+                                            ThumbnailReceiver receiver,
+                                            Completion<std::optional<Error>> completion) override;
 
   // The server path of the folder with this server id, asked for afresh, or as last known when the server fails; none
   // when it is not known either.

@@ -123,6 +123,11 @@ void FakeExtension::failFetches(std::optional<Error> error) {
   fetchError_ = std::move(error);
 }
 
+void FakeExtension::addThumbnail(std::string identifier, std::string image) {
+  MutexLock hold(lock_);
+  thumbnails_[std::move(identifier)] = std::move(image);
+}
+
 void FakeExtension::failLookups(std::optional<Error> error) {
   MutexLock hold(lock_);
   lookupError_ = std::move(error);
@@ -410,6 +415,39 @@ std::shared_ptr<Progress> FakeExtension::deleteItem(ItemIdentifier identifier, I
       [completion = std::move(completion)](const Result<SavedItem>& result) mutable {
         std::move(completion)(result ? std::nullopt : std::optional(result.error()));
       });
+}
+
+std::shared_ptr<Progress> FakeExtension::performAction(std::string action, std::vector<ItemIdentifier> identifiers,
+                                                       Completion<std::optional<Error>> completion) {
+  {
+    MutexLock hold(lock_);
+    const bool isKept = action.ends_with(".keepDownloaded");
+    for (const auto& identifier : identifiers) {
+      const auto found = items_.find(identifier.text);
+      if (found == items_.end()) continue;
+      auto& item = found->second.item;
+      item.contentPolicy = isKept            ? ContentPolicy::downloadEagerlyAndKeepDownloaded
+                           : item.isFolder() ? ContentPolicy::inherited
+                                             : ContentPolicy::downloadLazily;
+    }
+  }
+  std::move(completion)(std::nullopt);
+  return Progress::make();
+}
+
+std::shared_ptr<Progress> FakeExtension::fetchThumbnails(std::vector<ItemIdentifier> identifiers, ThumbnailSize,
+                                                         ThumbnailReceiver receiver,
+                                                         Completion<std::optional<Error>> completion) {
+  for (const auto& identifier : identifiers) {
+    std::optional<std::string> image;
+    {
+      MutexLock hold(lock_);
+      if (const auto found = thumbnails_.find(identifier.text); found != thumbnails_.end()) image = found->second;
+    }
+    receiver(identifier, std::move(image));
+  }
+  std::move(completion)(std::nullopt);
+  return Progress::make();
 }
 
 std::shared_ptr<Progress> FakeExtension::change(std::string what, Request request, std::optional<std::string> contents,

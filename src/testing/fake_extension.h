@@ -39,6 +39,8 @@ class FakeExtension final : public ReplicatedExtension {
 
   // Listings come in pages of that many items; 0: in one.
   void setPageSize(std::size_t items) EXCLUDES(lock_);
+  // What there is to see of an item, without which it has no thumbnail.
+  void addThumbnail(std::string identifier, std::string image) EXCLUDES(lock_);
   // Every listing or fetch fails with it; none: they succeed again.
   void failListings(std::optional<Error> error) EXCLUDES(lock_);
   void failFetches(std::optional<Error> error) EXCLUDES(lock_);
@@ -91,6 +93,12 @@ class FakeExtension final : public ReplicatedExtension {
                                        Completion<Result<SavedItem>> completion) override;
   std::shared_ptr<Progress> deleteItem(ItemIdentifier identifier, ItemVersion baseVersion, std::uint32_t options,
                                        Request request, Completion<std::optional<Error>> completion) override;
+  // An action whose name ends in ".keepDownloaded" makes the items' policy so; every other undoes that.
+  std::shared_ptr<Progress> performAction(std::string action, std::vector<ItemIdentifier> identifiers,
+                                          Completion<std::optional<Error>> completion) override;
+  std::shared_ptr<Progress> fetchThumbnails(std::vector<ItemIdentifier> identifiers, ThumbnailSize requestedSize,
+                                            ThumbnailReceiver receiver,
+                                            Completion<std::optional<Error>> completion) override;
 
  private:
   class FolderEnumerator;
@@ -130,6 +138,7 @@ class FakeExtension final : public ReplicatedExtension {
   std::map<std::string, Stored> items_ GUARDED_BY(lock_);
   std::map<std::string, int> listings_ GUARDED_BY(lock_);
   std::map<std::string, int> fetches_ GUARDED_BY(lock_);
+  std::map<std::string, std::string> thumbnails_ GUARDED_BY(lock_);
   std::list<Held> held_ GUARDED_BY(lock_);
   std::uint64_t lastNumber_ GUARDED_BY(lock_) = 0;
   bool isHolding_ GUARDED_BY(lock_) = false;

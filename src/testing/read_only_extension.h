@@ -7,7 +7,7 @@
 
 namespace vondle {
 
-// The part of a test's extension that refuses every change.
+// The part of a test's extension that refuses every change, action and thumbnail.
 class ReadOnlyExtension : public ReplicatedExtension {
  public:
   static Error refusal() { return {COCOA_ERROR_DOMAIN, FEATURE_UNSUPPORTED, "this extension takes no changes"}; }
@@ -24,6 +24,16 @@ class ReadOnlyExtension : public ReplicatedExtension {
   }
   std::shared_ptr<Progress> deleteItem(ItemIdentifier, ItemVersion, std::uint32_t, Request,
                                        Completion<std::optional<Error>> completion) override {
+    std::move(completion)(refusal());
+    return Progress::make();
+  }
+  std::shared_ptr<Progress> performAction(std::string, std::vector<ItemIdentifier>,
+                                          Completion<std::optional<Error>> completion) override {
+    std::move(completion)(refusal());
+    return Progress::make();
+  }
+  std::shared_ptr<Progress> fetchThumbnails(std::vector<ItemIdentifier>, ThumbnailSize, ThumbnailReceiver,
+                                            Completion<std::optional<Error>> completion) override {
     std::move(completion)(refusal());
     return Progress::make();
   }
