@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <limits>
 #include <random>
+#include <set>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -502,6 +503,33 @@ TEST_F(MultipartUploadTest, TriesAgainAfterAnyAnswerOfTheStoreButATaggedSuccess)
   }
 }
 
+TEST_F(MultipartUploadTest, KeepsWhatIsSavedWhenOnlyTheStoreSaysNotFound) {
+  answerPart(2, reply("", 404));
+  run(job());
+  EXPECT_EQ(error(), Error(TransferError::http(404)));
+  EXPECT_THAT(log.messages(LogLevel::error),
+              Contains("multipart upload of ann/0a1b.mov stopped with 5 of 6 parts sent, kept to resume: HTTP 404"));
+  EXPECT_THAT(savedParts(), SizeIs(5));
+}
+
+TEST_F(MultipartUploadTest, SendsAPartOnlyToAnAddress) {
+  for (const char* text : {"", "x", "/part/1", "https://"}) {
+    log.clear();
+    answerAddress(1, reply(json::serialize(json::Object{{"parts", json::Array{json::Object{{"url", text}}}}})));
+    begin(job(4));
+    scheduler.advance(seconds(1));
+    EXPECT_THAT(log.messages(LogLevel::standard),
+                Contains("multipart ann/0a1b.mov: part 1 failed (" +
+                         Error(APIError::malformed()).localizedDescription() + "), retrying in 5 s"))
+        << text;
+    EXPECT_THAT(slices(), IsEmpty());
+    answerAddress(1, reply(R"({"parts":[{"url":"https://store.example/part/a b"}]})"));
+    scheduler.advance(seconds(5));
+  }
+  EXPECT_THAT(outcomes, SizeIs(4));
+  EXPECT_THAT(requests("PUT"), Each("PUT part/a%20b"));
+}
+
 TEST_F(MultipartUploadTest, FailsWithTheErrorOfTheAPIWhenNothingIsConfigured) {
   begin(job());
   ASSERT_TRUE(files.remove(Paths(machine.users).config()));
@@ -636,6 +664,25 @@ TEST_F(MultipartUploadTest, CancelsThePartsUnderWay) {
   EXPECT_EQ(error(), USER_CANCEL);
   EXPECT_THAT(outcomes, SizeIs(1));
   EXPECT_TRUE(resume.load(ID));
+}
+
+// Whoever looks first, the part that has failed or the pump, says why; neither begins anything.
+TEST_F(MultipartUploadTest, FailsWithTheErrorOfAPartThatFindsItCancelled) {
+  std::set<std::string> reasons;
+  for (int steps = 0; steps < 30; ++steps) {
+    outcomes.clear();
+    progress = Progress::make();
+    answerPart(1, failing(networkError()));
+    begin(job(4));
+    for (int step = 0; step < steps; ++step) scheduler.runNext();
+    progress->cancel();
+    scheduler.runUntilIdle();
+    ASSERT_THAT(outcomes, SizeIs(1)) << steps;
+    reasons.insert(error().localizedDescription());
+    scheduler.advance(seconds(60));
+  }
+  EXPECT_THAT(reasons, Contains(networkError().localizedDescription()));
+  EXPECT_THAT(reasons, Contains(USER_CANCEL.localizedDescription()));
 }
 
 TEST_F(MultipartUploadTest, EndsOnceWhicheverComesFirst) {
