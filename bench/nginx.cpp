@@ -70,9 +70,17 @@ http {{
   fastcgi_temp_path {0}/fastcgi;
   uwsgi_temp_path {0}/uwsgi;
   scgi_temp_path {0}/scgi;
+  client_max_body_size 0;
   server {{
     listen 127.0.0.1:{1};
     root {2};
+    location /put/ {{
+      dav_methods PUT;
+      add_header ETag tag;
+    }}
+    location /vondle/api/ {{
+      return 200 '{{"parts":[{{"url":"http://127.0.0.1:{1}/put/$request_id"}}]}}';
+    }}
   }}
 }}
 )",
@@ -93,8 +101,8 @@ Nginx::~Nginx() {
   ::waitpid(pid_, nullptr, 0);
 }
 
-std::string Nginx::url(const std::string& name) const {
-  return fmt::format("http://127.0.0.1:{}/{}", port_, name);
+std::string Nginx::origin() const {
+  return fmt::format("http://127.0.0.1:{}", port_);
 }
 
 }  // namespace vondle::bench

@@ -22,7 +22,7 @@ class TransferRig {
 
   ThrottledTransfer& transfers() { return transfers_; }
 
- private:
+ protected:
   struct Home final : SimulatedUserDatabase {
     Home(const std::string& path, const std::string& configuration) {
       home = path;
