@@ -1,29 +1,14 @@
 #!/usr/bin/env bash
 # What the service does when nobody wants anything: a folder that is mounted and has been looked at, 30 seconds long.
 # The one thing to be done is asking the server for changes. idle.sh FOLDER-OF-PROGRAMS
-set -euo pipefail
-BIN_GIVEN=$(realpath "$1")
-cd "$(dirname "$0")/.."
-source tools/demo.sh
-source bench/report.sh
+source "$(dirname "$0")/begin.sh"
 
 SECONDS_OF_REST=30
 
-make_world "$BIN_GIVEN"
-finish() {
-  [ -z "${ACCOUNT_PID:-}" ] || kill "$ACCOUNT_PID" 2>/dev/null || true
-  destroy_world
-}
-trap finish EXIT
-trap 'exit 130' INT TERM
-
-"$BIN/account_server" >"$WORLD/account.log" 2>&1 &
-ACCOUNT_PID=$!
-wait_for_line "$WORLD/account.log" 'listening on' 20 "$ACCOUNT_PID"
-in_world vondle login --server "$(sed -n 's/^listening on //p' "$WORLD/account.log")" --key-file "$WORLD/key" >/dev/null
-in_world vondle mount "$MOUNT" >/dev/null
+start_account
+mount_account
 ls -l "$MOUNT/folder-001" >/dev/null
-PID=$(in_world vondle status --json | sed -n 's/.*"pid": *\([0-9]*\).*/\1/p' | head -1)
+PID=$(service_pid)
 sleep 5 # connections that are kept for a moment are closed
 
 # Of each thread: its number, its name and how often it went to sleep.

@@ -2,34 +2,15 @@
 # A million known items through the mount: looking at them, starting with them, and what they take in memory. The
 # account is generated, so that no server's speed counts.
 # listing.sh FOLDER-OF-PROGRAMS
-set -euo pipefail
-BIN_GIVEN=$(realpath "$1")
-cd "$(dirname "$0")/.."
-source tools/demo.sh
-source bench/report.sh
+source "$(dirname "$0")/begin.sh"
 
 ITEMS=1000901
 BIG=folder-000 # 100,000 files
 ROUNDS=5
-
-make_world "$BIN_GIVEN"
-finish() {
-  [ -z "${ACCOUNT_PID:-}" ] || kill "$ACCOUNT_PID" 2>/dev/null || true
-  destroy_world
-}
-trap finish EXIT
-trap 'exit 130' INT TERM
-
-"$BIN/account_server" >"$WORLD/account.log" 2>&1 &
-ACCOUNT_PID=$!
-wait_for_line "$WORLD/account.log" 'listening on' 20 "$ACCOUNT_PID"
-SERVER=$(sed -n 's/^listening on //p' "$WORLD/account.log")
-in_world vondle login --server "$SERVER" --key-file "$WORLD/key" >/dev/null
-in_world vondle mount "$MOUNT" >/dev/null
-
-service_pid() { in_world vondle status --json | sed -n 's/.*"pid": *\([0-9]*\).*/\1/p' | head -1; }
-megabytes() { awk '/^VmRSS/ { printf "%.0f", $2 / 1024 }' "/proc/$1/status"; }
 count_items() { [ "$(find "$MOUNT" -mindepth 1 | wc -l)" = "$ITEMS" ]; }
+
+start_account
+mount_account
 
 seconds=$(seconds_of ls -f "$MOUNT/$BIG")
 report 'the first ls -f of 100,000 files, with the request' '-' '' "$seconds s" ''
@@ -46,7 +27,7 @@ times=()
 for _ in 1 2 3; do times+=("$(seconds_of find "$MOUNT" -mindepth 1)"); done
 report 'find over 1,000,000 items, warm' '<= 3 s' '' "$(median "${times[@]}") s" ''
 sleep 3 # what the listings needed for a moment is given back
-report 'memory of the service that has listed them all' '<= 300 MiB' '' "$(megabytes "$(service_pid)") MiB" ''
+report 'memory of the service that has listed them all' '<= 300 MiB' '' "$(memory_of "$(service_pid)") MiB" ''
 
 times=()
 for _ in 1 2 3; do
@@ -56,4 +37,4 @@ done
 report 'start with 1,000,000 items until the folder answers' '<= 0.5 s' '' "$(median "${times[@]}") s" ''
 count_items || { echo 'not all items are there' >&2; exit 1; }
 pid=$(service_pid)
-report 'memory of the service with 1,000,000 items' '<= 300 MiB' '' "$(megabytes "$pid") MiB" ''
+report 'memory of the service with 1,000,000 items' '<= 300 MiB' '' "$(memory_of "$pid") MiB" ''

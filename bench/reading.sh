@@ -1,28 +1,11 @@
 #!/usr/bin/env bash
 # Reading through the mount: a large file that is here, and many small ones that are not.
 # reading.sh FOLDER-OF-PROGRAMS [--full]
-set -euo pipefail
-BIN_GIVEN=$(realpath "$1")
-cd "$(dirname "$0")/.."
-source tools/demo.sh
-source bench/report.sh
+source "$(dirname "$0")/begin.sh"
+source bench/rclone.sh
 
-ROUNDS=3
 SMALL_FILES=5000
 READERS=8
-[ "${2:-}" != --full ] || ROUNDS=7
-MEBIBYTE=1048576
-
-make_world "$BIN_GIVEN"
-RCLONE_MOUNT=$WORLD/rclone
-mkdir "$RCLONE_MOUNT"
-finish() {
-  fusermount3 -uz "$RCLONE_MOUNT" 2>/dev/null || true
-  for pid in ${RCLONE_PIDS:-}; do kill "$pid" 2>/dev/null || true; done
-  destroy_world
-}
-trap finish EXIT
-trap 'exit 130' INT TERM
 
 # Each round has a folder of its own: what nobody has looked at is cold.
 head -c $((1024 * MEBIBYTE)) /dev/urandom >"$IMPORT/big.bin"
@@ -31,8 +14,7 @@ for ((round = 1; round <= ROUNDS; ++round)); do
   head -c $((SMALL_FILES * 4096)) /dev/urandom | split -b 4096 -a 4 -d - "$IMPORT/small-$round/f"
 done
 start_storage --import "$IMPORT"
-in_world vondle login --server "$SERVER" --key-file "$WORLD/key" >/dev/null
-in_world vondle mount "$MOUNT" >/dev/null
+mount_account
 
 rate() { awk '{ printf "%.0f", $2 / $1 / 1e6 }'; } # MB/s of file_reader's line
 sequential() { printf '%s\n' "$1" | "$BIN/file_reader" 1 $MEBIBYTE | rate; }
@@ -64,23 +46,8 @@ fi
 in_world vondle evict "$MOUNT/big.bin" >/dev/null
 
 # The peer reads the same tree from a server of its own; both know their folders before the clock starts.
-answers() { (: <"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
-RCLONE_PORT=$((20000 + RANDOM % 10000))
-while answers "$RCLONE_PORT"; do RCLONE_PORT=$((RCLONE_PORT + 1)); done
-: >"$WORLD/rclone.conf"
-rclone serve http "$IMPORT" --addr "127.0.0.1:$RCLONE_PORT" --config "$WORLD/rclone.conf" >"$WORLD/rclone.log" 2>&1 &
-RCLONE_PIDS=$!
-until answers "$RCLONE_PORT"; do
-  kill -0 "$RCLONE_PIDS" 2>/dev/null || { cat "$WORLD/rclone.log" >&2; exit 1; }
-  sleep 0.1
-done
-rclone mount ":http,url='http://127.0.0.1:$RCLONE_PORT':" "$RCLONE_MOUNT" --config "$WORLD/rclone.conf" --read-only \
-  --vfs-cache-mode full --cache-dir "$WORLD/rclone-cache" >"$WORLD/rclone.log" 2>&1 &
-RCLONE_PIDS+=" $!"
-until mountpoint -q "$RCLONE_MOUNT"; do
-  kill -0 $! 2>/dev/null || { cat "$WORLD/rclone.log" >&2; exit 1; }
-  sleep 0.1
-done
+serve_with_rclone http "$IMPORT"
+mount_with_rclone ":http,url='$RCLONE_SERVER':" --read-only --vfs-cache-mode full
 cold=() warm=() theirs_cold=() theirs_warm=() cold_ratios=() warm_ratios=()
 for ((round = 1; round <= ROUNDS; ++round)); do
   for top in "$RCLONE_MOUNT" "$MOUNT"; do
