@@ -1,8 +1,10 @@
 #include "transfer/throttled_transfer.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -272,6 +274,37 @@ TEST_F(ThrottledTransferTest, AnUploadSendsTheFileAndBringsTheAnswer) {
   reply("u", "stored");
   EXPECT_EQ(progress->completedUnitCount(), 1000);
   EXPECT_EQ(answers["u"], "stored");
+}
+
+TEST_F(ThrottledTransferTest, AnUploadCountsAgainstWhatItReallySends) {
+  machine.files.put(FILE_TO_SEND, "u");
+  const auto progress = upload("u");
+  EXPECT_EQ(progress->totalUnitCount(), 1);
+  progress->setTotalUnitCount(77);
+  task("u").sent(1);
+  run();
+  EXPECT_EQ(progress->totalUnitCount(), 1);
+  EXPECT_EQ(progress->completedUnitCount(), 1);
+}
+
+TEST_F(ThrottledTransferTest, EverySubmissionHeedsTheSettingsOfTheMoment) {
+  const auto request = [](const char* name) { return URLRequest{.url = std::string(HOST) + name, .method = "PUT"}; };
+  const std::pair<const char*, std::function<void()>> submissions[] = {
+      {"download", [&] { download("download"); }},
+      {"fetch", [&] { transfers->fetchData(std::string(HOST) + "fetch", answers.as("fetch")); }},
+      {"upload", [&] { transfers->upload(request("upload"), FILE_TO_SEND, nullptr, answers.as("upload")); }},
+      {"part", [&] { transfers->uploadPart(request("part"), FILE_TO_SEND, nullptr, answers.as("part")); }},
+  };
+  for (const auto& [name, submit] : submissions) {
+    configure(R"({"transfers_paused": true})");
+    submit();
+    EXPECT_THAT(waiting(), ElementsAre(name));
+    configure("{}");
+    advance(2);
+    EXPECT_THAT(moving(), ElementsAre(name));
+    reply(name);
+    advance(3);  // and nothing looks at the settings any more
+  }
 }
 
 TEST_F(ThrottledTransferTest, ARefusedUploadLogsTheStartOfTheAnswer) {
@@ -650,6 +683,15 @@ TEST_F(ThrottledTransferTest, AWaitOfLessThanATwentiethOfASecondIsIgnored) {
   run();
   EXPECT_THAT(moving(), ElementsAre("a"));
   task("a").data("x");  // 52 bytes of debt are more than 0.05 s
+  run();
+  EXPECT_THAT(standing(), ElementsAre("a"));
+}
+
+TEST_F(ThrottledTransferTest, AWaitOfExactlyATwentiethOfASecondIsNot) {
+  configure(R"({"max_download_kbps": 20})");
+  download("a");
+  task("a").respond(200);
+  task("a").data(std::string(20480 + 1024, 'x'));
   run();
   EXPECT_THAT(standing(), ElementsAre("a"));
 }
