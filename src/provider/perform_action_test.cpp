@@ -96,14 +96,27 @@ TEST_F(PerformActionTest, StopsKeepingItemsAndCompletesWhenAllEvictionsHaveAnswe
   EXPECT_THAT(log.messages(LogLevel::info), ElementsAre("stop keeping: 2 item(s)"));
 
   ASSERT_EQ(slow->evictions.size(), 2u);
-  std::move(slow->evictions[1])(std::nullopt);
-  scheduler.runUntilIdle();
   EXPECT_FALSE(answer.hasValue());
-  std::move(slow->evictions[0])(std::nullopt);
+  for (auto& eviction : slow->evictions) std::move(eviction)(std::nullopt);
   EXPECT_FALSE(answer.hasValue());  // on the queue
   scheduler.runUntilIdle();
   ASSERT_TRUE(answer.hasValue());
   EXPECT_EQ(answer.value(), std::nullopt);
+}
+
+TEST_F(PerformActionTest, WaitsForTheLastEvictionWhicheverItIs) {
+  for (const std::size_t last : {0, 1}) {
+    const auto slow = std::make_shared<SlowManager>();
+    const auto slowed = process.makeExtension({"domain", "Ann's files"}, [slow](const Domain&) { return slow; });
+    Answer answer;
+    slowed->performAction(UNKEEP, items({"a", "c"}), answer.completion());
+    std::move(slow->evictions.at(1 - last))(std::nullopt);
+    scheduler.runUntilIdle();
+    EXPECT_FALSE(answer.hasValue());
+    std::move(slow->evictions.at(last))(std::nullopt);
+    scheduler.runUntilIdle();
+    EXPECT_TRUE(answer.hasValue());
+  }
 }
 
 TEST_F(PerformActionTest, EvictsWhatIsKeptNoMoreAndSignalsTheWorkingSetOnce) {
