@@ -125,6 +125,21 @@ TEST_F(PicturePreviewTest, TurnsPicturesUprightForEveryOrientation) {
   }
 }
 
+TEST_F(PicturePreviewTest, TurnsPicturesUprightInEveryFormatThatCanSaySo) {
+  run("rm -f sideways.*; exiftool -q -n -Orientation=6 -o sideways.jpg quarters.jpg; vips copy sideways.jpg "
+      "sideways.webp; "
+      "cjxl sideways.jpg sideways.jxl; vips copy quarters.png upright.tif; "
+      "exiftool -q -n -Orientation=6 -o sideways.tif upright.tif; exiftool -q -n -Orientation=6 -o sideways.png "
+      "quarters.png");
+  for (const char* extension : {"webp", "jxl", "tif", "png"}) {
+    SCOPED_TRACE(extension);
+    const auto preview = previewOfPicture(sample(std::string("sideways.") + extension));
+    ASSERT_TRUE(preview);
+    EXPECT_EQ(preview->size(), "267x400");
+    expectQuarters(*preview, {BLUE, RED, YELLOW, GREEN});
+  }
+}
+
 TEST_F(PicturePreviewTest, TurnsAHeicOnceThoughItSaysSoTwice) {
   run("exiftool -q -n -Orientation=6 -o sideways.jpg quarters.jpg; heif-enc -q 80 sideways.jpg -o turned.heic");
   auto bytes = readSample("turned.heic");
@@ -236,6 +251,18 @@ TEST_F(PicturePreviewTest, PrintingColoursComeOutWithAndWithoutTheirProfile) {
     const auto preview = previewOfPicture(sample(name));
     ASSERT_TRUE(preview) << name;
     EXPECT_THAT(preview->centre(), IsNear(Colour{205, 61, 41}, 8)) << name;
+  }
+}
+
+TEST_F(PicturePreviewTest, ShowsTheFirstOfSeveralPictures) {
+  run("/usr/bin/convert -delay 10 -size 600x500 xc:'rgb(220,30,30)' xc:'rgb(40,60,200)' several.gif; "
+      "/usr/bin/convert -size 600x500 xc:'rgb(220,30,30)' xc:'rgb(40,60,200)' several.tif; "
+      "vips copy several.gif[n=-1] several.webp[lossless]");
+  for (const char* name : {"several.gif", "several.tif", "several.webp"}) {
+    const auto preview = previewOfPicture(sample(name));
+    ASSERT_TRUE(preview) << name;
+    EXPECT_EQ(preview->size(), "400x333") << name;
+    EXPECT_THAT(preview->centre(), IsNear(RED, LOSSY)) << name;
   }
 }
 
