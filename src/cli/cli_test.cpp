@@ -357,6 +357,22 @@ TEST_F(CommandLineTest, LogoutIsRefusedWhenNobodyCanTellWhatWouldBeLost) {
   EXPECT_EQ(run({"logout", "--force"}), 0);
 }
 
+TEST_F(CommandLineTest, LogoutIsRefusedWhileContentsThatNobodyRemembersAreHere) {
+  machine_.files.put(CONFIG, R"({"api_key":"k"})");
+  for (const auto* place : {"/7", "/lost+found/7"}) {
+    const auto path = folders_.editedFiles() + place;
+    std::filesystem::create_directories(path.substr(0, path.rfind('/')));
+    std::ofstream(path) << "chapter one";
+    EXPECT_EQ(run({"logout"}), 8) << place;
+    EXPECT_THAT(err_.str(), HasSubstr("1 file would be lost"));
+    EXPECT_THAT(err_.str(), HasSubstr(folders_.editedFiles()));
+    EXPECT_TRUE(std::filesystem::exists(path)) << place;
+    EXPECT_EQ(config(), (json::Object{{"api_key", "k"}})) << "still signed in";
+    std::filesystem::remove(path);
+  }
+  EXPECT_EQ(run({"logout"}), 0);
+}
+
 TEST_F(CommandLineTest, LocalCopiesAreNotRemovedWithUnsentChangesBehindTheBackOfAnybody) {
   std::ofstream(folders_.editDatabase()) << "this is no database at all, and long enough to be looked at as one";
   std::filesystem::create_directories(folders_.contentFiles());
@@ -489,6 +505,16 @@ TEST_F(ServiceCommandTest, StatusShowsWhatTheServiceSays) {
             "Problems    2\n"
             "  /%=%2E%2E stands for \"..\" (a name of dots)\n"
             "  /x: gone (60 s ago)\n");
+}
+
+TEST_F(ServiceCommandTest, StatusTellsWhereContentsAreThatNobodyRemembers) {
+  serve([](const json::Object&, ControlReply& reply) {
+    reply.finish({{"edits", json::Object{{"total", 0}, {"lost", 2}, {"lost_in", "/home/ann/lost+found"}}}});
+  });
+  EXPECT_EQ(run({"status"}), 0);
+  EXPECT_THAT(out_.str(), HasSubstr("Edits       all on the server\n"
+                                    "  contents of 2 changes that are not remembered are in /home/ann/lost+found; "
+                                    "look through them and move them away\n"));
 }
 
 TEST_F(ServiceCommandTest, TheServicesCodesBecomeExitCodes) {

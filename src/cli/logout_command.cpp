@@ -16,22 +16,30 @@ namespace {
 constexpr std::size_t MAX_NAMED = 10;
 
 Outcome<void> checkNothingIsLost(const CommandContext& context) {
-  const auto edits = unsentEdits(context.folders);
-  if (!edits) {
+  const auto unsent = findUnsent(context.folders);
+  if (!unsent) {
     return fail(ExitCode::workLeft,
-                "nobody can tell whether everything is on the server: " + edits.error().localizedDescription() +
+                "nobody can tell whether everything is on the server: " + unsent.error().localizedDescription() +
                     "; \"vondle logout --force\" signs out all the same");
   }
-  if (edits->empty()) return {};
-  for (std::size_t i = 0; i < std::min(edits->size(), MAX_NAMED); ++i) {
-    const auto& edit = (*edits)[i];
+  if (unsent->isNothing()) return {};
+  const auto& edits = unsent->edits;
+  if (edits.empty()) {
+    return fail(ExitCode::workLeft,
+                fmt::format("{} would be lost: contents of changes that are not remembered, in {} and its folder "
+                            "lost+found; move them away, or give them up with \"vondle logout --force\"",
+                            countInWords(static_cast<std::int64_t>(unsent->lostFiles), "file", "files"),
+                            context.folders.editedFiles()));
+  }
+  for (std::size_t i = 0; i < std::min(edits.size(), MAX_NAMED); ++i) {
+    const auto& edit = edits[i];
     context.console.say(
         fmt::format("not on the server yet: {}{}", edit.place.name, edit.fields & EDIT_DELETED ? " (deleted)" : ""));
   }
   return fail(ExitCode::workLeft,
               fmt::format("{} would be lost; send them with \"vondle mount\" and \"vondle sync --wait\", or give them "
                           "up with \"vondle logout --force\"",
-                          countInWords(static_cast<std::int64_t>(edits->size()), "change", "changes")));
+                          countInWords(static_cast<std::int64_t>(edits.size()), "change", "changes")));
 }
 
 // Another account must not be shown this one's tree, so the tree and the contents go too: all of that is on the server,

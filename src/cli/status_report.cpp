@@ -162,6 +162,11 @@ std::string StatusReport::toText(const Console& console) const {
                               sizeInWords(static_cast<double>(json::integer(*service_, "bytes_here").value_or(0)))));
     if (const auto* edits = json::object(*service_, "edits")) {
       lines.heading("Edits", editsText(*edits));
+      if (const auto lost = json::integer(*edits, "lost").value_or(0); lost > 0) {
+        lines.item(console.warning(fmt::format(
+            "contents of {} that are not remembered are in {}; look through them and move them away",
+            countInWords(lost, "change", "changes"), console.shown(json::text(*edits, "lost_in").value_or("?")))));
+      }
       if (const auto* list = json::listOfObjects(*edits, "list")) {
         for (const auto& each : *list) {
           const auto& edit = each.get_object();

@@ -2,25 +2,36 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <set>
+#include <utility>
 
 #include "config/paths.h"
+#include "service/contents/lost_and_found.h"
 #include "service/edits/edit_store.h"
 
 namespace vondle {
 
-Result<std::vector<Edit>> unsentEdits(const ServiceFolders& folders) {
+Result<Unsent> findUnsent(const ServiceFolders& folders) {
+  Unsent unsent;
   std::error_code ignored;
-  if (!std::filesystem::exists(folders.editDatabase(), ignored)) return {};
-  auto store = EditStore::open(folders.editDatabase());
-  if (!store) return failure(store.error());
-  return store->edits();
+  if (std::filesystem::exists(folders.editDatabase(), ignored)) {
+    auto store = EditStore::open(folders.editDatabase());
+    if (!store) return failure(store.error());
+    auto edits = store->edits();
+    if (!edits) return failure(edits.error());
+    unsent.edits = std::move(*edits);
+  }
+  std::set<std::int64_t> named;
+  for (const auto& edit : unsent.edits) named.insert(edit.contents);
+  unsent.lostFiles = countUnclaimed(folders.editedFiles(), named);
+  return unsent;
 }
 
 Result<void> removeLocalCopies(const ServiceFolders& folders, Files& files, UnsentEdits unsent) {
   if (unsent == UnsentEdits::keep) {
-    const auto edits = unsentEdits(folders);
-    if (!edits) return failure(edits.error());
-    if (!edits->empty()) return failure(Error::posix(EBUSY, "removing what is not on the server yet"));
+    const auto found = findUnsent(folders);
+    if (!found) return failure(found.error());
+    if (!found->isNothing()) return failure(Error::posix(EBUSY, "removing what is not on the server yet"));
   }
   // The edits last: whatever is left behind is safe.
   std::vector<std::string> paths;

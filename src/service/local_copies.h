@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 #include "base/error.h"
@@ -9,8 +10,15 @@
 
 namespace vondle {
 
-// What of an account is nowhere but here. An error when that cannot be found out. Hold the state lock.
-Result<std::vector<Edit>> unsentEdits(const ServiceFolders& folders);
+// What of an account is nowhere but here.
+struct Unsent {
+  std::vector<Edit> edits;
+  std::size_t lostFiles = 0;  // private files that no edit names; see contents/lost_and_found.h
+  [[nodiscard]] bool isNothing() const { return edits.empty() && lostFiles == 0; }
+};
+
+// An error when it cannot be found out. Hold the state lock.
+Result<Unsent> findUnsent(const ServiceFolders& folders);
 
 enum class UnsentEdits { keep, remove };
 

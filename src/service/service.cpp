@@ -112,6 +112,7 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
                              .waitUntilShown = [mounted = service->mount_.get()] { mounted->waitUntilShown(); },
                              .stop = std::move(stop),
                              .mountPath = options.mountPath,
+                             .editedFiles = folders.editedFiles(),
                              .readOnly = options.readOnly,
                              .pid = platform.process.pid()});
   auto control = ControlServer::listen(

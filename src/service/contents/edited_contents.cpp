@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cmath>
 #include <filesystem>
 #include <utility>
@@ -16,6 +15,7 @@
 #include "fileprovider/error_codes.h"
 #include "platform/log.h"
 #include "service/contents/file_copy.h"
+#include "service/contents/lost_and_found.h"
 
 namespace vondle {
 namespace {
@@ -28,13 +28,6 @@ constexpr std::size_t MAX_EXTENSION = 32;
 
 Error noSuchItem() {
   return {FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM};
-}
-
-std::optional<std::int64_t> parseNumber(std::string_view name) {
-  std::int64_t number = 0;
-  const auto* const end = name.data() + name.size();
-  if (name.empty() || name[0] == '-' || std::from_chars(name.data(), end, number).ptr != end) return std::nullopt;
-  return number;
 }
 
 // With its dot; empty when there is none.
@@ -198,7 +191,7 @@ Result<std::set<std::int64_t>> EditedContents::readFolder() {
   std::filesystem::directory_iterator files(folder_, error);
   for (; !error && files != std::filesystem::directory_iterator(); files.increment(error)) {
     const auto name = files->path().filename().native();
-    if (const auto number = parseNumber(name))
+    if (const auto number = privateFileNumber(name))
       numbers.insert(*number);
     else if (name.ends_with(ContentStore::UNFINISHED))
       ::unlink(files->path().c_str());
@@ -211,12 +204,13 @@ Result<void> EditedContents::openEdits() {
   auto left = readFolder();
   if (!left) return failure(left.error());
   // The time makes sure that no number comes back, also of a file that has gone.
-  lastNumber_ =
-      std::max(left->empty() ? 0 : *left->rbegin(), static_cast<std::int64_t>(clock_.now().secondsSince1970 * 1000));
+  const auto lost = lostFiles(folder_);
+  lastNumber_ = std::max({static_cast<std::int64_t>(clock_.now().secondsSince1970 * 1000),
+                          left->empty() ? 0 : *left->rbegin(), lost.empty() ? 0 : *lost.rbegin()});
   for (const auto& edit : edits_->pending()) {
     if (edit.contents == 0) continue;
     lastNumber_ = std::max(lastNumber_.load(), edit.contents);
-    left->erase(edit.contents);
+    if (left->erase(edit.contents) == 0 && lost.contains(edit.contents)) bringBack(folder_, edit.contents);
     auto file = EditedFile::open(pathOf(edit.contents), edit.contents);
     if (!file) {
       slog.error("what was edited is not there: %{public}@", file.error().localizedDescription());
@@ -225,7 +219,11 @@ Result<void> EditedContents::openEdits() {
     keep(edits_->inodeOf(edit.id), *file);
     edits_->describeContents(edit.id, (*file)->size(), (*file)->modified());
   }
-  for (const auto number : *left) ::unlink(pathOf(number).c_str());
+  for (const auto number : *left)
+    if (!setAside(folder_, number)) slog.error("a file that no change names stays in %{public}@", pathOf(number));
+  if (const auto count = lostFiles(folder_).size(); count > 0)
+    slog.error("%d file(s) of changes that the queue does not know are kept in %{public}@", count,
+               lostAndFound(folder_));
   return {};
 }
 
@@ -250,16 +248,18 @@ void EditedContents::keep(Inode inode, const std::shared_ptr<EditedFile>& file) 
   file->keep();
   file->noteUse(clock_.monotonic(), false);
   std::shared_ptr<EditedFile> former;
+  bool isBeingSent = false;
   {
     MutexLock hold(lock_);
     former = std::exchange(files_[inode], file);
     inodes_[file->number()] = inode;
     if (former) inodes_.erase(former->number());
-    if (former && sending_.contains(former->number())) former = nullptr;
+    isBeingSent = former && sending_.contains(former->number());
     count_ = files_.size();
   }
   contents_->noteEdited(inode, file->path());
-  if (former) removeLater(former);
+  if (former) former->markDoneWith();
+  if (former && !isBeingSent) removeLater(former);
 }
 
 void EditedContents::require(Inode inode, bool keepsContents, Request request, const std::shared_ptr<Progress>& wait,
@@ -436,6 +436,7 @@ void EditedContents::endSending(const Outgoing& outgoing, const LocalEdits::Outc
     contents_->noteSending(inode, false);
     return sendingEnded(outgoing.number);
   }
+  file->markDoneWith();
   if (!serverHasTheseBytes || outcome.inode != inode) return letGo(inode, file, std::nullopt);
   // What the name and the size of a downloaded copy tell of it must be true also after power loss.
   syncs_->post([self = shared_from_this(), inode, file, tag = outcome.contentTag] {
@@ -484,6 +485,7 @@ void EditedContents::apply(const std::vector<ReplicaChange>& changes) {
       count_ = files_.size();
     }
     contents_->noteAbandoned(change.inode);
+    file->markDoneWith();
     if (!isBeingSent) removeLater(file);
   }
 }

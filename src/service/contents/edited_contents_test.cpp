@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "fileprovider/error_codes.h"
+#include "testing/captured_log.h"
 #include "testing/fake_extension.h"
 #include "testing/simulated_random.h"
 #include "testing/virtual_scheduler.h"
@@ -17,6 +18,7 @@
 namespace vondle {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -312,13 +314,78 @@ TEST_F(EditedContentsTest, AfterARestartTheFilesAreThereAndWhatWasLeftOverIsNot)
   const auto number = edited_->find(inode_)->number();
   stop();
   std::ofstream(folder_ + "/edits/12") << "left over";
+  std::filesystem::permissions(folder_ + "/edits/12", std::filesystem::perms::owner_all);
   std::ofstream(folder_ + "/edits/13.part") << "left over";
+  std::ofstream(folder_ + "/edits/14");
   start();
   ASSERT_TRUE(edited_->find(inode_));
   EXPECT_EQ(textOf(edited_->find(inode_)->path()), "CONTENTS");
   EXPECT_THAT(files(), ElementsAre(std::to_string(number)));
   EXPECT_EQ(store_->state(inode_), ContentState::edited);
   EXPECT_GT((*edited_->makeEmpty())->number(), number);
+}
+
+TEST_F(EditedContentsTest, WhatTheQueueDoesNotRememberIsKeptAndCanBeHadBack) {
+  write(*get(), "CONTENTS");
+  const auto name = std::to_string(edited_->find(inode_)->number());
+  stop();
+  for (const char* suffix : {"", "-wal", "-shm"})
+    if (std::filesystem::exists(folder_ + "/edits.sqlite" + suffix))
+      std::filesystem::rename(folder_ + "/edits.sqlite" + suffix, folder_ + "/away" + suffix);
+  CapturedLog log;
+  start();
+  EXPECT_EQ(edited_->find(inode_), nullptr);
+  EXPECT_THAT(files(), IsEmpty());
+  EXPECT_THAT(files("/edits/lost+found"), ElementsAre(name));
+  EXPECT_EQ(textOf(folder_ + "/edits/lost+found/" + name), "CONTENTS");
+  EXPECT_THAT(log.messages(LogLevel::error), Contains("1 file(s) of changes that the queue does not know are kept in " +
+                                                      folder_ + "/edits/lost+found"));
+  scheduler_.setWallClock({0});
+  stop();
+  start();
+  EXPECT_THAT(files("/edits/lost+found"), ElementsAre(name)) << "also at the next start";
+  EXPECT_GT((*edited_->makeEmpty())->number(), std::stoll(name)) << "and no other file is named so";
+  stop();
+
+  for (const char* suffix : {"", "-wal", "-shm"}) {
+    std::filesystem::remove(folder_ + "/edits.sqlite" + suffix);
+    if (std::filesystem::exists(folder_ + "/away" + suffix))
+      std::filesystem::rename(folder_ + "/away" + suffix, folder_ + "/edits.sqlite" + suffix);
+  }
+  start();
+  ASSERT_TRUE(edited_->find(inode_));
+  EXPECT_EQ(textOf(edited_->find(inode_)->path()), "CONTENTS");
+  EXPECT_THAT(files("/edits/lost+found"), IsEmpty());
+}
+
+// Whatever the process was killed at: what the queue is done with is not what it has forgotten.
+TEST_F(EditedContentsTest, WhatIsDoneWithIsMarkedBeforeItGoes) {
+  const auto isMarked = [&](const std::shared_ptr<EditedFile>& file) { return EditedFile::isDoneWith(file->path()); };
+  const auto sent = get();
+  write(*sent, "CONTENTS");
+  EXPECT_FALSE(isMarked(sent));
+  const auto outgoing = beginSending(sent->number());
+  const auto edit = beginEdit();
+  EXPECT_FALSE(isMarked(sent));
+  const auto copy = get();
+  EXPECT_TRUE(isMarked(sent)) << "the copy is the item's contents";
+  EXPECT_FALSE(isMarked(copy));
+  edited_->endSending(outgoing, succeed(edit, extension_.addFile("11", ROOT, "a.txt", "CONTENTS", 2)), true);
+
+  write(*copy, "THEIRS AND MINE");
+  const auto again = beginSending(copy->number());
+  const auto secondEdit = beginEdit();
+  const auto outcome = succeed(secondEdit, extension_.addFile("11", ROOT, "a.txt", "THEIRS AND MINE", 3));
+  EXPECT_FALSE(isMarked(copy));
+  edited_->endSending(again, outcome, true);
+  EXPECT_TRUE(isMarked(copy)) << "the server has it";
+  scheduler_.runUntilIdle();
+
+  const auto removed = get();
+  EXPECT_FALSE(isMarked(removed));
+  edits_->removeFile(ROOT_INODE, "a.txt", [](const Result<void>& done) { EXPECT_TRUE(done); });
+  scheduler_.runUntilIdle();
+  EXPECT_TRUE(isMarked(removed));
 }
 
 TEST_F(EditedContentsTest, AMissingFileIsSurvived) {

@@ -8,9 +8,15 @@
 #include <utility>
 
 namespace vondle {
+namespace {
+
+constexpr mode_t NEEDED = 0600;
+constexpr mode_t DONE_WITH = NEEDED | S_IXUSR;
+
+}  // namespace
 
 Result<std::shared_ptr<EditedFile>> EditedFile::make(std::string path, std::int64_t number) {
-  const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+  const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, DONE_WITH);
   if (descriptor < 0) return failure(Error::posix(errno, path));
   return std::shared_ptr<EditedFile>(new EditedFile(std::move(path), number, descriptor, false));
 }
@@ -89,8 +95,20 @@ bool EditedFile::takeChange() {
 }
 
 void EditedFile::keep(bool isKept) {
-  MutexLock hold(lock_);
-  isKept_ = isKept;
+  {
+    MutexLock hold(lock_);
+    isKept_ = isKept;
+  }
+  ::fchmod(descriptor_, isKept ? NEEDED : DONE_WITH);
+}
+
+void EditedFile::markDoneWith() {
+  ::fchmod(descriptor_, DONE_WITH);
+}
+
+bool EditedFile::isDoneWith(const std::string& path) {
+  struct stat status{};
+  return ::lstat(path.c_str(), &status) == 0 && (status.st_mode & S_IXUSR) != 0;
 }
 
 }  // namespace vondle

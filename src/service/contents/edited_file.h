@@ -57,8 +57,13 @@ class EditedFile {
   // Whether it has changed since this was last asked.
   [[nodiscard]] bool takeChange() EXCLUDES(lock_);
 
-  // The file on disk stays when this goes, or goes after all.
+  // The file on disk stays when this goes, or goes after all; also when the process is killed, see isDoneWith.
   void keep(bool isKept = true) EXCLUDES(lock_);
+  // Nothing needs the file on disk any more, though it stays for now.
+  void markDoneWith();
+  // Whether the file may be removed although nobody knows what it was: it was never kept, or marked. Nobody executes a
+  // private file, so that is what its owner's right to do so says. False when there is no such file.
+  static bool isDoneWith(const std::string& path);
 
  private:
   EditedFile(std::string path, std::int64_t number, int descriptor, bool isKept)

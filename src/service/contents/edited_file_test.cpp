@@ -49,6 +49,19 @@ TEST_F(EditedFileTest, OneThatIsNotKeptGoesWithItsLastUser) {
   EXPECT_EQ(status.st_mode & 0777, 0600U);
 }
 
+TEST_F(EditedFileTest, WhetherItIsNeededIsKnownAlsoAfterTheProcess) {
+  EXPECT_FALSE(EditedFile::isDoneWith(path_)) << "missing";
+  const auto file = *EditedFile::make(path_, 7);
+  EXPECT_TRUE(EditedFile::isDoneWith(path_)) << "nobody has recorded it yet";
+  file->keep();
+  EXPECT_FALSE(EditedFile::isDoneWith(path_));
+  file->markDoneWith();
+  EXPECT_TRUE(EditedFile::isDoneWith(path_));
+  EXPECT_TRUE(EditedFile::open(path_, 7)) << "which ends nothing";
+  file->keep(false);
+  EXPECT_TRUE(EditedFile::isDoneWith(path_));
+}
+
 TEST_F(EditedFileTest, ANumberIsNotTakenTwiceAndAMissingFileIsAnError) {
   const auto file = *EditedFile::make(path_, 7);
   EXPECT_TRUE(EditedFile::make(path_, 7).error().is(POSIX_ERROR_DOMAIN, EEXIST));

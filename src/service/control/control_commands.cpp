@@ -7,6 +7,7 @@
 
 #include "base/time.h"
 #include "fileprovider/error_codes.h"
+#include "service/contents/lost_and_found.h"
 #include "service/control/control_protocol.h"
 #include "service/control/control_text.h"
 #include "service/control/drain_operation.h"
@@ -219,11 +220,16 @@ json::Object ControlCommands::editStatus() const {
       if (rank(report) == wanted) list.push_back(editJSON(report, *parts_.edits, parts_.tree.replica()));
     }
   }
-  return {{"total", reports.size()},
-          {"sending", sending},
-          {"failing", failing},
-          {"local", local},
-          {"list", std::move(list)}};
+  json::Object status{{"total", reports.size()},
+                      {"sending", sending},
+                      {"failing", failing},
+                      {"local", local},
+                      {"list", std::move(list)}};
+  if (const auto lost = lostFiles(parts_.editedFiles).size(); lost > 0) {
+    status["lost"] = lost;
+    status["lost_in"] = controlText(lostAndFound(parts_.editedFiles));
+  }
+  return status;
 }
 
 void ControlCommands::drain(const std::shared_ptr<ControlReply>& reply) const {

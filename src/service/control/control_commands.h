@@ -47,6 +47,7 @@ class ControlCommands {
     std::function<void()> waitUntilShown;  // blocks until the folder shows what the tree knows
     std::function<void()> stop;
     std::string mountPath;
+    std::string editedFiles;  // the folder of the private files
     bool readOnly = false;
     int pid = 0;
   };

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -99,6 +100,7 @@ class ControlCommandsTest : public testing::Test {
                                                                          .waitUntilShown = [this] { ++shown_; },
                                                                          .stop = [this] { ++stops_; },
                                                                          .mountPath = "/home/ann/Vondle",
+                                                                         .editedFiles = folder_ + "/edits",
                                                                          .readOnly = true,
                                                                          .pid = 77});
     listing_->require(ROOT_INODE, {}, nullptr, [](const std::optional<Error>& error) { EXPECT_FALSE(error); });
@@ -342,6 +344,16 @@ TEST_F(ControlCommandsTest, StatusAndInfoTellWhatIsNotOnTheServerYet) {
   const auto info = ask({{"command", "info"}, {"inode", folder}})->result.value();
   EXPECT_EQ(json::text(*json::object(info, "edit"), "error"), "Vondle is full.");
   EXPECT_EQ(json::object(ask({{"command", "info"}, {"inode", inode("a")}})->result.value(), "edit"), nullptr);
+}
+
+TEST_F(ControlCommandsTest, StatusTellsOfContentsThatTheQueueDoesNotRemember) {
+  EXPECT_EQ(json::find(*json::object(*ask({{"command", "status"}})->result, "edits"), "lost"), nullptr);
+  std::filesystem::create_directory(folder_ + "/edits/lost+found");
+  std::ofstream(folder_ + "/edits/lost+found/7") << "draft";
+  const auto status = ask({{"command", "status"}})->result.value();
+  const auto* edits = json::object(status, "edits");
+  EXPECT_EQ(json::integer(*edits, "lost"), 1);
+  EXPECT_EQ(json::text(*edits, "lost_in"), folder_ + "/edits/lost+found");
 }
 
 TEST_F(ControlCommandsTest, DrainingTellsHowFarItIsAndWhatIsLeft) {
