@@ -150,7 +150,7 @@ class Run {
     for (const Inode folder : inodes()) {
       const auto attributes = *replica_->attributes(folder);
       known.attributes[folder] = {attributes.size, attributes.modified.secondsSince1970, attributes.capabilities,
-                                  attributes.fileSystemFlags, attributes.isFolder ? 0 : attributes.contentTag};
+                                  attributes.permissions, attributes.isFolder ? 0 : attributes.contentTag};
       if (!attributes.isListed) continue;
       known.listed.insert(folder);
       for (const auto& [name, child] : replica_->entries(folder, replica_->children(folder)))
@@ -247,7 +247,7 @@ class Run {
     for (const Inode inode : inodes()) {
       const auto a = *replica_->attributes(inode);
       lines[inode] = fmt::format("{} {} {} {} {} {} {} {} {} {}", *replica_->pathOf(inode), a.parent, a.isFolder,
-                                 a.isListed, a.size, a.modified.secondsSince1970, a.capabilities, a.fileSystemFlags,
+                                 a.isListed, a.size, a.modified.secondsSince1970, a.capabilities, a.permissions,
                                  a.keepDownloaded, a.contentTag);
     }
     return lines;

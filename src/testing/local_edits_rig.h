@@ -101,11 +101,11 @@ class LocalEditsRig : public testing::Test {
   }
   int createFile(const std::string& parent, const std::string& name, std::int64_t contents = 0) {
     return errorOf([&](auto answer) {
-      edits_->createFile(inode(parent), name, contents ? contents : ++contents_, false, std::move(answer));
+      edits_->createFile(inode(parent), name, contents ? contents : ++contents_, 0600, std::move(answer));
     });
   }
   int createFolder(const std::string& parent, const std::string& name) {
-    return errorOf([&](auto answer) { edits_->createFolder(inode(parent), name, std::move(answer)); });
+    return errorOf([&](auto answer) { edits_->createFolder(inode(parent), name, 0700, std::move(answer)); });
   }
   int rename(const std::string& from, const std::string& fromName, const std::string& to, const std::string& toName,
              bool mayReplace = true) {

@@ -9,9 +9,11 @@
 
 #include <array>
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <thread>
+#include <tuple>
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
@@ -184,15 +186,63 @@ TEST_F(MountWritingTest, AReadOnlyFileCanBeMadeAndFilledByItsMaker) {
   const Descriptor file(path("/object"), O_RDWR | O_CREAT | O_EXCL, 0444);
   ASSERT_GE(file, 0);
   EXPECT_EQ(put(file, "x"), 1);
-  EXPECT_EQ(statusOf("/object").st_mode & 0777, 0400U);
+  EXPECT_EQ(statusOf("/object").st_mode & 0777, 0444U);
 }
 
 TEST_F(MountWritingTest, AnExecutableStaysOne) {
   rig_.start();
   EXPECT_EQ(rig_.shell("printf '#!/bin/sh\\necho ran\\n' > script && chmod 755 script && ./script"), "ran\n");
-  EXPECT_EQ(statusOf("/script").st_mode & 0777, 0700U);
+  EXPECT_EQ(statusOf("/script").st_mode & 0777, 0755U);
   EXPECT_EQ(numberOf(::chmod(path("/script").c_str(), 0500)), 0);
   EXPECT_EQ(statusOf("/script").st_mode & 0777, 0500U);
+}
+
+TEST_F(MountWritingTest, PermissionsOfTheGroupAndOfOthersAreKept) {
+  serverHas("a", "contents");
+  rig_.start();
+  const auto before = ::umask(0);
+  for (const mode_t mode : {0640U, 0604U, 0777U}) {
+    const auto name = fmt::format("/{:o}", mode);
+    const Descriptor file(path(name), O_WRONLY | O_CREAT | O_EXCL, mode);
+    EXPECT_EQ(statusOf(name).st_mode & 0777, mode);
+    EXPECT_EQ(numberOf(::mkdir(path(name + "d").c_str(), mode)), 0);
+    EXPECT_EQ(statusOf(name + "d").st_mode & 0777, mode);
+  }
+  ::umask(before);
+  EXPECT_EQ(numberOf(::chmod(path("/a").c_str(), 0664)), 0);
+  EXPECT_EQ(numberOf(::chmod(path("/").c_str(), 0755)), 0);
+  EXPECT_EQ(textOf(path("/a")), "contents");
+  rig_.restart();
+  EXPECT_EQ(statusOf("/a").st_mode & 0777, 0664U);
+  EXPECT_EQ(statusOf("/604").st_mode & 0777, 0604U);
+  EXPECT_EQ(statusOf("/777d").st_mode & 0777, 0777U);
+  EXPECT_EQ(statusOf("/").st_mode & 0777, 0755U);
+}
+
+TEST_F(MountWritingTest, AFileThatReplacesAnotherBringsItsPermissions) {
+  serverHas("a", "contents");
+  rig_.start();
+  EXPECT_EQ(numberOf(::chmod(path("/a").c_str(), 0640)), 0);
+  {
+    const Descriptor file(path("/new"), O_WRONLY | O_CREAT, 0600);
+  }
+  EXPECT_EQ(numberOf(::rename(path("/new").c_str(), path("/a").c_str())), 0);
+  EXPECT_EQ(statusOf("/a").st_mode & 0777, 0600U);
+  rig_.restart();
+  EXPECT_EQ(statusOf("/a").st_mode & 0777, 0600U);
+}
+
+TEST_F(MountWritingTest, ExtendedAttributesAreNotSupportedAndSaySo) {
+  serverHas("a", "contents");
+  rig_.start();
+  const auto a = path("/a");
+  for (int i = 0; i < 2; ++i) {
+    char text[8];
+    EXPECT_EQ(numberOf(::setxattr(a.c_str(), "user.colour", "red", 3, 0)), ENOTSUP);
+    EXPECT_EQ(numberOf(static_cast<int>(::getxattr(a.c_str(), "user.colour", text, sizeof text))), ENOTSUP);
+    EXPECT_EQ(numberOf(static_cast<int>(::listxattr(a.c_str(), text, sizeof text))), ENOTSUP);
+    EXPECT_EQ(numberOf(::removexattr(a.c_str(), "user.colour")), ENOTSUP);
+  }
 }
 
 TEST_F(MountWritingTest, ALargeFileIsCopiedInAndOutWhole) {
@@ -359,6 +409,23 @@ TEST_F(MountWritingTest, RoomIsAllocatedAndHolesArePunched) {
   EXPECT_EQ(sizeOf("/a"), 8200);
   EXPECT_EQ(textAt(file, 10), std::string("01\0\0\000567\0\0", 10));
   EXPECT_EQ(numberOf(::fallocate(file, FALLOC_FL_COLLAPSE_RANGE, 0, 4096)), EOPNOTSUPP);
+}
+
+TEST_F(MountWritingTest, TheTopFolderWasModifiedWhenItWasMountedOrLaterChanged) {
+  const auto now = [] { return ::time(nullptr); };
+  const auto mounted = now();
+  serverHas("a", "contents");
+  rig_.start();
+  const auto shown = statusOf("/").st_mtim;
+  EXPECT_GE(shown.tv_sec, mounted);
+  EXPECT_LE(shown.tv_sec, now());
+  EXPECT_EQ(numberOf(::mkdir(path("/new").c_str(), 0700)), 0);
+  const auto changed = statusOf("/").st_mtim;
+  EXPECT_GT(std::tie(changed.tv_sec, changed.tv_nsec), std::tie(shown.tv_sec, shown.tv_nsec));
+  const timespec times[] = {{.tv_sec = 5, .tv_nsec = 0}, {.tv_sec = 1'234'567'890, .tv_nsec = 0}};
+  EXPECT_EQ(::utimensat(AT_FDCWD, path("/").c_str(), times, 0), 0);
+  rig_.restart();
+  EXPECT_EQ(statusOf("/").st_mtim.tv_sec, 1'234'567'890);
 }
 
 TEST_F(MountWritingTest, TimesAreWhatProgramsSet) {

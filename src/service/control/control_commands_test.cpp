@@ -132,7 +132,7 @@ class ControlCommandsTest : public testing::Test {
 
   // What programs do in the top folder.
   void makeFolder(const std::string& name) {
-    edits_->createFolder(ROOT_INODE, name, [](const Result<ItemAttributes>& made) { EXPECT_TRUE(made); });
+    edits_->createFolder(ROOT_INODE, name, 0700, [](const Result<ItemAttributes>& made) { EXPECT_TRUE(made); });
     scheduler_.runUntilIdle();
   }
   void remove(const std::string& name) {

@@ -68,10 +68,15 @@ struct Edit {
   friend bool operator==(const Edit&, const Edit&) = default;
 };
 
+// Of an item that only this machine has, when nobody has set others.
+[[nodiscard]] inline unsigned defaultPermissions(bool isFolder) {
+  return isFolder ? 0700 : 0600;
+}
+
 // What the service keeps of an item that no server knows of.
 struct LocalAttributes {
   ItemIdentifier item;
-  std::optional<std::uint32_t> permissions = std::nullopt;  // FileSystemFlags
+  std::optional<std::uint32_t> permissions = std::nullopt;  // 0 to 0777
   // Shown while the contents are still those with this tag.
   std::optional<Timestamp> modified = std::nullopt;
   std::uint64_t contentTag = 0;

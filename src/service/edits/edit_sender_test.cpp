@@ -132,7 +132,7 @@ class EditSenderTest : public testing::Test {
   void create(const std::string& path, std::string_view bytes = "") {
     const auto file = edited_->makeEmpty().value();
     put(*file, bytes);
-    edits_->createFile(folderOf(path), nameIn(path), file->number(), false, [&](const Result<ItemAttributes>& made) {
+    edits_->createFile(folderOf(path), nameIn(path), file->number(), 0600, [&](const Result<ItemAttributes>& made) {
       ASSERT_TRUE(made) << made.error().localizedDescription();
       edited_->keep(made->inode, file);
       edits_->touchContents(made->inode, file->size(), file->modified());
@@ -140,7 +140,7 @@ class EditSenderTest : public testing::Test {
     scheduler_.runUntilIdle();
   }
   void makeFolder(const std::string& path) {
-    edits_->createFolder(folderOf(path), nameIn(path), [&](const Result<ItemAttributes>& made) {
+    edits_->createFolder(folderOf(path), nameIn(path), 0700, [&](const Result<ItemAttributes>& made) {
       EXPECT_TRUE(made) << path << made.error().localizedDescription();
     });
     scheduler_.runUntilIdle();

@@ -11,7 +11,14 @@
 namespace vondle {
 namespace {
 
-constexpr std::int64_t VERSION = 1;  // PRAGMA user_version
+constexpr std::int64_t VERSION = 2;  // PRAGMA user_version
+
+// Version 1 knew of the owner's permissions alone, as 1 to execute, 2 to read and 4 to write.
+constexpr const char* FROM_VERSION_1 = R"(
+  UPDATE attributes
+  SET permissions = ((permissions & 1) << 6) | ((permissions & 2) << 7) | ((permissions & 4) << 5)
+  WHERE permissions IS NOT NULL
+)";
 
 constexpr const char* SCHEMA = R"(
   CREATE TABLE edit(
@@ -37,7 +44,7 @@ constexpr const char* SCHEMA = R"(
   ) STRICT;
   CREATE TABLE attributes(
     item TEXT PRIMARY KEY,
-    permissions INTEGER,
+    permissions INTEGER,             -- 0 to 0777
     modified REAL,
     content_tag INTEGER NOT NULL
   ) STRICT, WITHOUT ROWID;
@@ -111,10 +118,10 @@ Result<EditStore> EditStore::open(const std::string& path) {
 Result<void> EditStore::prepare() {
   const auto version = database_->userVersion();
   if (!version) return failure(version.error());
-  if (*version == 0) {
+  if (*version == 0 || *version == 1) {
     auto transaction = sqlite::Transaction::begin(*database_);
     if (!transaction) return failure(transaction.error());
-    if (auto made = database_->execute(SCHEMA); !made) return made;
+    if (auto made = database_->execute(*version == 0 ? SCHEMA : FROM_VERSION_1); !made) return made;
     if (auto set = database_->setUserVersion(VERSION); !set) return set;
     if (auto committed = transaction->commit(); !committed) return committed;
   } else if (*version != VERSION) {

@@ -90,7 +90,7 @@ TEST_F(EditStoreTest, AnItemPassesFromOneEditToAnother) {
 }
 
 TEST_F(EditStoreTest, AttributesAreKept) {
-  const LocalAttributes one{{"x"}, 5, Timestamp{1.5}, 0xffff'ffff'ffff'fff0};
+  const LocalAttributes one{{"x"}, 0754, Timestamp{1.5}, 0xffff'ffff'ffff'fff0};
   const LocalAttributes other{{"y"}, std::nullopt, std::nullopt, 0};
   {
     auto store = open();
@@ -100,6 +100,24 @@ TEST_F(EditStoreTest, AttributesAreKept) {
   EXPECT_THAT(*store.attributes(), testing::UnorderedElementsAre(one, other));
   store.write({{}, {}, {}, {{"x"}}});
   EXPECT_THAT(*store.attributes(), ElementsAre(other));
+}
+
+TEST_F(EditStoreTest, PermissionsOfAnOlderProgramAreTakenOver) {
+  {
+    auto store = open();
+    store.write(batch({edit(1, "x")}));
+    store.write(
+        {{}, {}, {{{"a"}, 7U}, {{"b"}, 2U}, {{"c"}, 6U}, {{"d"}, 3U}, {{"e"}, std::nullopt, Timestamp{1.5}, 9}}, {}});
+    auto database = sqlite::Database::open(path());
+    ASSERT_TRUE(database->setUserVersion(1));
+  }
+  const std::vector<LocalAttributes> expected{
+      {{"a"}, 0700U}, {{"b"}, 0400U}, {{"c"}, 0600U}, {{"d"}, 0500U}, {{"e"}, std::nullopt, Timestamp{1.5}, 9}};
+  for (int i = 0; i < 2; ++i) {
+    auto store = open();
+    EXPECT_THAT(*store.attributes(), testing::UnorderedElementsAreArray(expected));
+    EXPECT_THAT(*store.edits(), ElementsAre(edit(1, "x")));
+  }
 }
 
 TEST_F(EditStoreTest, NoIdIsGivenTwiceEvenAfterARestart) {
@@ -167,13 +185,13 @@ TEST_F(EditStoreTest, ADatabaseOfANewerProgramIsAnErrorAndStays) {
   }
   {
     auto database = sqlite::Database::open(path());
-    ASSERT_TRUE(database->setUserVersion(2));
+    ASSERT_TRUE(database->setUserVersion(3));
   }
   const auto opened = EditStore::open(path());
   ASSERT_FALSE(opened);
   EXPECT_THAT(opened.error().description, HasSubstr("newer"));
   auto database = sqlite::Database::open(path());
-  ASSERT_TRUE(database->setUserVersion(1));
+  ASSERT_TRUE(database->setUserVersion(2));
   EXPECT_THAT(*open().edits(), ElementsAre(edit(1, "x")));
 }
 

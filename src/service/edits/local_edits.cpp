@@ -171,23 +171,24 @@ Result<void> LocalEdits::sync() {
 
 // --- What programs do ---
 
-void LocalEdits::createFile(Inode folder, std::string name, std::int64_t contents, bool isExecutable, Made completion) {
-  perform(std::move(completion), [folder, name = std::move(name), contents, isExecutable](LocalEdits& self) {
+void LocalEdits::createFile(Inode folder, std::string name, std::int64_t contents, unsigned permissions,
+                            Made completion) {
+  perform(std::move(completion), [folder, name = std::move(name), contents, permissions](LocalEdits& self) {
     Edit edit = self.newEdit();
     edit.contents = contents;
-    return self.make(folder, name, std::move(edit), isExecutable);
+    return self.make(folder, name, std::move(edit), permissions);
   });
 }
 
-void LocalEdits::createFolder(Inode folder, std::string name, Made completion) {
-  perform(std::move(completion), [folder, name = std::move(name)](LocalEdits& self) {
+void LocalEdits::createFolder(Inode folder, std::string name, unsigned permissions, Made completion) {
+  perform(std::move(completion), [folder, name = std::move(name), permissions](LocalEdits& self) {
     Edit edit = self.newEdit();
     edit.isFolder = true;
-    return self.make(folder, name, std::move(edit), false);
+    return self.make(folder, name, std::move(edit), permissions);
   });
 }
 
-Result<ItemAttributes> LocalEdits::make(Inode folder, const std::string& name, Edit edit, bool isExecutable) {
+Result<ItemAttributes> LocalEdits::make(Inode folder, const std::string& name, Edit edit, unsigned permissions) {
   const auto parent = replica_.attributes(folder);
   if (!parent) return refused(ENOENT);
   if (!parent->isFolder) return refused(ENOTDIR);
@@ -207,9 +208,8 @@ Result<ItemAttributes> LocalEdits::make(Inode folder, const std::string& name, E
     edit = std::move(*former);
     noteContentsChange(edit);
   }
-  if (isExecutable)
-    plan.edits.attributes.push_back(
-        {edit.item, USER_READABLE | USER_WRITABLE | USER_EXECUTABLE, std::nullopt, std::uint64_t{0}});
+  if (permissions != defaultPermissions(edit.isFolder))
+    plan.edits.attributes.push_back({edit.item, permissions, std::nullopt, std::uint64_t{0}});
   plan.shown.push_back(edit.id);
   plan.edits.edits.push_back(edit);
   if (auto done = commit(plan); !done) return failure(done.error());
@@ -414,17 +414,13 @@ void LocalEdits::setModified(Inode inode, Timestamp modified, Made completion) {
   });
 }
 
-void LocalEdits::setPermissions(Inode inode, bool isWritable, bool isExecutable, Made completion) {
-  perform(std::move(completion), [inode, isWritable, isExecutable](LocalEdits& self) {
-    return self.setAttributes(inode, [&](LocalAttributes& attributes) {
-      attributes.permissions =
-          USER_READABLE | (isWritable ? USER_WRITABLE : 0U) | (isExecutable ? USER_EXECUTABLE : 0U);
-    });
+void LocalEdits::setPermissions(Inode inode, unsigned permissions, Made completion) {
+  perform(std::move(completion), [inode, permissions](LocalEdits& self) {
+    return self.setAttributes(inode, [&](LocalAttributes& attributes) { attributes.permissions = permissions; });
   });
 }
 
 Result<ItemAttributes> LocalEdits::setAttributes(Inode inode, const std::function<void(LocalAttributes&)>& set) {
-  if (inode == ROOT_INODE) return refused(EBUSY);
   const auto identifier = replica_.identifierOf(inode);
   if (!identifier) return refused(ENOENT);
   auto attributes = replica_.localAttributesOf(*identifier).value_or(LocalAttributes{.item = *identifier});

@@ -38,9 +38,9 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
   // What programs do. The folders must be listed (Filesystem sees to it), names are local names. EEXIST, ENOENT,
   // ENOTDIR, EISDIR, ENOTEMPTY, EACCES (the server says that it is not for us to change), EINVAL (below itself).
 
-  // An empty file with the private file of this number as its contents.
-  void createFile(Inode folder, std::string name, std::int64_t contents, bool isExecutable, Made completion);
-  void createFolder(Inode folder, std::string name, Made completion);
+  // An empty file with the private file of this number as its contents. Permissions: 0 to 0777.
+  void createFile(Inode folder, std::string name, std::int64_t contents, unsigned permissions, Made completion);
+  void createFolder(Inode folder, std::string name, unsigned permissions, Made completion);
   // What stands at the new place is replaced, if that is allowed; a file that replaces one takes its identity over: for
   // the server it is the same item with new contents.
   void rename(Inode fromFolder, std::string fromName, Inode toFolder, std::string toName, bool mayReplace,
@@ -57,8 +57,8 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
   void describeContents(EditID id, std::int64_t size, Timestamp modified);
   // Shown instead of what the server says until the contents change there.
   void setModified(Inode inode, Timestamp modified, Made completion);
-  // Kept here; the server knows nothing of it.
-  void setPermissions(Inode inode, bool isWritable, bool isExecutable, Made completion);
+  // Kept here; the server knows nothing of them. 0 to 0777.
+  void setPermissions(Inode inode, unsigned permissions, Made completion);
   // After it, what was recorded before survives power loss.
   void makeDurable(Done completion);
 
@@ -135,7 +135,7 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
   void syncSoon();
   Result<void> sync();
 
-  Result<ItemAttributes> make(Inode folder, const std::string& name, Edit edit, bool isExecutable);
+  Result<ItemAttributes> make(Inode folder, const std::string& name, Edit edit, unsigned permissions);
   Result<void> moveTo(const ItemAttributes& item, const std::string& fromName, const ItemAttributes& toFolder,
                       const std::string& toName, bool mayReplace);
   Result<void> remove(Inode folder, const std::string& name, bool isFolder);

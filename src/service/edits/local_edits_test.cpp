@@ -47,10 +47,10 @@ TEST_F(LocalEditsTest, ANewFileIsShownAndWaitsToBeSent) {
 
 TEST_F(LocalEditsTest, AnExecutableFileStaysExecutable) {
   buildTree();
-  errorOf([&](auto answer) { edits_->createFile(inode("a"), "run", 7, true, std::move(answer)); });
-  EXPECT_TRUE(attributes(at("/A/run")).fileSystemFlags & USER_EXECUTABLE);
+  errorOf([&](auto answer) { edits_->createFile(inode("a"), "run", 7, 0750, std::move(answer)); });
+  EXPECT_EQ(attributes(at("/A/run")).permissions, 0750U);
   restart();
-  EXPECT_TRUE(attributes(at("/A/run")).fileSystemFlags & USER_EXECUTABLE);
+  EXPECT_EQ(attributes(at("/A/run")).permissions, 0750U);
 }
 
 TEST_F(LocalEditsTest, NewFoldersHoldNewFilesAtOnce) {
@@ -72,7 +72,7 @@ TEST_F(LocalEditsTest, WhatCannotBeMadeSaysWhy) {
   EXPECT_EQ(createFile("x", "f"), ENOTDIR);
   EXPECT_EQ(createFile("c", "f"), EACCES);
   EXPECT_EQ(createFolder("c", "f"), EACCES);
-  EXPECT_EQ(errorOf([&](auto answer) { edits_->createFile(9999, "f", 1, false, std::move(answer)); }), ENOENT);
+  EXPECT_EQ(errorOf([&](auto answer) { edits_->createFile(9999, "f", 1, 0600, std::move(answer)); }), ENOENT);
   EXPECT_EQ(createFile(ROOT, std::string(256, 'n')), ENAMETOOLONG);
   EXPECT_EQ(createFile(ROOT, std::string(255, 'n')), 0);
   EXPECT_EQ(createFile(ROOT, "%=plain"), EINVAL);
@@ -214,19 +214,45 @@ TEST_F(LocalEditsTest, NewContentsAreMadeFromThoseThatWereSeen) {
 TEST_F(LocalEditsTest, TimesAndPermissionsThatTheServerDoesNotKeepAreKeptHere) {
   buildTree();
   errorOf([&](auto answer) { edits_->setModified(inode("x"), {5}, std::move(answer)); });
-  errorOf([&](auto answer) { edits_->setPermissions(inode("x"), false, true, std::move(answer)); });
+  errorOf([&](auto answer) { edits_->setPermissions(inode("x"), 0554, std::move(answer)); });
   restart();
   news({file("x", "a", "x.txt")});
   EXPECT_EQ(attributes(inode("x")).modified.secondsSince1970, 5);
-  EXPECT_EQ(attributes(inode("x")).fileSystemFlags, std::uint32_t{USER_READABLE | USER_EXECUTABLE});
+  EXPECT_EQ(attributes(inode("x")).permissions, 0554U);
   EXPECT_EQ(edits_->pendingCount(), 0U);
   auto newer = file("x", "a", "x.txt", 2);
   newer.contentModificationDate = Timestamp{77};
   news({newer});
   EXPECT_EQ(attributes(inode("x")).modified.secondsSince1970, 77);
-  EXPECT_EQ(attributes(inode("x")).fileSystemFlags, std::uint32_t{USER_READABLE | USER_EXECUTABLE});
-  EXPECT_EQ(errorOf([&](auto answer) { edits_->setModified(ROOT_INODE, {5}, std::move(answer)); }), EBUSY);
+  EXPECT_EQ(attributes(inode("x")).permissions, 0554U);
+  EXPECT_EQ(errorOf([&](auto answer) { edits_->setModified(ROOT_INODE, {5}, std::move(answer)); }), 0);
+  EXPECT_EQ(errorOf([&](auto answer) { edits_->setPermissions(ROOT_INODE, 0755, std::move(answer)); }), 0);
+  restart();
+  EXPECT_EQ(attributes(ROOT_INODE).modified.secondsSince1970, 5);
+  EXPECT_EQ(attributes(ROOT_INODE).permissions, 0755U);
   EXPECT_EQ(errorOf([&](auto answer) { edits_->setModified(9999, {5}, std::move(answer)); }), ENOENT);
+}
+
+TEST_F(LocalEditsTest, AFileMadeWhereOneWasDeletedHasItsOwnPermissions) {
+  buildTree();
+  errorOf([&](auto answer) { edits_->setPermissions(inode("x"), 0644, std::move(answer)); });
+  removeFile("a", "x.txt");
+  createFile("a", "x.txt", 7);
+  EXPECT_EQ(identifierAt("/A/x.txt"), "x");
+  EXPECT_EQ(attributes(inode("x")).permissions, 0600U);
+  restart();
+  EXPECT_EQ(attributes(inode("x")).permissions, 0600U);
+}
+
+TEST_F(LocalEditsTest, AFileThatReplacesAnotherBringsItsPermissions) {
+  buildTree();
+  errorOf([&](auto answer) { edits_->setPermissions(inode("x"), 0644, std::move(answer)); });
+  createFile("a", "temporary", 7);
+  rename("a", "temporary", "a", "x.txt");
+  EXPECT_EQ(identifierAt("/A/x.txt"), "x");
+  EXPECT_EQ(attributes(inode("x")).permissions, 0600U);
+  restart();
+  EXPECT_EQ(attributes(inode("x")).permissions, 0600U);
 }
 
 // --- Identity ---

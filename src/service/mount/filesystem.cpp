@@ -29,7 +29,8 @@ Filesystem::Filesystem(Tree& tree, FolderListing& listing, ContentStore& content
       listing_(listing),
       clock_(clock),
       used_(std::move(used)),
-      lastUse_(clock.monotonic().sinceStart.count()) {}
+      lastUse_(clock.monotonic().sinceStart.count()),
+      rootModified_(clock.now().secondsSince1970) {}
 
 bool Filesystem::begin(FuseRequest& request) {
   lastUse_ = clock_.monotonic().sinceStart.count();
@@ -98,15 +99,13 @@ void Filesystem::noteEdited(Inode inode) {
 }
 
 NodeAttributes Filesystem::nodeOf(const ItemAttributes& item) const {
-  unsigned permissions = 0;
-  if (item.fileSystemFlags & USER_READABLE) permissions |= 0400;
-  if (item.fileSystemFlags & USER_WRITABLE) permissions |= 0200;
-  if (item.fileSystemFlags & USER_EXECUTABLE) permissions |= 0100;
   NodeAttributes node{.inode = item.inode,
                       .isFolder = item.isFolder,
                       .size = item.size,
                       .modified = item.modified,
-                      .permissions = permissions};
+                      .permissions = item.permissions};
+  // No server tells of the top folder.
+  if (item.inode == ROOT_INODE && item.modified == Timestamp()) node.modified = {rootModified_};
   if (const auto file = edited_ && !item.isFolder ? edited_->find(item.inode) : nullptr) {
     node.size = file->size();
     node.modified = file->modified();
@@ -418,6 +417,8 @@ void Filesystem::contentsSettled(Inode inode, std::optional<std::uint64_t> tag) 
 std::vector<ReplicaChange> Filesystem::apply(const std::vector<ReplicaChange>& changes) {
   std::vector<ReplicaChange> now;
   std::vector<Inode> changedOpen;
+  if (std::ranges::any_of(changes, [](const ReplicaChange& change) { return change.parent == ROOT_INODE; }))
+    rootModified_ = clock_.now().secondsSince1970;
   {
     MutexLock hold(lock_);
     for (const auto& change : changes) {

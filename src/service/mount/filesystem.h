@@ -132,6 +132,7 @@ class Filesystem : public FuseHandler, public std::enable_shared_from_this<Files
   const std::function<void()> used_;
   std::function<void(std::vector<ReplicaChange>)> later_;
   std::atomic<std::int64_t> lastUse_;
+  std::atomic<double> rootModified_;  // when what is in it changed last, or it was mounted
   std::atomic<bool> isClosed_ = false;
 
   Mutex lock_;

@@ -19,7 +19,7 @@ struct OpenMode {
 
 // What a program wants changed; what is absent stays.
 struct AttributeChange {
-  std::optional<unsigned> permissions;  // of the owner: 0 to 0700
+  std::optional<unsigned> permissions;  // 0 to 0777
   std::optional<std::int64_t> size;
   std::optional<timespec> modified;  // UTIME_NOW means now
 };

@@ -19,7 +19,7 @@ struct NodeAttributes {
   bool isFolder = false;
   std::int64_t size = 0;
   Timestamp modified;
-  unsigned permissions = 0;  // of the owner: 0 to 0700
+  unsigned permissions = 0;  // 0 to 0777
   bool isGone = false;       // no name leads to it any more
 };
 

@@ -67,7 +67,7 @@ OpenMode modeOf(const fuse_file_info* info) {
 
 AttributeChange changeOf(const struct stat& wanted, int fields) {
   AttributeChange change;
-  if (fields & FUSE_SET_ATTR_MODE) change.permissions = wanted.st_mode & S_IRWXU;
+  if (fields & FUSE_SET_ATTR_MODE) change.permissions = wanted.st_mode & ACCESSPERMS;
   if (fields & FUSE_SET_ATTR_SIZE) change.size = wanted.st_size;
   if (fields & FUSE_SET_ATTR_MTIME) change.modified = wanted.st_mtim;
   if (fields & FUSE_SET_ATTR_MTIME_NOW) change.modified = timespec{.tv_sec = 0, .tv_nsec = UTIME_NOW};
@@ -271,14 +271,14 @@ fuse_lowlevel_ops FuseChannel::operations() {
 
 void FuseChannel::addChanges(fuse_lowlevel_ops& ops) {
   ops.create = [](fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode, fuse_file_info* info) {
-    of(request).handler_.create(wrap(request), parent, name, mode & S_IRWXU, modeOf(info), !(info->flags & O_EXCL));
+    of(request).handler_.create(wrap(request), parent, name, mode & ACCESSPERMS, modeOf(info), !(info->flags & O_EXCL));
   };
   ops.mknod = [](fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode, dev_t) {
     if (!S_ISREG(mode)) return wrap(request).fail(EPERM);
-    of(request).handler_.makeFile(wrap(request), parent, name, mode & S_IRWXU);
+    of(request).handler_.makeFile(wrap(request), parent, name, mode & ACCESSPERMS);
   };
   ops.mkdir = [](fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode) {
-    of(request).handler_.makeFolder(wrap(request), parent, name, mode & S_IRWXU);
+    of(request).handler_.makeFolder(wrap(request), parent, name, mode & ACCESSPERMS);
   };
   ops.unlink = [](fuse_req_t request, fuse_ino_t parent, const char* name) {
     of(request).handler_.removeFile(wrap(request), parent, name);

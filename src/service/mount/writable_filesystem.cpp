@@ -13,9 +13,6 @@
 namespace vondle {
 namespace {
 
-constexpr unsigned WRITABLE = 0200;
-constexpr unsigned EXECUTABLE = 0100;
-
 // 0 or the number for errno of a name that nothing can have.
 int numberForName(const std::string& name) {
   const auto problem = nameProblem(name);
@@ -109,29 +106,13 @@ void WritableFilesystem::make(FuseRequest request, Inode folder, std::string nam
                                                                                        FuseRequest ready) mutable {
                    auto file = listed.edited_->makeEmpty();
                    if (!file) return std::move(ready).fail(errorNumber(file.error()));
-                   listed.edits_->createFile(
-                       folder, std::move(name), (*file)->number(), (permissions & EXECUTABLE) != 0,
-                       [self = listed.self(), request = std::move(ready), file = *file, permissions,
-                        made = std::move(made)](const Result<ItemAttributes>& item) mutable {
-                         if (!item) return made(*self, std::move(request), item);
-                         self->edited_->keep(item->inode, file);
-                         self->withPermissions(std::move(request), *item, permissions, std::move(made));
-                       });
+                   listed.edits_->createFile(folder, std::move(name), (*file)->number(), permissions,
+                                             [self = listed.self(), request = std::move(ready), file = *file,
+                                              made = std::move(made)](const Result<ItemAttributes>& item) mutable {
+                                               if (item) self->edited_->keep(item->inode, file);
+                                               made(*self, std::move(request), item);
+                                             });
                  });
-}
-
-// A new item can be written to, and is executable as it was made.
-void WritableFilesystem::withPermissions(FuseRequest request, const ItemAttributes& item, unsigned permissions,
-                                         Made made) {
-  const bool isWritable = (permissions & WRITABLE) != 0;
-  const bool isExecutable = (permissions & EXECUTABLE) != 0;
-  if (isWritable == ((item.fileSystemFlags & USER_WRITABLE) != 0) &&
-      isExecutable == ((item.fileSystemFlags & USER_EXECUTABLE) != 0))
-    return made(*this, std::move(request), item);
-  edits_->setPermissions(
-      item.inode, isWritable, isExecutable,
-      [self = self(), request = std::move(request), made = std::move(made)](
-          const Result<ItemAttributes>& changed) mutable { made(*self, std::move(request), changed); });
 }
 
 void WritableFilesystem::answerCreated(FuseRequest request, const ItemAttributes& item, OpenMode mode) {
@@ -161,16 +142,10 @@ void WritableFilesystem::makeFolder(FuseRequest request, Inode folder, std::stri
   whenListedHere(std::move(request), folder,
                  [folder, name = std::move(name), permissions](WritableFilesystem& listed, FuseRequest ready) mutable {
                    listed.edits_->createFolder(
-                       folder, std::move(name),
-                       [self = listed.self(), request = std::move(ready),
-                        permissions](const Result<ItemAttributes>& made) mutable {
+                       folder, std::move(name), permissions,
+                       [self = listed.self(), request = std::move(ready)](const Result<ItemAttributes>& made) mutable {
                          if (!made) return std::move(request).fail(errorNumber(made.error()));
-                         self->withPermissions(
-                             std::move(request), *made, permissions,
-                             [](WritableFilesystem& here, FuseRequest done, const Result<ItemAttributes>& item) {
-                               if (!item) return std::move(done).fail(errorNumber(item.error()));
-                               std::move(done).answerEntry(here.nodeOf(*item));
-                             });
+                         std::move(request).answerEntry(self->nodeOf(*made));
                        });
                  });
 }
@@ -372,12 +347,14 @@ void WritableFilesystem::changeSize(FuseRequest request, Inode inode, AttributeC
 
 void WritableFilesystem::changePermissions(FuseRequest request, Inode inode, const AttributeChange& change) {
   const auto item = tree_.replica().attributes(inode);
-  if (!change.permissions || !item) return changeModified(std::move(request), inode, change);
-  withPermissions(std::move(request), *item, *change.permissions,
-                  [inode, change](WritableFilesystem& self, FuseRequest done, const Result<ItemAttributes>& result) {
-                    if (!result) return std::move(done).fail(errorNumber(result.error()));
-                    self.changeModified(std::move(done), inode, change);
-                  });
+  if (!change.permissions || !item || item->permissions == *change.permissions)
+    return changeModified(std::move(request), inode, change);
+  edits_->setPermissions(
+      inode, *change.permissions,
+      [self = self(), request = std::move(request), inode, change](const Result<ItemAttributes>& result) mutable {
+        if (!result) return std::move(request).fail(errorNumber(result.error()));
+        self->changeModified(std::move(request), inode, change);
+      });
 }
 
 void WritableFilesystem::changeModified(FuseRequest request, Inode inode, const AttributeChange& change) {

@@ -51,7 +51,6 @@ class WritableFilesystem final : public Filesystem {
   void whenKeptOpen(FuseRequest request, Inode inode, Next next);
 
   void make(FuseRequest request, Inode folder, std::string name, unsigned permissions, Made made);
-  void withPermissions(FuseRequest request, const ItemAttributes& item, unsigned permissions, Made made);
   void answerCreated(FuseRequest request, const ItemAttributes& item, OpenMode mode);
   void openExisting(FuseRequest request, Inode folder, const std::string& name, OpenMode mode);
   void answerOpened(FuseRequest request, Inode inode, OpenMode mode);

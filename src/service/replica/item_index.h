@@ -29,8 +29,8 @@ class ItemIndex {
     std::uint64_t contentTag = 0;
     std::int64_t size = 0;
     double modified = 0;
+    std::uint16_t permissions = 0;
     std::uint8_t capabilities = 0;
-    std::uint8_t fileSystemFlags = 0;
     bool isFolder : 1 = false;
     bool isListed : 1 = false;
     bool keepDownloaded : 1 = false;

@@ -19,8 +19,8 @@ ItemIndex::Facts factsOf(const ReplicaStore::Row& row) {
   return {.contentTag = TreeState::contentTag(row.identifier, row.contentVersion),
           .size = row.isFolder ? 0 : std::max<std::int64_t>(0, row.size),
           .modified = row.modified,
+          .permissions = TreeState::permissionsOf(row.fileSystemFlags),
           .capabilities = static_cast<std::uint8_t>(row.capabilities),
-          .fileSystemFlags = static_cast<std::uint8_t>(row.fileSystemFlags),
           .isFolder = row.isFolder,
           .isListed = row.isListed,
           .keepDownloaded = row.contentPolicy == ContentPolicy::downloadEagerlyAndKeepDownloaded};

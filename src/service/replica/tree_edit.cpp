@@ -13,7 +13,7 @@ constexpr auto NONE = ItemIndex::NONE;
 
 bool lookTheSame(const ItemIndex::Facts& a, const ItemIndex::Facts& b) {
   return a.size == b.size && a.modified == b.modified && a.capabilities == b.capabilities &&
-         a.fileSystemFlags == b.fileSystemFlags && a.keepDownloaded == b.keepDownloaded;
+         a.permissions == b.permissions && a.keepDownloaded == b.keepDownloaded;
 }
 
 // Containers are not items, an identifier must fit, and those of this machine are not the server's to give.

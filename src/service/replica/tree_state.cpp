@@ -1,5 +1,7 @@
 #include "service/replica/tree_state.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cmath>
 #include <string>
@@ -40,10 +42,16 @@ ItemIndex::Facts TreeState::factsOf(const Item& item) {
   return {.contentTag = contentTag(item.itemIdentifier.text, item.itemVersion.contentVersion),
           .size = item.isFolder() ? 0 : std::max<std::int64_t>(0, item.documentSize.value_or(0)),
           .modified = std::isfinite(modified) ? modified : 0,
+          .permissions = permissionsOf(item.fileSystemFlags),
           .capabilities = static_cast<std::uint8_t>(item.capabilities),
-          .fileSystemFlags = static_cast<std::uint8_t>(item.fileSystemFlags),
           .isFolder = item.isFolder(),
           .keepDownloaded = item.contentPolicy == ContentPolicy::downloadEagerlyAndKeepDownloaded};
+}
+
+std::uint16_t TreeState::permissionsOf(std::uint32_t fileSystemFlags) {
+  return static_cast<std::uint16_t>((fileSystemFlags & USER_READABLE ? S_IRUSR : 0U) |
+                                    (fileSystemFlags & USER_WRITABLE ? S_IWUSR : 0U) |
+                                    (fileSystemFlags & USER_EXECUTABLE ? S_IXUSR : 0U));
 }
 
 std::uint64_t TreeState::privateContentTag(std::int64_t number) {
@@ -59,7 +67,7 @@ void TreeState::applyEdits(std::string_view identifier, ItemIndex::Facts& facts)
   }
   const LocalAttributes* kept = edits.attributesOf(identifier);
   if (!kept) return;
-  if (kept->permissions) facts.fileSystemFlags = static_cast<std::uint8_t>(*kept->permissions);
+  if (kept->permissions) facts.permissions = static_cast<std::uint16_t>(*kept->permissions);
   if (kept->modified && kept->contentTag == facts.contentTag) facts.modified = kept->modified->secondsSince1970;
 }
 
@@ -68,9 +76,9 @@ ItemIndex::Facts TreeState::factsOf(const Edit& edit) const {
   item.itemIdentifier = edit.item;
   item.contentType = edit.isFolder ? FOLDER_CONTENT_TYPE : GENERIC_DATA_CONTENT_TYPE;
   item.capabilities = LOCAL_CAPABILITIES;
-  item.fileSystemFlags = USER_READABLE | USER_WRITABLE | (edit.isFolder ? USER_EXECUTABLE : 0U);
   item.contentModificationDate = edit.isFolder ? edit.changedAt : edit.modified;
   auto facts = factsOf(item);
+  facts.permissions = static_cast<std::uint16_t>(defaultPermissions(edit.isFolder));
   // Nobody else knows of what is in it.
   facts.isListed = edit.isFolder && (edit.fields & EDIT_CREATED) != 0;
   applyEdits(edit.item.text, facts);
@@ -93,7 +101,9 @@ Item TreeState::itemOf(Slot slot) const {
     item.documentSize = facts.size;
   }
   item.capabilities = facts.capabilities;
-  item.fileSystemFlags = facts.fileSystemFlags;
+  item.fileSystemFlags = (facts.permissions & S_IRUSR ? USER_READABLE : 0U) |
+                         (facts.permissions & S_IWUSR ? USER_WRITABLE : 0U) |
+                         (facts.permissions & S_IXUSR ? USER_EXECUTABLE : 0U);
   item.contentModificationDate = Timestamp{facts.modified};
   return item;
 }
@@ -114,7 +124,7 @@ ItemAttributes TreeState::attributesOf(Slot slot) const {
           .size = facts.size,
           .modified = {facts.modified},
           .capabilities = facts.capabilities,
-          .fileSystemFlags = facts.fileSystemFlags,
+          .permissions = facts.permissions,
           .keepDownloaded = facts.keepDownloaded,
           .contentTag = facts.contentTag};
 }

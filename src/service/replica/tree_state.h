@@ -26,8 +26,8 @@ struct ItemAttributes {
   bool isListed = false;  // of a folder: all its children are here
   std::int64_t size = 0;
   Timestamp modified;
-  std::uint32_t capabilities = 0;     // ItemCapabilities
-  std::uint32_t fileSystemFlags = 0;  // FileSystemFlags
+  std::uint32_t capabilities = 0;  // ItemCapabilities
+  unsigned permissions = 0;        // 0 to 0777
   bool keepDownloaded = false;
   std::uint64_t contentTag = 0;  // changes with the content version, and differs between items
 };
@@ -58,6 +58,8 @@ struct TreeState {
   void forgetNames(ItemIndex::Slot slot);
 
   static ItemIndex::Facts factsOf(const Item& item);
+  // Of the owner, the only one that a server's item tells of.
+  static std::uint16_t permissionsOf(std::uint32_t fileSystemFlags);
   static std::uint64_t contentTag(std::string_view identifier, std::string_view contentVersion);
   // Of what programs wrote into the private file of this number.
   static std::uint64_t privateContentTag(std::int64_t number);
