@@ -540,6 +540,8 @@ std::int64_t LocalEdits::settleEdit(TreeEdit& tree, Edit edit, const Edit& sent,
       tree.knowContents(inode);
       keepModified(tree, inode, saved);
     }
+    const auto* kept = tree.state().edits.attributesOf(item.itemIdentifier.text);
+    if (wasNew && edit.isFolder && kept && kept->modified) keepModified(tree, inode, saved);
   }
   edit.serverPlace = serverPlace;
   if (!isPlaced) edit.place = serverPlace;

@@ -695,6 +695,21 @@ TEST_F(LocalEditsTest, ASentFolderTakesWhatIsInItAlong) {
   EXPECT_EQ(edit("/A/new/in").place.folder.text, "n");
 }
 
+TEST_F(LocalEditsTest, ANewFolderKeepsItsTimeAndPermissionsWhenItIsOnTheServer) {
+  buildTree();
+  errorOf([&](auto answer) { edits_->createFolder(inode("a"), "new", 0750, std::move(answer)); });
+  errorOf([&](auto answer) { edits_->setModified(at("/A/new"), {5}, std::move(answer)); });
+  auto made = folder("n", "a", "new");
+  made.contentModificationDate = Timestamp{77};
+  succeeded(beginSending("/A/new"), EDIT_CREATED, saved(made));
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(attributes(inode("n")).modified.secondsSince1970, 5);
+    EXPECT_EQ(attributes(inode("n")).permissions, 0750U);
+    news({made});
+    restart();
+  }
+}
+
 TEST_F(LocalEditsTest, NewsFasterThanTheAnswerLeavesNoTrace) {
   buildTree();
   createFile("a", "new", 7);
