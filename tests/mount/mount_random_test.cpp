@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <deque>
 #include <future>
+#include <numeric>
 #include <random>
 #include <utility>
 
@@ -17,7 +19,7 @@ namespace vondle {
 namespace {
 
 // Does to a file in the mounted folder what it does to a text in memory, which must stay the same. Meanwhile the file
-// is sent now and then, is evicted, and is closed and opened.
+// is sent now and then, is evicted, and is closed and opened, and the service ends and starts again.
 class RandomWrites {
  public:
   static constexpr std::int64_t LIMIT = 256 << 10;
@@ -32,39 +34,24 @@ class RandomWrites {
 
   // One act; its name.
   std::string act() {
-    switch (below(19)) {
-      case 0:
-      case 1:
-      case 2:
-        return write();
-      case 3:
-        return append();
-      case 4:
-      case 5:
-        return writeMapped();
-      case 6:
-        return truncate();
-      case 7:
-        return allocate();
-      case 8:
-        return punch();
-      case 9:
-        return beginSending();
-      case 10:
-        return endSending();
-      case 11:
-        return reopen();
-      case 12:
-        return synchronise();
-      case 13:
-        return readMapped();
-      case 14:
-        return endSending();
-      case 15:
-        return evict();
-      default:
-        return read();
-    }
+    struct Choice {
+      std::int64_t weight;
+      std::string (RandomWrites::*act)();
+    };
+    // Those with small weights take long: they start a process, wait for the disk, or mount.
+    static constexpr Choice CHOICES[] = {
+        {600, &RandomWrites::read},        {400, &RandomWrites::write},      {100, &RandomWrites::append},
+        {200, &RandomWrites::truncate},    {100, &RandomWrites::allocate},   {100, &RandomWrites::zero},
+        {60, &RandomWrites::beginSending}, {100, &RandomWrites::endSending}, {60, &RandomWrites::evict},
+        {100, &RandomWrites::reopen},      {60, &RandomWrites::compareSize}, {60, &RandomWrites::writeMapped},
+        {30, &RandomWrites::readMapped},   {10, &RandomWrites::synchronise}, {2, &RandomWrites::remount},
+    };
+    static constexpr auto ALL = std::accumulate(std::begin(CHOICES), std::end(CHOICES), std::int64_t{0},
+                                                [](auto sum, const Choice& choice) { return sum + choice.weight; });
+    auto number = below(ALL);
+    const auto* choice = std::begin(CHOICES);
+    while (number >= choice->weight) number -= choice++->weight;
+    return (this->*choice->act)();
   }
 
   // As others see it.
@@ -87,7 +74,10 @@ class RandomWrites {
   std::int64_t size() const { return static_cast<std::int64_t>(expected_.size()); }
   std::string someText(std::int64_t size) {
     std::string text(static_cast<std::size_t>(size), '\0');
-    for (auto& c : text) c = static_cast<char>('a' + below(26));
+    // A piece and its repetitions, of a length that no block has.
+    const auto piece = std::min<std::size_t>(text.size(), 61);
+    for (std::size_t i = 0; i < piece; ++i) text[i] = static_cast<char>('a' + below(26));
+    for (std::size_t i = piece; i < text.size(); ++i) text[i] = text[i - piece];
     return text;
   }
   void expect(std::int64_t offset, const std::string& text) {
@@ -95,8 +85,8 @@ class RandomWrites {
     expected_.replace(offset, text.size(), text);
   }
 
-  void open() {
-    descriptor_ = ::open(path_.c_str(), O_RDWR | O_CREAT, 0600);
+  void open(int flags = 0) {
+    descriptor_ = ::open(path_.c_str(), O_RDWR | O_CREAT | flags, 0600);
     EXPECT_GE(descriptor_, 0);
   }
 
@@ -146,12 +136,13 @@ class RandomWrites {
     if (!keepsSize && offset + length > size()) expected_.resize(offset + length);
     return fmt::format("allocate {} {} {}", offset, length, keepsSize);
   }
-  std::string punch() {
+  std::string zero() {
     const auto offset = below(LIMIT / 2);
     const auto length = 1 + below(50'000);
-    EXPECT_EQ(::fallocate(descriptor_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, offset, length), 0);
+    const int how = below(2) == 0 ? FALLOC_FL_PUNCH_HOLE : FALLOC_FL_ZERO_RANGE;
+    EXPECT_EQ(::fallocate(descriptor_, how | FALLOC_FL_KEEP_SIZE, offset, length), 0);
     for (auto i = offset; i < std::min(offset + length, size()); ++i) expected_[i] = '\0';
-    return fmt::format("punch {} {}", offset, length);
+    return fmt::format("{} {} {}", how == FALLOC_FL_PUNCH_HOLE ? "punch" : "zero", offset, length);
   }
   std::string read() {
     const auto offset = below(LIMIT);
@@ -162,6 +153,12 @@ class RandomWrites {
     text.resize(std::max<ssize_t>(count, 0));
     EXPECT_TRUE(text == there);
     return fmt::format("read {} {}", offset, text.size());
+  }
+  std::string compareSize() {
+    struct stat status{};
+    EXPECT_EQ(below(2) == 0 ? ::fstat(descriptor_, &status) : ::stat(path_.c_str(), &status), 0);
+    EXPECT_EQ(status.st_size, size());
+    return "stat";
   }
   std::string readMapped() {
     if (size() == 0) return "no mapping";
@@ -218,8 +215,20 @@ class RandomWrites {
   std::string evict() { return rig_.contents->evict(inode()) ? "not evicted" : "evicted"; }
   std::string reopen() {
     ::close(descriptor_);
+    if (below(8) > 0) return open(), "reopen";
+    open(O_TRUNC);
+    expected_.clear();
+    return "reopen empty";
+  }
+  // Perhaps in the middle of sending, of which nobody knows afterwards what became of it.
+  std::string remount() {
+    ::close(descriptor_);
+    const bool isSending = outgoing_.has_value();
+    outgoing_.reset();
+    sent_.reset();
+    rig_.restart();
     open();
-    return "reopen";
+    return isSending ? "remount while sending" : "remount";
   }
   std::string synchronise() {
     EXPECT_EQ(::fsync(descriptor_), 0);
@@ -250,23 +259,25 @@ std::uint64_t numberFromEnvironment(const char* name, std::uint64_t otherwise) {
   return text ? std::strtoull(text, nullptr, 10) : otherwise;
 }
 
-// VONDLE_RANDOM_WRITES acts from the seed VONDLE_SEED.
+// VONDLE_RANDOM_WRITES acts from the seed VONDLE_SEED. A million take minutes.
 TEST(MountRandomTest, AFileStaysWhatItWouldBeOnALocalDisk) {
-  const auto acts = numberFromEnvironment("VONDLE_RANDOM_WRITES", 2'000);
+  const auto acts = numberFromEnvironment("VONDLE_RANDOM_WRITES", 20'000);
   const auto seed = numberFromEnvironment("VONDLE_SEED", 1);
   ScratchFolder scratch;
   MountRig rig(scratch);
   rig.makeWritable();
   rig.start();
   RandomWrites writes(rig, seed);
-  std::vector<std::string> log;
+  std::deque<std::string> last;
   for (std::uint64_t i = 0; i < acts && !testing::Test::HasFailure(); ++i) {
-    log.push_back(writes.act());
-    if (i % 16 == 0) writes.compareAll();
+    last.push_back(fmt::format("{} {}", i, writes.act()));
+    if (last.size() > 40) last.pop_front();
+    if (i % 64 == 0) writes.compareAll();
   }
   writes.compareAll();
-  if (testing::Test::HasFailure())
-    for (std::size_t i = log.size() < 20 ? 0 : log.size() - 20; i < log.size(); ++i) fmt::print("{} {}\n", i, log[i]);
+  if (!testing::Test::HasFailure()) return;
+  fmt::print("seed {}, the last acts:\n", seed);
+  for (const auto& act : last) fmt::print("{}\n", act);
 }
 
 }  // namespace
