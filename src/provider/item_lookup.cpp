@@ -9,6 +9,7 @@
 #include "config/containers.h"
 #include "fileprovider/error_codes.h"
 #include "items/vondle_item.h"
+#include "provider/shared_listings.h"
 #include "state/item_cache.h"
 
 namespace vondle {
@@ -30,12 +31,11 @@ void parentPath(const ProviderServices& services, const std::string& id,
 
 void findChild(const ProviderServices& services, std::string name, std::string folderID,
                Completion<std::optional<Entry>> completion) {
-  services.api.browse(std::move(folderID), [services, name = std::move(name), completion = std::move(completion)](
-                                               Result<std::vector<Entry>> entries) mutable {
+  services.listings.list(folderID, [name = std::move(name), completion = std::move(completion)](
+                                       const SharedListings::Entries& entries) mutable {
     if (!entries) return std::move(completion)(std::nullopt);
-    services.cache.store(*entries);
     const auto found = std::ranges::find(*entries, name, &Entry::name);
-    std::move(completion)(found == entries->end() ? std::nullopt : std::optional(std::move(*found)));
+    std::move(completion)(found == entries->end() ? std::nullopt : std::optional(*found));
   });
 }
 

@@ -18,7 +18,8 @@ namespace vondle {
 void parentPath(const ProviderServices& services, const std::string& id,
                 Completion<std::optional<std::string>> completion);
 
-// The first entry of the folder whose name is exactly this; none when there is none or the listing fails.
+// The first entry whose name is exactly this in a listing of the folder that is asked for after the call, see
+// SharedListings; none when there is none or the listing fails.
 void findChild(const ProviderServices& services, std::string name, std::string folderID,
                Completion<std::optional<Entry>> completion);
 

@@ -21,6 +21,7 @@ Process::Process(const Platform& platform, const ServerDirectory& directory)
       resume_(platform.files, platform.clock),
       api_(platform.urlLoading, platform.clock, config_, vondleClientHeader(platform.bundle)),
       cache_(*api_, platform.clock),
+      listings_(*api_, *cache_),
       gate_(platform.scheduler.global()),
       thumbs_(platform.clock, platform.scheduler, platform.files, platform.random, platform.urlLoading,
               platform.previews),
@@ -41,6 +42,7 @@ ProviderServices Process::services() {
           platform_.clock,
           *pending_,
           *transfers_,
+          listings_,
           {*api_, *transfers_, *resume_, *thumbs_, *largeUpload_, *limits_, platform_.files, platform_.scheduler,
            platform_.random}};
 }

@@ -12,6 +12,7 @@
 #include "platform/platform.h"
 #include "preview/client_thumb.h"
 #include "provider/provider_services.h"
+#include "provider/shared_listings.h"
 #include "provider/vondle_file_provider.h"
 #include "state/cursor.h"
 #include "state/item_cache.h"
@@ -59,6 +60,7 @@ class Process {
   SharedInstance<MultipartResume> resume_;
   SharedInstance<VondleAPI> api_;
   SharedInstance<ItemCache> cache_;
+  SharedListings listings_;
   SharedInstance<ListingGate> gate_;
   SharedInstance<ClientThumb> thumbs_;
   SharedInstance<ThrottledTransfer> transfers_;  // last: its end answers operations, which use the others

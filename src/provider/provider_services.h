@@ -7,6 +7,7 @@ namespace vondle {
 
 class Clock;
 class Pending;
+class SharedListings;
 class ThrottledTransfer;
 
 // What the extension's operations work with. A value of references: what they name must outlive every operation.
@@ -14,6 +15,7 @@ struct ProviderServices : ItemServices {
   const Clock& clock;
   Pending& pending;
   ThrottledTransfer& transfers;
+  SharedListings& listings;
   UploadServices upload;
 };
 
