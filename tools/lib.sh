@@ -5,7 +5,8 @@ PACKAGES_build="g++ cmake ninja-build ccache pkg-config git libcurl4-openssl-dev
   libavutil-dev libswscale-dev libseccomp-dev shared-mime-info ca-certificates"
 PACKAGES_try="libnss-wrapper imagemagick curl rsync git vim"
 PACKAGES_test="$PACKAGES_try openssl sqlite3 python3 uidmap gnome-keyring dbus dbus-daemon libsecret-tools ffmpeg libvips-tools
-  libheif-examples libjxl-tools libimage-exiftool-perl"
+  libheif-examples libjxl-tools libimage-exiftool-perl nano make"
+PACKAGES_office="libreoffice-writer-nogui"
 PACKAGES_check="clang-19 clang-tidy-19 clang-format-19 libclang-rt-19-dev"
 PACKAGES_tsan="clang-19 libclang-rt-19-dev"
 PACKAGES_fuzz="clang-19 libclang-rt-19-dev"
