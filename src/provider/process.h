@@ -29,8 +29,8 @@ namespace vondle {
 // The extension's process: owns what its parts share, in the order in which they need each other. A program makes one;
 // each test makes its own. The platform must outlive it. Before it ends, the service must be gone and the scheduler's
 // threads must stand still; what still runs on the network is then answered with a cancellation. What waits for the
-// scheduler or a preview is not, as an upload does between two tries: a program leaves with _exit instead, at any moment,
-// and what lets an upload go on is on disk by then.
+// scheduler or a preview is not, as an upload does between two tries: a program leaves with _exit instead, at any
+// moment, and what lets an upload go on is on disk by then.
 class Process {
  public:
   explicit Process(const Platform& platform, const ServerDirectory& directory = ServerDirectory::ofThisBuild());
