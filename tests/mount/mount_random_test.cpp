@@ -19,7 +19,8 @@ namespace vondle {
 namespace {
 
 // Does to a file in the mounted folder what it does to a text in memory, which must stay the same. Meanwhile the file
-// is sent now and then, is evicted, and is closed and opened, and the service ends and starts again.
+// is sent now and then, is evicted, and is changed by another device, is closed and opened, and the service ends and
+// starts again.
 class RandomWrites {
  public:
   static constexpr std::int64_t LIMIT = 256 << 10;
@@ -40,11 +41,12 @@ class RandomWrites {
     };
     // Those with small weights take long: they start a process, wait for the disk, or mount.
     static constexpr Choice CHOICES[] = {
-        {600, &RandomWrites::read},        {400, &RandomWrites::write},      {100, &RandomWrites::append},
-        {200, &RandomWrites::truncate},    {100, &RandomWrites::allocate},   {100, &RandomWrites::zero},
-        {60, &RandomWrites::beginSending}, {100, &RandomWrites::endSending}, {60, &RandomWrites::evict},
-        {100, &RandomWrites::reopen},      {60, &RandomWrites::compareSize}, {60, &RandomWrites::writeMapped},
-        {30, &RandomWrites::readMapped},   {10, &RandomWrites::synchronise}, {2, &RandomWrites::remount},
+        {600, &RandomWrites::read},           {400, &RandomWrites::write},      {100, &RandomWrites::append},
+        {200, &RandomWrites::truncate},       {100, &RandomWrites::allocate},   {100, &RandomWrites::zero},
+        {60, &RandomWrites::beginSending},    {100, &RandomWrites::endSending}, {60, &RandomWrites::evict},
+        {100, &RandomWrites::reopen},         {60, &RandomWrites::compareSize}, {60, &RandomWrites::writeMapped},
+        {30, &RandomWrites::readMapped},      {10, &RandomWrites::synchronise}, {2, &RandomWrites::remount},
+        {60, &RandomWrites::changeElsewhere},
     };
     static constexpr auto ALL = std::accumulate(std::begin(CHOICES), std::end(CHOICES), std::int64_t{0},
                                                 [](auto sum, const Choice& choice) { return sum + choice.weight; });
@@ -211,6 +213,16 @@ class RandomWrites {
     const auto outcome = saved.get_future().get();
     rig_.edited->endSending(outgoing, outcome, true);
     return outcome.isContentsDone ? "sent" : "sent, and more to send";
+  }
+  // By another device, when nothing of ours is in the way.
+  std::string changeElsewhere() {
+    const auto isEdited = [&] { return outgoing_ || rig_.edits->ofItem(inode()); };
+    // The kernel may still have pages of a mapping to write.
+    if (isEdited() || ::fsync(descriptor_) != 0 || isEdited()) return "not changed elsewhere";
+    expected_ = someText(below(LIMIT));
+    rig_.announce({rig_.extension.addFile("1", ROOT_CONTAINER.text, "file", expected_, ++version_)});
+    compareSize();
+    return fmt::format("changed elsewhere {}", expected_.size());
   }
   std::string evict() { return rig_.contents->evict(inode()) ? "not evicted" : "evicted"; }
   std::string reopen() {
