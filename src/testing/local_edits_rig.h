@@ -131,6 +131,14 @@ class LocalEditsRig : public testing::Test {
     scheduler_.runUntilIdle();
     return begun;
   }
+  int noteAttempt(const Edit& sent) {
+    return errorOf([&](auto answer) {
+      edits_->noteAttempt(sent.id, {sent.place, sent.contents, sent.generation}, std::move(answer));
+    });
+  }
+  int forgetAttempt(EditID id) {
+    return errorOf([&](auto answer) { edits_->forgetAttempt(id, std::move(answer)); });
+  }
   // Of the item that is seen at the place.
   Edit beginSending(const std::string& path) { return beginSending(edit(path).id).value_or(Edit()); }
   LocalEdits::Outcome succeeded(const Edit& sent, std::uint32_t fields, SavedItem answer) {

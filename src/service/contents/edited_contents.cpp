@@ -208,6 +208,10 @@ Result<void> EditedContents::openEdits() {
   lastNumber_ = std::max({static_cast<std::int64_t>(clock_.now().secondsSince1970 * 1000),
                           left->empty() ? 0 : *left->rbegin(), lost.empty() ? 0 : *lost.rbegin()});
   for (const auto& edit : edits_->pending()) {
+    if (edit.attempt) {
+      left->erase(edit.attempt->contents);
+      lastNumber_ = std::max(lastNumber_.load(), edit.attempt->contents);
+    }
     if (edit.contents == 0) continue;
     lastNumber_ = std::max(lastNumber_.load(), edit.contents);
     if (left->erase(edit.contents) == 0 && lost.contains(edit.contents)) bringBack(folder_, edit.contents);
@@ -219,12 +223,30 @@ Result<void> EditedContents::openEdits() {
     keep(edits_->inodeOf(edit.id), *file);
     edits_->describeContents(edit.id, (*file)->size(), (*file)->modified());
   }
+  for (const auto& edit : edits_->pending())
+    if (edit.attempt && edit.attempt->contents != 0) keepAsSent(edit);
   for (const auto number : *left)
     if (!setAside(folder_, number)) slog.error("a file that no change names stays in %{public}@", pathOf(number));
   if (const auto count = lostFiles(folder_).size(); count > 0)
     slog.error("%d file(s) of changes that the queue does not know are kept in %{public}@", count,
                lostAndFound(folder_));
   return {};
+}
+
+void EditedContents::keepAsSent(const Edit& edit) {
+  const auto number = edit.attempt->contents;
+  const Inode inode = edits_->inodeOf(edit.id);
+  auto file = edit.contents == number ? find(inode) : nullptr;
+  if (!file)
+    if (auto opened = EditedFile::open(pathOf(number), number)) file = *opened;
+  if (!file || !file->freeze()) return;
+  const auto attributes = tree_.replica().attributes(inode);
+  MutexLock hold(lock_);
+  sending_[number] = {.file = file,
+                      .inode = inode,
+                      .contentTag = attributes ? attributes->contentTag : 0,
+                      .isSuspended = true,
+                      .claims = {}};
 }
 
 std::string EditedContents::pathOf(std::int64_t number) const {
@@ -309,7 +331,8 @@ std::optional<std::uint64_t> EditedContents::tagWhileSending(std::int64_t number
 void EditedContents::startAfterSending(std::int64_t number, const std::shared_ptr<Claim>& claim) {
   {
     MutexLock hold(lock_);
-    if (const auto found = sending_.find(number); found != sending_.end()) return found->second.claims.push_back(claim);
+    if (const auto found = sending_.find(number); found != sending_.end() && !found->second.isSuspended)
+      return found->second.claims.push_back(claim);
   }
   copies_->post([claim] { claim->start(); });
 }
@@ -383,18 +406,26 @@ std::optional<Timestamp> EditedContents::busyUntil(Inode inode, Duration settle,
 Result<EditedContents::Outgoing> EditedContents::beginSending(std::int64_t number, const std::string& filename) {
   std::shared_ptr<EditedFile> file;
   Inode inode = 0;
+  bool isCurrent = false, isAsSent = false;
   {
     MutexLock hold(lock_);
     if (const auto found = inodes_.find(number); found != inodes_.end()) {
+      isCurrent = true;
       inode = found->second;
       file = files_.at(inode);
+    }
+    if (const auto found = sending_.find(number); found != sending_.end()) {
+      isAsSent = true;
+      file = found->second.file;
     }
   }
   // One that is there is about to be told of.
   if (!file) return failure(Error::posix(::access(pathOf(number).c_str(), F_OK) == 0 ? EBUSY : ENOENT, pathOf(number)));
   const auto attributes = tree_.replica().attributes(inode);
-  if (tellOfChange(inode)) return failure(Error::posix(EBUSY, "the file was written to just now"));
-  if (!attributes || !file->freeze()) return failure(Error::posix(EBUSY, "the file is being written to"));
+  if (!isAsSent) {
+    if (tellOfChange(inode)) return failure(Error::posix(EBUSY, "the file was written to just now"));
+    if (!attributes || !file->freeze()) return failure(Error::posix(EBUSY, "the file is being written to"));
+  }
   Outgoing outgoing{.path = fmt::format("{}{}/{}{}", folder_, SENDING, number, extensionOf(filename)),
                     .number = number,
                     .size = file->size(),
@@ -402,15 +433,37 @@ Result<EditedContents::Outgoing> EditedContents::beginSending(std::int64_t numbe
   ::unlink(outgoing.path.c_str());
   if (::link(file->path().c_str(), outgoing.path.c_str()) != 0) {
     const int errorNumber = errno;
-    file->thaw();
+    if (!isAsSent) file->thaw();
     return failure(Error::posix(errorNumber, outgoing.path));
   }
   {
     MutexLock hold(lock_);
-    sending_[number] = {.file = file, .inode = inode, .contentTag = attributes->contentTag, .claims = {}};
+    if (isAsSent)
+      sending_.at(number).isSuspended = false;
+    else
+      sending_[number] = {
+          .file = file, .inode = inode, .contentTag = attributes->contentTag, .isSuspended = false, .claims = {}};
   }
-  contents_->noteSending(inode, true);
+  if (isCurrent) contents_->noteSending(inode, true);
   return outgoing;
+}
+
+void EditedContents::suspendSending(const Outgoing& outgoing) {
+  ::unlink(outgoing.path.c_str());
+  Inode inode = 0;
+  bool isCurrent = false;
+  std::vector<std::shared_ptr<Claim>> claims;
+  {
+    MutexLock hold(lock_);
+    const auto found = sending_.find(outgoing.number);
+    if (found == sending_.end()) return;
+    inode = found->second.inode;
+    isCurrent = inodes_.contains(outgoing.number);
+    found->second.isSuspended = true;
+    claims = std::exchange(found->second.claims, {});
+  }
+  if (isCurrent) contents_->noteSending(inode, false);
+  startAll(claims);
 }
 
 void EditedContents::endSending(const Outgoing& outgoing, const LocalEdits::Outcome& outcome,
@@ -467,6 +520,10 @@ void EditedContents::sendingEnded(std::int64_t number) {
     MutexLock hold(lock_);
     if (auto ended = sending_.extract(number)) claims = std::move(ended.mapped().claims);
   }
+  startAll(claims);
+}
+
+void EditedContents::startAll(const std::vector<std::shared_ptr<Claim>>& claims) {
   for (const auto& claim : claims) copies_->post([claim] { claim->start(); });
 }
 

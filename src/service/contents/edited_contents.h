@@ -80,12 +80,17 @@ class EditedContents : public std::enable_shared_from_this<EditedContents> {
     Timestamp modified;
   };
   // From here to endSending the file does not change: who writes gets a copy. EBUSY while it is being written to,
-  // ENOENT when it is missing.
+  // ENOENT when it is missing. Also for one that a suspended sending, or a queue's edit at the start (see Attempt),
+  // left as it was sent.
   Result<Outgoing> beginSending(std::int64_t number, const std::string& filename) EXCLUDES(lock_);
   // When the contents are done with (see LocalEdits::Outcome) and the server has just these bytes, the file becomes the
   // item's downloaded copy; when it has others, it goes; else it can be written to again.
   void endSending(const Outgoing& outgoing, const LocalEdits::Outcome& outcome, bool serverHasTheseBytes)
       EXCLUDES(lock_);
+
+  // Nobody knows whether the server has them. The file stays as it is until it is sent again, or asked after; one whose
+  // edit is dropped meanwhile, by news, goes at the next start.
+  void suspendSending(const Outgoing& outgoing) EXCLUDES(lock_);
 
   // Called on any thread when the contents of an item are the server's again: with their tag when they are what was
   // here, without it when programs see others from now on.
@@ -104,7 +109,8 @@ class EditedContents : public std::enable_shared_from_this<EditedContents> {
   struct Sending {
     std::shared_ptr<EditedFile> file;
     Inode inode = 0;
-    std::uint64_t contentTag = 0;                // of the item, as it was when it began
+    std::uint64_t contentTag = 0;  // of the item, as it was when it began
+    bool isSuspended = false;
     std::vector<std::shared_ptr<Claim>> claims;  // that go on when it has ended
   };
 
@@ -126,6 +132,8 @@ class EditedContents : public std::enable_shared_from_this<EditedContents> {
   // The file is no longer the inode's contents, if it is.
   void letGo(Inode inode, const std::shared_ptr<EditedFile>& file, std::optional<std::uint64_t> tag) EXCLUDES(lock_);
   void sendingEnded(std::int64_t number) EXCLUDES(lock_);
+  void keepAsSent(const Edit& edit) EXCLUDES(lock_);
+  void startAll(const std::vector<std::shared_ptr<Claim>>& claims);
   void removeLater(const std::shared_ptr<EditedFile>& file) EXCLUDES(lock_);
   void removeNow() EXCLUDES(lock_);
   int sync(const std::shared_ptr<EditedFile>& file);

@@ -279,6 +279,41 @@ TEST_F(EditedContentsTest, AFileThatCouldNotBeSentIsWrittenToAgain) {
   EXPECT_FALSE(std::filesystem::exists(outgoing.path));
 }
 
+TEST_F(EditedContentsTest, AFileThatMayHaveArrivedStaysAsItWasSent) {
+  for (const bool restarts : {false, true}) {
+    auto file = get();
+    write(*file, restarts ? "AGAINxxx" : "CONTENTS");
+    const auto sentText = textOf(file->path());
+    auto outgoing = beginSending(file->number());
+    const auto sent = beginEdit();
+    edits_->noteAttempt(sent.id, {sent.place, sent.contents, sent.generation},
+                        [](const Result<void>& noted) { EXPECT_TRUE(noted); });
+    scheduler_.runUntilIdle();
+    if (restarts) {
+      file.reset();
+      stop();
+      start();
+      EXPECT_TRUE(edited_->find(inode_)->isFrozen());
+    } else {
+      edited_->suspendSending(outgoing);
+      edits_->abandonSending(sent.id);
+    }
+    EXPECT_FALSE(std::filesystem::exists(outgoing.path));
+    EXPECT_EQ(store_->state(inode_), ContentState::edited);
+    const auto copy = get();
+    EXPECT_NE(copy->number(), sent.contents);
+    write(*copy, "written");
+    scheduler_.advance(EditedContents::REMOVAL_DELAY);
+    outgoing = *edited_->beginSending(sent.contents, "a.txt");
+    EXPECT_EQ(textOf(outgoing.path), sentText);
+    const auto outcome = succeed(sent, extension_.addFile("11", ROOT, "a.txt", sentText, restarts ? 3 : 2));
+    edited_->endSending(outgoing, outcome, true);
+    scheduler_.advance(EditedContents::REMOVAL_DELAY);
+    EXPECT_EQ(edited_->find(inode_), copy) << "which is still to be sent";
+    EXPECT_THAT(files(), ElementsAre(std::to_string(copy->number())));
+  }
+}
+
 TEST_F(EditedContentsTest, WhatIsWrittenToOrMissingIsNotSent) {
   const auto file = get();
   {

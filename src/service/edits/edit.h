@@ -19,8 +19,8 @@ enum EditedFields : std::uint32_t {
   EDIT_CREATED = 1,   // the server does not know the item at all
   EDIT_PLACED = 2,    // renamed or moved
   EDIT_CONTENTS = 4,  // new contents
-  EDIT_DELETED = 8,   // alone: the user sees the item no more. A local one was being sent when it was deleted: should
-                      // it turn out to be on the server, it is to be deleted there.
+  EDIT_DELETED = 8,   // alone: the user sees the item no more. A local one may have been sent before it was deleted:
+                      // should it turn out to be on the server, it is to be deleted there.
 };
 
 // A folder and the server name of something in it.
@@ -35,6 +35,15 @@ inline constexpr std::string_view LOCAL_IDENTIFIER_PREFIX = "com.ferrow.vondle.l
 [[nodiscard]] inline bool isLocal(const ItemIdentifier& identifier) {
   return identifier.text.starts_with(LOCAL_IDENTIFIER_PREFIX);
 }
+
+// What was begun to be sent and may have reached the server: nobody knows, because the answer was lost or this process
+// ended first. Until that is found out, the private file stays as it was sent.
+struct Attempt {
+  Place place;                  // where the item was to be
+  std::int64_t contents = 0;    // the number of the private file; 0: none were sent
+  std::int64_t generation = 0;  // of the edit then
+  friend bool operator==(const Attempt&, const Attempt&) = default;
+};
 
 // All that one item has that the server has not: there is at most one for an item, and what happens to the item
 // meanwhile changes it, so that ten saves and two renamings go up as one of each. A value; the truth is in EditStore.
@@ -61,6 +70,7 @@ struct Edit {
   Timestamp changedAt;                  // when programs changed it last
 
   // Of sending it.
+  std::optional<Attempt> attempt;
   int attempts = 0;  // that failed since programs changed it last
   std::optional<Timestamp> nextTry;
   std::string lastError;  // what a person reads; empty: none

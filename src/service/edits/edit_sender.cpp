@@ -40,8 +40,6 @@ Duration EditSender::retryDelay(int failures) {
 
 std::shared_ptr<EditSender> EditSender::make(Parts parts) {
   const std::shared_ptr<EditSender> sender(new EditSender(std::move(parts)));
-  const auto pending = sender->parts_.services.edits->pending();
-  if (!pending.empty()) sender->lastOfEarlierRuns_ = pending.back().id;
   sender->parts_.services.edits->onChange([weak = std::weak_ptr(sender)] {
     if (const auto self = weak.lock()) self->planSoon();
   });
@@ -154,11 +152,8 @@ void EditSender::startMore() {
 
 void EditSender::begin(const QueuedEdit& queued, const SendDecision& decision) {
   const auto& edit = queued.edit;
-  const SendTask task{.edit = edit.id,
-                      .generation = edit.generation,
-                      .step = decision.step,
-                      .isAside = decision.isAside,
-                      .looksFirst = edit.attempts > 0 || edit.id <= lastOfEarlierRuns_};
+  const SendTask task{
+      .edit = edit.id, .generation = edit.generation, .step = decision.step, .isAside = decision.isAside};
   const auto operation =
       std::make_shared<SendOperation>(parts_.services, queue_, task, [weak = weak_from_this()](SendResult result) {
         if (const auto self = weak.lock()) self->ended(std::move(result));

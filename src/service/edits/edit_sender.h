@@ -134,7 +134,6 @@ class EditSender : public std::enable_shared_from_this<EditSender> {
   // Used on the queue alone.
   bool isStarted_ = false;
   bool isStopped_ = false;
-  EditID lastOfEarlierRuns_ = 0;
   std::deque<std::pair<QueuedEdit, SendDecision>> backlog_;
   std::uint64_t outages_ = 0;
   std::vector<Completion<std::size_t>> drains_;

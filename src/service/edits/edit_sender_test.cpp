@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -28,9 +29,11 @@ namespace {
 
 using testing::Contains;
 using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
+using testing::UnorderedElementsAre;
 
 const std::string ROOT = ROOT_CONTAINER.text;
 
@@ -177,6 +180,39 @@ class EditSenderTest : public testing::Test {
   }
   static LocalEdits::Done expectDone(const std::string& what) {
     return [what](const Result<void>& done) { EXPECT_TRUE(done) << what; };
+  }
+
+  // These are sent and arrive, but the answers are lost and the server is out of reach from then on; with or without a
+  // restart after it. Its news has come, though.
+  void loseAnswers(const std::vector<std::string>& names, bool restarts) {
+    extension_->holdAnswers();
+    settle();
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      extension_->loseNextAnswer(Error(URL_ERROR_DOMAIN, URL_NETWORK_CONNECTION_LOST, "lost"));
+      ASSERT_TRUE(extension_->letOneGo());
+    }
+    extension_->letAnswersGo();
+    extension_->failListings(unreachable());
+    scheduler_.runUntilIdle();
+    if (restarts) {
+      end();
+      begin();
+    }
+    for (const auto& name : names) tree_->applyUpdates({*extension_->itemNamed(name)}, [] {});
+    scheduler_.runUntilIdle();
+  }
+  // Nothing is left to be sent, and the folder shows what the server has.
+  void expectOnlyOnServer(const std::vector<std::string>& wanted) {
+    extension_->failListings(std::nullopt);
+    sender_->sendNow();
+    scheduler_.advance(seconds(10));
+    EXPECT_THAT(server(), ElementsAreArray(wanted));
+    EXPECT_EQ(edits_->pendingCount(), 0U) << onlyError();
+    edits_->listAgain(ROOT_CONTAINER);
+    scheduler_.runUntilIdle();
+    list(ROOT);
+    const auto isAtTop = [](const std::string& path) { return !path.substr(0, path.size() - 1).contains('/'); };
+    EXPECT_EQ(replica_->children(ROOT_INODE).size(), static_cast<std::size_t>(std::ranges::count_if(wanted, isAtTop)));
   }
 
   // Until nothing is left to do without waiting for a retry.
@@ -609,6 +645,150 @@ TEST_F(EditSenderTest, ACreationThatTheEndOfTheServiceCutOffIsFoundAgain) {
   EXPECT_EQ(edits_->pendingCount(), 0U);
   EXPECT_EQ(replica_->children(ROOT_INODE).size(), 1U);
 }
+
+TEST_F(EditSenderTest, WhatMayHaveArrivedIsShownOnce) {
+  begin();
+  create("a.txt", "hello");
+  makeFolder("d");
+  loseAnswers({"a.txt", "d"}, true);
+  EXPECT_THAT(server(), ElementsAre("a.txt=hello", "d/"));
+  EXPECT_EQ(replica_->children(ROOT_INODE).size(), 2U) << "and what the server has is not shown beside it";
+  const auto file = at("a.txt");
+  expectOnlyOnServer({"a.txt=hello", "d/"});
+  EXPECT_EQ(at("a.txt"), file);
+  EXPECT_THAT(changes(), UnorderedElementsAre("create a.txt", "create d")) << "nothing is made twice";
+}
+
+// What programs did with it before anybody found out that it had arrived.
+class UncertainEditTest : public EditSenderTest, public testing::WithParamInterface<bool> {};
+
+TEST_P(UncertainEditTest, ANewFileThatIsWrittenToIsTheSameFile) {
+  begin();
+  create("a.txt", "hello");
+  loseAnswers({"a.txt"}, GetParam());
+  write("a.txt", "hello again");
+  expectOnlyOnServer({"a.txt=hello again"});
+  EXPECT_THAT(changes(), ElementsAre("create a.txt", "contents a.txt"));
+}
+
+TEST_P(UncertainEditTest, ANewFileThatIsRenamedIsRenamedThere) {
+  begin();
+  create("a.txt", "hello");
+  loseAnswers({"a.txt"}, GetParam());
+  move("a.txt", "b.txt");
+  create("a.txt", "another");
+  expectOnlyOnServer({"a.txt=another", "b.txt=hello"});
+}
+
+TEST_P(UncertainEditTest, ANewFileThatIsDeletedIsDeletedThere) {
+  begin();
+  create("a.txt", "hello");
+  loseAnswers({"a.txt"}, GetParam());
+  remove("a.txt");
+  EXPECT_EQ(at("a.txt"), 0U);
+  expectOnlyOnServer({});
+}
+
+TEST_P(UncertainEditTest, ANewFileThatIsDeletedAndMadeAgainIsTheSameFile) {
+  begin();
+  create("a.txt", "hello");
+  loseAnswers({"a.txt"}, GetParam());
+  remove("a.txt");
+  create("a.txt", "again");
+  expectOnlyOnServer({"a.txt=again"});
+}
+
+TEST_P(UncertainEditTest, ANewFileThatReplacesAnotherReplacesItThere) {
+  extension_->addFile("1", ROOT, "b.txt", "old");
+  begin();
+  create("a.txt", "hello");
+  loseAnswers({"a.txt"}, GetParam());
+  move("a.txt", "b.txt");
+  expectOnlyOnServer({"b.txt=hello"});
+}
+
+TEST_P(UncertainEditTest, ANewFolderThatIsRenamedIsRenamedThere) {
+  begin();
+  makeFolder("d");
+  loseAnswers({"d"}, GetParam());
+  move("d", "e");
+  create("d", "a file");
+  expectOnlyOnServer({"d=a file", "e/"});
+}
+
+TEST_P(UncertainEditTest, ANewFolderThatIsDeletedIsDeletedThere) {
+  begin();
+  makeFolder("d");
+  loseAnswers({"d"}, GetParam());
+  removeFolder("d");
+  expectOnlyOnServer({});
+}
+
+TEST_P(UncertainEditTest, WhatOthersPutIntoTheNewFolderShowsUp) {
+  begin();
+  makeFolder("d");
+  loseAnswers({"d"}, GetParam());
+  extension_->addFile("9", extension_->itemNamed("d")->itemIdentifier.text, "theirs", "x");
+  expectOnlyOnServer({"d/", "d/theirs=x"});
+  list(extension_->itemNamed("d")->itemIdentifier.text);
+  EXPECT_NE(at("d/theirs"), 0U);
+}
+
+TEST_P(UncertainEditTest, NewContentsDoNotClashWithEarlierOnesOfOurs) {
+  extension_->addFile("1", ROOT, "a.txt", "old");
+  begin();
+  write("a.txt", "new contents");
+  loseAnswers({"a.txt"}, GetParam());
+  write("a.txt", "newer contents");
+  expectOnlyOnServer({"a.txt=newer contents"});
+  EXPECT_THAT(changes(), ElementsAre("contents a.txt", "contents a.txt"));
+}
+
+TEST_P(UncertainEditTest, NewContentsAndANewPlaceBothArrive) {
+  extension_->addFile("1", ROOT, "a.txt", "old");
+  begin();
+  write("a.txt", "new contents");
+  loseAnswers({"a.txt"}, GetParam());
+  move("a.txt", "b.txt");
+  expectOnlyOnServer({"b.txt=new contents"});
+}
+
+TEST_P(UncertainEditTest, AMoveThatIsTakenBackIsTakenBackThere) {
+  extension_->addFile("1", ROOT, "a.txt", "x");
+  begin();
+  move("a.txt", "b.txt");
+  loseAnswers({"b.txt"}, GetParam());
+  move("b.txt", "a.txt");
+  expectOnlyOnServer({"a.txt=x"});
+}
+
+TEST_P(UncertainEditTest, AnothersFileAtThatPlaceIsShownAndKept) {
+  begin();
+  create("a.txt", "hello");
+  extension_->failNextChanges(1, unreachable());
+  settle();
+  extension_->addFile("9", ROOT, "a.txt", "theirs");
+  if (GetParam()) {
+    end();
+    begin();
+  }
+  remove("a.txt");
+  expectOnlyOnServer({"a.txt=theirs"});
+  EXPECT_EQ(inode("9"), at("a.txt"));
+}
+
+TEST_P(UncertainEditTest, AnothersContentsStillClash) {
+  extension_->addFile("1", ROOT, "a.txt", "old");
+  begin();
+  write("a.txt", "mine");
+  loseAnswers({"a.txt"}, GetParam());
+  extension_->addFile("1", ROOT, "a.txt", "them", 3);
+  write("a.txt", "newer mine");
+  expectOnlyOnServer({"a (conflicted copy).txt=newer mine", "a.txt=them"});
+}
+
+INSTANTIATE_TEST_SUITE_P(Restarts, UncertainEditTest, testing::Bool(),
+                         [](const auto& each) { return each.param ? "AfterARestart" : "WithoutOne"; });
 
 TEST_F(EditSenderTest, AFileThatIsTheSameThereIsTakenForOurs) {
   begin();

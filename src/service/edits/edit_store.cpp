@@ -11,7 +11,7 @@
 namespace vondle {
 namespace {
 
-constexpr std::int64_t VERSION = 2;  // PRAGMA user_version
+constexpr std::int64_t VERSION = 3;  // PRAGMA user_version
 
 // Version 1 knew of the owner's permissions alone, as 1 to execute, 2 to read and 4 to write.
 constexpr const char* FROM_VERSION_1 = R"(
@@ -40,7 +40,11 @@ constexpr const char* SCHEMA = R"(
     changed REAL NOT NULL,
     attempts INTEGER NOT NULL,
     next_try REAL,
-    last_error TEXT NOT NULL
+    last_error TEXT NOT NULL,
+    attempt_folder TEXT,             -- what may have reached the server: where it was to be
+    attempt_name TEXT,
+    attempt_contents INTEGER,
+    attempt_generation INTEGER
   ) STRICT;
   CREATE TABLE attributes(
     item TEXT PRIMARY KEY,
@@ -50,10 +54,23 @@ constexpr const char* SCHEMA = R"(
   ) STRICT, WITHOUT ROWID;
 )";
 
+// Version 2 did not say what may have reached the server: it may be all of it.
+constexpr const char* FROM_VERSION_2 = R"(
+  ALTER TABLE edit ADD COLUMN attempt_folder TEXT;
+  ALTER TABLE edit ADD COLUMN attempt_name TEXT;
+  ALTER TABLE edit ADD COLUMN attempt_contents INTEGER;
+  ALTER TABLE edit ADD COLUMN attempt_generation INTEGER;
+  UPDATE edit SET attempt_folder = place_folder, attempt_name = place_name, attempt_contents = contents,
+    attempt_generation = generation WHERE fields & 5;
+)";
+
+// From each version to the next; from none to the last.
+constexpr const char* STEPS[] = {SCHEMA, FROM_VERSION_1, FROM_VERSION_2};
+
 constexpr std::string_view COLUMNS =
     "id, item, folder, fields, place_folder, place_name, server_folder, server_name, content_version, "
     "metadata_version, contents, size, modified, generation, contents_generation, changed, attempts, next_try, "
-    "last_error";
+    "last_error, attempt_folder, attempt_name, attempt_contents, attempt_generation";
 
 Edit editOf(const sqlite::Statement& row) {
   Edit edit{.id = row.integer(0),
@@ -69,11 +86,13 @@ Edit editOf(const sqlite::Statement& row) {
             .generation = row.integer(13),
             .contentsGeneration = row.integer(14),
             .changedAt = {row.real(15)},
+            .attempt = std::nullopt,
             .attempts = static_cast<int>(row.integer(16)),
             .nextTry = std::nullopt,
             .lastError = row.text(18)};
   if (!row.isNull(6)) edit.serverPlace = Place{{row.text(6)}, row.text(7)};
   if (!row.isNull(17)) edit.nextTry = Timestamp{row.real(17)};
+  if (!row.isNull(19)) edit.attempt = Attempt{{{row.text(19)}, row.text(20)}, row.integer(21), row.integer(22)};
   return edit;
 }
 
@@ -90,6 +109,13 @@ void bind(sqlite::Statement& statement, const Edit& edit) {
   statement.bind(17, edit.attempts);
   statement.bind(18, edit.nextTry ? std::optional(edit.nextTry->secondsSince1970) : std::nullopt);
   statement.bind(19, edit.lastError);
+  if (const auto& attempt = edit.attempt)
+    statement.bind(20, attempt->place.folder.text)
+        .bind(21, attempt->place.name)
+        .bind(22, attempt->contents)
+        .bind(23, attempt->generation);
+  else
+    statement.bind(20, nullptr).bind(21, nullptr).bind(22, nullptr).bind(23, nullptr);
 }
 
 // Says which file it is and what a person can do.
@@ -118,10 +144,11 @@ Result<EditStore> EditStore::open(const std::string& path) {
 Result<void> EditStore::prepare() {
   const auto version = database_->userVersion();
   if (!version) return failure(version.error());
-  if (*version == 0 || *version == 1) {
+  if (*version >= 0 && *version < VERSION) {
     auto transaction = sqlite::Transaction::begin(*database_);
     if (!transaction) return failure(transaction.error());
-    if (auto made = database_->execute(*version == 0 ? SCHEMA : FROM_VERSION_1); !made) return made;
+    for (auto from = *version; from < VERSION; from = from == 0 ? VERSION : from + 1)
+      if (auto done = database_->execute(STEPS[from]); !done) return done;
     if (auto set = database_->setUserVersion(VERSION); !set) return set;
     if (auto committed = transaction->commit(); !committed) return committed;
   } else if (*version != VERSION) {
@@ -142,7 +169,7 @@ Result<void> EditStore::prepare() {
     return {};
   };
   if (auto kept = keep(put_, fmt::format("INSERT OR REPLACE INTO edit({}) VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,"
-                                         "?12,?13,?14,?15,?16,?17,?18,?19)",
+                                         "?12,?13,?14,?15,?16,?17,?18,?19,?20,?21,?22,?23)",
                                          COLUMNS));
       !kept)
     return kept;

@@ -33,6 +33,13 @@ class EditStoreTest : public testing::Test {
     EXPECT_TRUE(store) << store.error().localizedDescription();
     return std::move(*store);
   }
+  // The database as a program of version 1 or 2 would have left it.
+  void makeOfVersion(std::int64_t version) {
+    auto database = sqlite::Database::open(path());
+    for (const auto* column : {"folder", "name", "contents", "generation"})
+      ASSERT_TRUE(database->execute(fmt::format("ALTER TABLE edit DROP COLUMN attempt_{}", column)));
+    ASSERT_TRUE(database->setUserVersion(version));
+  }
   static Edit edit(EditID id, const std::string& item) {
     Edit edit;
     edit.id = id;
@@ -47,6 +54,7 @@ class EditStoreTest : public testing::Test {
     edit.generation = 6;
     edit.contentsGeneration = 5;
     edit.changedAt = {7.5};
+    edit.attempt = Attempt{{{"third"}, "former"}, 11, 4};
     edit.attempts = 8;
     edit.nextTry = Timestamp{9.125};
     edit.lastError = "no room";
@@ -64,6 +72,7 @@ TEST_F(EditStoreTest, EverythingOfAnEditIsKept) {
   created.isFolder = true;
   created.fields = EDIT_CREATED;
   created.serverPlace.reset();
+  created.attempt.reset();
   created.nextTry.reset();
   {
     auto store = open();
@@ -108,15 +117,16 @@ TEST_F(EditStoreTest, PermissionsOfAnOlderProgramAreTakenOver) {
     store.write(batch({edit(1, "x")}));
     store.write(
         {{}, {}, {{{"a"}, 7U}, {{"b"}, 2U}, {{"c"}, 6U}, {{"d"}, 3U}, {{"e"}, std::nullopt, Timestamp{1.5}, 9}}, {}});
-    auto database = sqlite::Database::open(path());
-    ASSERT_TRUE(database->setUserVersion(1));
+    makeOfVersion(1);
   }
+  auto former = edit(1, "x");
+  former.attempt = Attempt{former.place, former.contents, former.generation};
   const std::vector<LocalAttributes> expected{
       {{"a"}, 0700U}, {{"b"}, 0400U}, {{"c"}, 0600U}, {{"d"}, 0500U}, {{"e"}, std::nullopt, Timestamp{1.5}, 9}};
   for (int i = 0; i < 2; ++i) {
     auto store = open();
     EXPECT_THAT(*store.attributes(), testing::UnorderedElementsAreArray(expected));
-    EXPECT_THAT(*store.edits(), ElementsAre(edit(1, "x")));
+    EXPECT_THAT(*store.edits(), ElementsAre(former));
   }
 }
 
@@ -185,14 +195,29 @@ TEST_F(EditStoreTest, ADatabaseOfANewerProgramIsAnErrorAndStays) {
   }
   {
     auto database = sqlite::Database::open(path());
-    ASSERT_TRUE(database->setUserVersion(3));
+    ASSERT_TRUE(database->setUserVersion(4));
   }
   const auto opened = EditStore::open(path());
   ASSERT_FALSE(opened);
   EXPECT_THAT(opened.error().description, HasSubstr("newer"));
   auto database = sqlite::Database::open(path());
-  ASSERT_TRUE(database->setUserVersion(2));
+  ASSERT_TRUE(database->setUserVersion(3));
   EXPECT_THAT(*open().edits(), ElementsAre(edit(1, "x")));
+}
+
+TEST_F(EditStoreTest, WhatAnOlderProgramHadNotSentMayBeOnTheServer) {
+  auto moved = edit(2, "y");
+  moved.fields = EDIT_PLACED;
+  {
+    auto store = open();
+    store.write(batch({edit(1, "x"), moved}));
+  }
+  makeOfVersion(2);
+  auto written = edit(1, "x");
+  written.attempt = Attempt{written.place, written.contents, written.generation};
+  moved.attempt.reset();
+  EXPECT_THAT(*open().edits(), ElementsAre(written, moved));
+  EXPECT_THAT(*open().edits(), ElementsAre(written, moved)) << "and is converted once";
 }
 
 TEST_F(EditStoreTest, WhatCannotBeWrittenHasNotHappened) {

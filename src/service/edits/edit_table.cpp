@@ -7,6 +7,10 @@ bool isPlacedHere(const Edit& edit) {
   return (edit.fields & (EDIT_CREATED | EDIT_PLACED)) != 0;
 }
 
+bool isAttemptOfNew(const Edit& edit) {
+  return edit.attempt && isLocal(edit.item);
+}
+
 template <class Map, class Key>
 void removeFrom(Map& map, const Key& key, EditID id) {
   const auto found = map.find(key);
@@ -43,12 +47,20 @@ std::vector<EditID> EditTable::onServerAt(const Place& place) const {
                                        : std::vector(found->second.begin(), found->second.end());
 }
 
+bool EditTable::hides(const Place& place) {
+  const auto found = byAttempt_.find({place.folder.text, place.name});
+  if (found == byAttempt_.end()) return false;
+  hiding_.insert(found->second.begin(), found->second.end());
+  return true;
+}
+
 void EditTable::put(Edit edit) {
   const auto found = edits_.find(edit.id);
   if (found != edits_.end()) forget(found->second);
   byItem_[edit.item.text] = edit.id;
   if (isPlacedHere(edit)) byFolder_[edit.place.folder.text].insert(edit.id);
   if (edit.serverPlace) byServerPlace_[{edit.serverPlace->folder.text, edit.serverPlace->name}].insert(edit.id);
+  if (isAttemptOfNew(edit)) byAttempt_[{edit.attempt->place.folder.text, edit.attempt->place.name}].insert(edit.id);
   const EditID id = edit.id;
   edits_.insert_or_assign(id, std::move(edit));
 }
@@ -58,6 +70,7 @@ void EditTable::remove(EditID id) {
   if (found == edits_.end()) return;
   forget(found->second);
   edits_.erase(found);
+  hiding_.erase(id);
 }
 
 void EditTable::setSending(EditID id, bool isSending) {
@@ -74,6 +87,8 @@ void EditTable::forget(const Edit& edit) {
   removeFrom(byFolder_, edit.place.folder.text, edit.id);
   if (edit.serverPlace)
     removeFrom(byServerPlace_, std::pair(edit.serverPlace->folder.text, edit.serverPlace->name), edit.id);
+  if (isAttemptOfNew(edit))
+    removeFrom(byAttempt_, std::pair(edit.attempt->place.folder.text, edit.attempt->place.name), edit.id);
 }
 
 void EditTable::putAttributes(LocalAttributes attributes) {

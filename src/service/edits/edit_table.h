@@ -27,6 +27,11 @@ class EditTable {
   [[nodiscard]] std::vector<EditID> placedIn(std::string_view folder) const;
   // Those whose items the server has at the place.
   [[nodiscard]] std::vector<EditID> onServerAt(const Place& place) const;
+  // Whether a new item may have reached the server there: what stands there is shown when that has been found out.
+  // The edits that are asked for are remembered for hasHidden.
+  [[nodiscard]] bool hides(const Place& place);
+  // The server's news of the item, and of what is in it, may have been passed over.
+  [[nodiscard]] bool hasHidden(EditID id) const { return hiding_.contains(id); }
 
   void put(Edit edit);
   void remove(EditID id);
@@ -51,9 +56,11 @@ class EditTable {
   std::map<EditID, Edit> edits_;
   std::set<EditID> sending_;
   std::set<EditID> blocked_;
+  std::set<EditID> hiding_;
   std::map<std::string, EditID, std::less<>> byItem_;
   std::map<std::string, std::set<EditID>, std::less<>> byFolder_;
   std::map<std::pair<std::string, std::string>, std::set<EditID>> byServerPlace_;
+  std::map<std::pair<std::string, std::string>, std::set<EditID>> byAttempt_;  // of items of this machine
   std::map<std::string, LocalAttributes, std::less<>> attributes_;
 };
 

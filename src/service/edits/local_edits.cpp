@@ -73,10 +73,10 @@ Result<void> LocalEdits::restore() {
   if (!edits) return failure(edits.error());
   auto attributes = store_.attributes();
   if (!attributes) return failure(attributes.error());
-  // What was being sent when it was deleted: nobody knows any more whether it got there.
+  // What was about to be sent when it was deleted, but was not.
   EditBatch lost;
   std::erase_if(*edits, [&](const Edit& edit) {
-    const bool isLost = isDeleted(edit) && isLocal(edit.item);
+    const bool isLost = isDeleted(edit) && isLocal(edit.item) && !edit.attempt;
     if (isLost) lost.removals.push_back(edit.id);
     return isLost;
   });
@@ -301,7 +301,7 @@ Result<void> LocalEdits::remove(Inode folder, const std::string& name, bool isFo
 void LocalEdits::planDeletion(Plan& plan, const ItemAttributes& item) {
   Edit edit = editFor(item);
   plan.gone.push_back(item.inode);
-  if (isCreated(edit) && !replica_.isSending(edit.id)) {
+  if (isCreated(edit) && !mayBeOnServer(edit)) {
     plan.edits.removals.push_back(edit.id);
     return;
   }
@@ -331,9 +331,14 @@ void LocalEdits::planHeritage(Plan& plan, Edit former, Inode heir, const Place& 
   plan.edits.edits.push_back(std::move(former));
 }
 
+// What is new here, or some of it.
+bool LocalEdits::mayBeOnServer(const Edit& edit) const {
+  return edit.attempt || replica_.isSending(edit.id);
+}
+
 // A new file that no answer is awaited for.
 bool LocalEdits::mayTakeOver(const Edit& edit) const {
-  return isCreated(edit) && !edit.isFolder && !replica_.isSending(edit.id);
+  return isCreated(edit) && !edit.isFolder && !mayBeOnServer(edit);
 }
 
 // What the server still has at the place, but is about to be deleted there.
@@ -492,6 +497,44 @@ void LocalEdits::abandonSending(EditID id) {
   });
 }
 
+void LocalEdits::noteAttempt(EditID id, Attempt attempt, Done completion) {
+  perform(std::move(completion), [id, attempt = std::move(attempt)](LocalEdits& self) -> Result<void> {
+    auto edit = self.find(id);
+    if (!edit || isDeleted(*edit)) return refused(ECANCELED);
+    if (edit->attempt && edit->attempt->place != attempt.place) self.dropAttempt(id);
+    edit->attempt = attempt;
+    Plan plan;
+    plan.edits.edits.push_back(std::move(*edit));
+    return self.commit(plan, false);
+  });
+}
+
+void LocalEdits::forgetAttempt(EditID id, Done completion) {
+  perform(std::move(completion), [id](LocalEdits& self) -> Result<void> {
+    self.replica_.setSending(id, false);
+    self.dropAttempt(id);
+    self.dropIfLost(id);
+    return {};
+  });
+}
+
+// What stands in its place on the server is another's, and shown from now on.
+void LocalEdits::dropAttempt(EditID id) {
+  auto edit = find(id);
+  if (!edit || !edit->attempt) return;
+  const auto folder = std::exchange(edit->attempt, std::nullopt)->place.folder;
+  apply([&](TreeEdit& tree) {
+    tree.putEdit(*edit);
+    if (isLocal(edit->item)) tree.relist(folder);
+  });
+}
+
+void LocalEdits::listAgain(ItemIdentifier folder) {
+  tree_.perform([self = shared_from_this(), folder = std::move(folder)] {
+    self->apply([&](TreeEdit& tree) { tree.relist(folder); });
+  });
+}
+
 void LocalEdits::succeeded(const Edit& sent, std::uint32_t fields, SavedItem saved, Completion<Outcome> completion) {
   perform(std::move(completion), [sent, fields, saved = std::move(saved)](LocalEdits& self) {
     self.replica_.setSending(sent.id, false);
@@ -543,6 +586,8 @@ std::int64_t LocalEdits::settleEdit(TreeEdit& tree, Edit edit, const Edit& sent,
     const auto* kept = tree.state().edits.attributesOf(item.itemIdentifier.text);
     if (wasNew && edit.isFolder && kept && kept->modified) keepModified(tree, inode, saved);
   }
+  edit.attempt.reset();
+  if (edit.isFolder && tree.state().edits.hasHidden(edit.id)) tree.relist(item.itemIdentifier);
   edit.serverPlace = serverPlace;
   if (!isPlaced) edit.place = serverPlace;
   edit.fields = (isPlaced ? EDIT_PLACED : 0U) | (areContentsLeft ? EDIT_CONTENTS : 0U);
@@ -595,6 +640,7 @@ LocalEdits::Outcome LocalEdits::settleDeleted(Edit edit, const SavedItem& saved)
       edit.item = item.itemIdentifier;
     }
     if (saved.hasGivenContents) edit.baseVersion = item.itemVersion;
+    edit.attempt.reset();
     edit.serverPlace = Place{item.parentItemIdentifier, item.filename};
     tree.putEdit(edit);
     tree.show(edit.id);
@@ -639,7 +685,7 @@ void LocalEdits::failed(const Edit& sent, std::string error, std::optional<Times
 // An item that was deleted while it was being sent, and has not been seen on the server.
 bool LocalEdits::dropIfLost(EditID id) {
   const auto edit = find(id);
-  if (!edit || !isDeleted(*edit) || !isLocal(edit->item)) return false;
+  if (!edit || !isDeleted(*edit) || !isLocal(edit->item) || edit->attempt) return false;
   apply([&](TreeEdit& tree) { tree.dropEdit(id); });
   return true;
 }
@@ -658,6 +704,7 @@ void LocalEdits::settleVanished(const Edit& edit) {
     return apply([&](TreeEdit& tree) { tree.takeDeletion(edit.item); });
   }
   // Of a new item it is the folder that has gone.
+  dropAttempt(edit.id);
   const auto& folder = edit.place.folder;
   if (isLocal(folder) || folder == ROOT_CONTAINER) return;
   if (replica_.inodeOf(folder)) {
@@ -665,6 +712,7 @@ void LocalEdits::settleVanished(const Edit& edit) {
     return apply([&](TreeEdit& tree) { tree.takeDeletion(folder); });
   }
   Edit moved = edit;
+  moved.attempt.reset();
   moved.place.folder = ROOT_CONTAINER;
   noteChange(moved);
   apply([&](TreeEdit& tree) {
@@ -676,6 +724,7 @@ void LocalEdits::settleVanished(const Edit& edit) {
 void LocalEdits::renameAside(const Edit& sent, Done completion) {
   perform(std::move(completion), [sent](LocalEdits& self) -> Result<void> {
     self.replica_.setSending(sent.id, false);
+    self.dropAttempt(sent.id);
     auto edit = self.find(sent.id);
     if (!edit || isDeleted(*edit)) {
       self.dropIfLost(sent.id);
@@ -751,8 +800,8 @@ Edit LocalEdits::editFor(const ItemAttributes& item) {
 void LocalEdits::setPlace(Edit& edit, const Place& place) const {
   edit.place = place;
   if (isCreated(edit)) return;
-  // While it is being sent, the server may have moved it away from there.
-  const bool isThere = edit.serverPlace == place && !replica_.isSending(edit.id);
+  // When that was sent, the server may have moved it away from there.
+  const bool isThere = edit.serverPlace == place && !mayBeOnServer(edit);
   edit.fields = (edit.fields & ~std::uint32_t{EDIT_PLACED}) | (isThere ? 0U : EDIT_PLACED);
 }
 

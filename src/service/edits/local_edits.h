@@ -78,6 +78,14 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
   void beginSending(EditID id, Completion<std::optional<Edit>> completion);
   // Sending was given up, with nothing learnt from it.
   void abandonSending(EditID id);
+  // This is about to go to the server, and may be there from now on, even when this process ends. Until one of the
+  // calls below says what became of it, or forgetAttempt, the item is treated as one that is being sent, and what the
+  // server has at the place of a new item is not shown. ECANCELED when the item was deleted meanwhile.
+  void noteAttempt(EditID id, Attempt attempt, Done completion);
+  // It is not there.
+  void forgetAttempt(EditID id, Done completion);
+  // Somebody else may have put something into the folder that turned out to be there.
+  void listAgain(ItemIdentifier folder);
 
   // What became of sending. `sent` is the edit as it was sent, `fields` what of it; what programs changed meanwhile
   // (another generation) stays to be sent. The answer says whether everything that was sent is done with: then, and
@@ -148,6 +156,7 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
   static void keepModified(TreeEdit& tree, Inode inode, const SavedItem& saved);
   Outcome settleDeleted(Edit edit, const SavedItem& saved);
   bool dropIfLost(EditID id);
+  void dropAttempt(EditID id);
   void settleVanished(const Edit& edit);
 
   Edit newEdit();
@@ -155,6 +164,7 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
   void setPlace(Edit& edit, const Place& place) const;
   void noteChange(Edit& edit) const;
   void noteContentsChange(Edit& edit) const;
+  [[nodiscard]] bool mayBeOnServer(const Edit& edit) const;
   [[nodiscard]] bool mayTakeOver(const Edit& edit) const;
   [[nodiscard]] std::optional<Edit> heritageAt(const Place& place) const;
   [[nodiscard]] std::optional<Inode> heirAt(const Place& place, Inode except) const;

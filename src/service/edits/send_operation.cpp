@@ -66,6 +66,7 @@ LocalEdits::Done SendOperation::whenRecorded() {
   return onQueue([](SendOperation& self, const Result<void>& result) {
     if (!result)
       LOG.error("what became of an edit could not be recorded: %{public}@", result.error().localizedDescription());
+    self.isUncertain_ = false;
     self.finish(Ending::done);
   });
 }
@@ -82,19 +83,69 @@ void SendOperation::begun(std::optional<Edit> edit) {
     services_.edits->abandonSending(task_.edit);
     return finish(Ending::changed);
   }
+  if (mayBeThere()) return findOut();
+  if (task_.step == SendStep::remove) return edit_.isFolder ? listFolder() : moveToTrash();
   if (task_.isAside) edit_.place.name = asideName(edit_);
-  switch (task_.step) {
-    case SendStep::create:
-      if (!edit_.isFolder && !freeze()) return;
-      return task_.looksFirst ? look() : create();
-    case SendStep::contents:
-      if (!freeze()) return;
-      return task_.looksFirst && edit_.serverPlace ? lookAtContents() : sendChange();
-    case SendStep::place:
-      return sendChange();
-    case SendStep::remove:
-      return edit_.isFolder ? listFolder() : moveToTrash();
+  begin();
+}
+
+// Where the place alone was sent, sending it again does no harm.
+bool SendOperation::mayBeThere() const {
+  if (!edit_.attempt) return false;
+  return isLocal(edit_.item) || (task_.step == SendStep::contents && edit_.attempt->contents != 0 && edit_.serverPlace);
+}
+
+void SendOperation::findOut() {
+  isFindingOut_ = isUncertain_ = true;
+  edit_.place = edit_.attempt->place;
+  edit_.contents = edit_.attempt->contents;
+  edit_.generation = edit_.attempt->generation;
+  if (edit_.contents != 0 && !freeze()) return;
+  const bool isNew = isLocal(edit_.item);
+  listWhole(
+      services_.extension, isNew ? edit_.place.folder : edit_.serverPlace->folder, SYSTEM,
+      [isNew, name = edit_.place.name, identifier = edit_.item](const Item& item) {
+        return isNew ? item.filename == name : item.itemIdentifier == identifier;
+      },
+      onQueue([](SendOperation& self, Result<std::vector<Item>> found) { self.found(std::move(found)); }));
+}
+
+void SendOperation::found(Result<std::vector<Item>> found) {
+  if (!found)
+    return sendFailureOf(found.error()) == SendFailure::noSuchItem ? checkServer(found.error()) : failed(found.error());
+  if (found->empty()) return nothingThere();
+  auto& item = found->front();
+  if (item.isFolder() != edit_.isFolder) return nothingThere();
+  if (edit_.isFolder) return folderFound(std::move(item));
+  const bool isUnchanged = item.itemVersion.contentVersion == edit_.baseVersion.contentVersion;
+  if (!outgoing_ || isUnchanged || item.documentSize.value_or(0) != outgoing_->size) return nothingThere();
+  compare(std::move(item));
+}
+
+void SendOperation::nothingThere() {
+  services_.edits->forgetAttempt(task_.edit, onQueue([](SendOperation& self, const Result<void>&) {
+                                   self.isUncertain_ = false;
+                                   self.finish(Ending::changed);
+                                 }));
+}
+
+// From here on it may be there.
+void SendOperation::begin() {
+  const bool hasContents = task_.step != SendStep::place && !edit_.isFolder;
+  if (hasContents && !freeze()) return;
+  services_.edits->noteAttempt(
+      task_.edit, {.place = edit_.place, .contents = hasContents ? edit_.contents : 0, .generation = edit_.generation},
+      onQueue([](SendOperation& self, const Result<void>& noted) { self.sendNow(noted); }));
+}
+
+void SendOperation::sendNow(const Result<void>& noted) {
+  if (!noted && noted.error().is(POSIX_ERROR_DOMAIN, ECANCELED)) {
+    services_.edits->abandonSending(task_.edit);
+    return finish(Ending::changed);
   }
+  if (!noted) return failed(noted.error());
+  isUncertain_ = true;
+  task_.step == SendStep::create ? create() : sendChange();
 }
 
 // The contents do not change from here on. False when that ends the operation.
@@ -129,7 +180,7 @@ void SendOperation::created(Result<SavedItem> result) {
   if (result) return succeeded(std::move(*result));
   switch (sendFailureOf(result.error())) {
     case SendFailure::clash:
-      if (clash_ || task_.looksFirst) return failed(result.error());
+      if (clash_) return failed(result.error());
       clash_ = result.error();
       return look();
     case SendFailure::noSuchItem:
@@ -178,16 +229,22 @@ void SendOperation::looked(Result<std::vector<Item>> found) {
     return sendFailureOf(found.error()) == SendFailure::noSuchItem ? checkServer(found.error()) : failed(found.error());
   }
   if (found->empty()) {
-    if (!clash_) return create();
     return task_.step == SendStep::place && edit_.isFolder ? lookAbove(edit_.place.folder) : failed(*clash_);
   }
   auto& item = found->front();
   if (task_.step == SendStep::place)
     return item.itemIdentifier == edit_.item ? succeeded({.item = std::move(item)}) : renameAside();
   if (item.isFolder() != edit_.isFolder) return renameAside();
-  if (edit_.isFolder) return succeeded({.item = std::move(item)});
+  if (edit_.isFolder) return folderFound(std::move(item));
   if (item.documentSize.value_or(0) != outgoing_->size) return renameAside();
   compare(std::move(item));
+}
+
+// Somebody may have put something into it.
+void SendOperation::folderFound(Item folder) {
+  const auto identifier = folder.itemIdentifier;
+  succeeded({.item = std::move(folder)});
+  services_.edits->listAgain(identifier);
 }
 
 // The name is free: perhaps the server has the folder that it is to go to below itself.
@@ -198,22 +255,6 @@ void SendOperation::lookAbove(ItemIdentifier folder, int depth) {
       std::move(folder), SYSTEM, onQueue([depth](SendOperation& self, Result<Item> item) {
         item ? self.lookAbove(std::move(item->parentItemIdentifier), depth + 1) : self.failed(*self.clash_);
       })));
-}
-
-// They may be there already: made from the same version once more, they would clash with themselves.
-void SendOperation::lookAtContents() {
-  listWhole(
-      services_.extension, edit_.serverPlace->folder, SYSTEM,
-      [identifier = edit_.item](const Item& item) { return item.itemIdentifier == identifier; },
-      onQueue([](SendOperation& self, Result<std::vector<Item>> found) { self.contentsLookedAt(std::move(found)); }));
-}
-
-void SendOperation::contentsLookedAt(Result<std::vector<Item>> found) {
-  if (!found || found->empty()) return sendChange();
-  auto& item = found->front();
-  const bool isUnchanged = item.itemVersion.contentVersion == edit_.baseVersion.contentVersion;
-  if (isUnchanged || item.documentSize.value_or(0) != outgoing_->size) return sendChange();
-  compare(std::move(item));
 }
 
 void SendOperation::compare(Item found) {
@@ -236,7 +277,7 @@ void SendOperation::fetched(Result<FetchedContents> result) {
 }
 
 void SendOperation::compared(bool isSame, Item found) {
-  if (!isSame) return task_.step == SendStep::contents ? sendChange() : renameAside();
+  if (!isSame) return isFindingOut_ ? nothingThere() : renameAside();
   succeeded({.item = std::move(found), .hasGivenContents = true});
 }
 
@@ -288,6 +329,7 @@ void SendOperation::checkServer(Error error) {
 
 void SendOperation::serverChecked(Error error, std::optional<Error> serverError) {
   if (serverError) return failed(std::move(*serverError));
+  if (isFindingOut_) return nothingThere();
   // What is missing when it is made is the folder that it is made in.
   follow(services_.extension.itemForIdentifier(
       task_.step == SendStep::create ? edit_.place.folder : edit_.item, SYSTEM,
@@ -304,13 +346,14 @@ void SendOperation::succeeded(SavedItem saved) {
   const bool isContentStep = outgoing_.has_value();
   const bool hasTheseBytes = saved.hasGivenContents;
   std::uint32_t fields = EDIT_PLACED;
-  if (task_.step == SendStep::create) fields = EDIT_CREATED | EDIT_PLACED | EDIT_CONTENTS;
+  if (isLocal(edit_.item)) fields = EDIT_CREATED | EDIT_PLACED | EDIT_CONTENTS;
   if (task_.step == SendStep::contents) fields = EDIT_CONTENTS;
   result_.hasClashed = isContentStep && !hasTheseBytes;
   services_.edits->succeeded(
       edit_, fields, std::move(saved),
       onQueue([isContentStep, hasTheseBytes](SendOperation& self, const LocalEdits::Outcome& outcome) {
         self.result_.inode = outcome.inode;
+        self.isUncertain_ = false;
         if (isContentStep)
           self.services_.contents->endSending(*std::exchange(self.outgoing_, {}), outcome, hasTheseBytes);
         self.finish(Ending::done);
@@ -332,8 +375,11 @@ void SendOperation::failed(Error error) {
 }
 
 void SendOperation::finish(Ending ending) {
-  // Whatever was frozen and is not done with can be written to again.
-  if (outgoing_) services_.contents->endSending(*std::exchange(outgoing_, {}), {}, false);
+  if (outgoing_ && isUncertain_)
+    services_.contents->suspendSending(*outgoing_);
+  else if (outgoing_)  // whatever was frozen and is not done with can be written to again
+    services_.contents->endSending(*outgoing_, {}, false);
+  outgoing_.reset();
   result_.ending = ending;
   std::move(completion_)(std::move(result_));
 }

@@ -33,8 +33,6 @@ struct SendTask {
   std::int64_t generation = 0;  // of the edit when this was decided
   SendStep step = SendStep::create;
   bool isAside = false;
-  // It may be on the server already: sending it was begun before, and nobody knows how that ended.
-  bool looksFirst = false;
 };
 
 struct SendResult {
@@ -55,10 +53,11 @@ struct SendResult {
 // Does one step for one edit: asks the extension and records what became of it. Runs and completes on the queue given.
 // Kept alive by what it waits for.
 //
-// - An item that is made is looked for first when it may be there already, and when the name turns out to be taken: a
-//   folder of that name, or a file with the same contents, is the one that was to be made. Anything else keeps the
-//   name, and ours gets another.
-// - New contents that may be there already are compared with what is there, so that they do not clash with themselves.
+// - What may be there already, because nobody knows how an earlier sending ended, is looked for first: a folder of that
+//   name, or a file with the contents that were sent then. It does not clash with itself, and what programs did with it
+//   since then is done there, too.
+// - When the name of an item that is made turns out to be taken, it is looked at: a folder of that name, or a file with
+//   the same contents, is the one that was to be made. Anything else keeps the name, and ours gets another.
 // - A folder that cannot go where it is to go because the server has that below it stays where the server has it.
 // - Deleting means moving to the trash, never more: what somebody else has put there meanwhile stays there. A folder is
 //   deleted when the server lists nothing in it; what the user has never seen is not taken along.
@@ -79,6 +78,13 @@ class SendOperation : public std::enable_shared_from_this<SendOperation> {
   void begun(std::optional<Edit> edit);
   bool freeze();
 
+  [[nodiscard]] bool mayBeThere() const;
+  void findOut();
+  void found(Result<std::vector<Item>> found);
+  void nothingThere();
+  void begin();
+  void sendNow(const Result<void>& noted);
+
   void create();
   void created(Result<SavedItem> result);
   void sendChange();
@@ -87,9 +93,8 @@ class SendOperation : public std::enable_shared_from_this<SendOperation> {
 
   void look();
   void looked(Result<std::vector<Item>> found);
+  void folderFound(Item folder);
   void lookAbove(ItemIdentifier folder, int depth = 0);
-  void lookAtContents();
-  void contentsLookedAt(Result<std::vector<Item>> found);
   void compare(Item found);
   void fetched(Result<FetchedContents> result);
   void compared(bool isSame, Item found);
@@ -121,6 +126,8 @@ class SendOperation : public std::enable_shared_from_this<SendOperation> {
   Completion<SendResult> completion_;
   Edit edit_;  // as it is sent: its place is where the server is to have it
   std::optional<EditedContents::Outgoing> outgoing_;
+  bool isFindingOut_ = false;   // edit_ is as it was sent then
+  bool isUncertain_ = false;    // whether the server has it now
   std::optional<Error> clash_;  // the server's word that the name is taken
   SendResult result_;
 };

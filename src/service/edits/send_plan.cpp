@@ -68,6 +68,11 @@ class Planner {
       if (edit(i).fields & (EDIT_PLACED | EDIT_DELETED)) holders_[*place] = i;
       inFolder_[place->folder.text].push_back(i);
     }
+    // It may have arrived there.
+    if (const auto& attempt = edit(i).attempt; attempt && isLocal(edit(i).item)) {
+      if (edit(i).fields & EDIT_DELETED || attempt->place != edit(i).place) holders_[attempt->place] = i;
+      inFolder_[attempt->place.folder.text].push_back(i);
+    }
     if (edits_[i].isSending && edits_[i].target) targets_[*edits_[i].target] = i;
   }
 

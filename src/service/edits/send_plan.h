@@ -66,8 +66,8 @@ using ParentOf = std::function<std::optional<ItemIdentifier>(const ItemIdentifie
 // The edits are in the order in which they were made. At most `capacity` are to begin.
 //
 // - What is in a folder that the server does not know waits for the folder.
-// - A place that another item still has on the server, or is on its way to, waits for that item. Where they wait in a
-//   ring, one goes to another name first.
+// - A place that another item still has on the server, or may have there (see Attempt), or is on its way to, waits for
+//   that item. Where they wait in a ring, one goes to another name first.
 // - A folder that moves to below itself, as the server sees it, waits for the one that moves out of it.
 // - A folder is deleted after everything that the server still has in it has been moved or deleted.
 // - While a folder is moved or deleted nothing goes on below it: paths would change on the way.

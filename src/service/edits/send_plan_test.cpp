@@ -166,6 +166,28 @@ TEST(SendPlan, ANameWaitsForTheItemThatStillHasItOnTheServer) {
   EXPECT_EQ(queue.decision(2).state, SendState::waitingForOthers);
 }
 
+TEST(SendPlan, ANameWaitsForTheItemThatMayHaveArrivedThere) {
+  for (const auto fields : {EDIT_CREATED, EDIT_DELETED}) {
+    Queue queue;
+    auto& former = queue.createFile("former", at(ROOT, fields == EDIT_CREATED ? "new name" : "name"));
+    former.fields = fields;
+    former.attempt = Attempt{at(ROOT, "name"), 7, 1};
+    queue.createFile("a", at(ROOT, "name"));
+    EXPECT_EQ(queue.starts(), "1") << fields;
+    EXPECT_EQ(queue.decision(2).waitsFor, 1) << fields;
+  }
+}
+
+TEST(SendPlan, AFolderIsDeletedAfterWhatMayHaveArrivedInIt) {
+  Queue queue;
+  auto& gone = queue.createFile("gone", at("f", "name"));
+  gone.fields = EDIT_DELETED;
+  gone.attempt = Attempt{at("f", "name"), 7, 1};
+  queue.removeFolder("f", at(ROOT, "f"));
+  EXPECT_EQ(queue.starts(), "1");
+  EXPECT_EQ(queue.decision(2).waitsFor, 1);
+}
+
 TEST(SendPlan, TheSameNameInAnotherFolderIsAnother) {
   Queue queue;
   queue.moveFile("1", at(ROOT, "a"), at(ROOT, "b"));

@@ -40,6 +40,7 @@ void TreeEdit::takeListing(Slot folder, const std::vector<Item>& items, const st
       continue;
     }
     const Slot known = withKindOf(item);
+    if (known == NONE && state_.edits.hides(place)) continue;
     if (known != NONE) unseen.erase(index().inode(known));
     if (!takeEdited(known, folder, place, item)) put(known, folder, item);
   }
@@ -75,6 +76,7 @@ void TreeEdit::takeUpdate(const Item& item) {
   if (!isUsable(item.itemIdentifier)) return;
   if (item.parentItemIdentifier == TRASH_CONTAINER) return takeDeletion(item.itemIdentifier);
   const Slot known = withKindOf(item);
+  if (known == NONE && state_.edits.hides({item.parentItemIdentifier, item.filename})) return;
   const Slot folder = index().findIdentifier(item.parentItemIdentifier.text);
   const bool isKept = folder != NONE && index().facts(folder).isListed;
   if (takeEdited(known, isKept ? folder : NONE, {item.parentItemIdentifier, item.filename}, item)) return;
@@ -615,6 +617,7 @@ void TreeEdit::identify(Inode inode, const ItemIdentifier& identifier) {
   for (const auto& [child, childName] : children) index().attach(child, slot, childName);
   made_.insert(inode);
   renameInEdits(former, identifier);
+  showPlacedIn(identifier);
 }
 
 void TreeEdit::renameInEdits(const ItemIdentifier& former, const ItemIdentifier& identifier) {
