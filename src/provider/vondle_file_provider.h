@@ -9,6 +9,7 @@
 #include "api/entry.h"
 #include "base/completion.h"
 #include "base/error.h"
+#include "fileprovider/actions.h"
 #include "fileprovider/domain.h"
 #include "fileprovider/replicated_extension.h"
 #include "provider/provider_services.h"
@@ -57,8 +58,8 @@ class VondleFileProvider final : public ReplicatedExtension {
   // The answer to contents that cannot be written.
   static Error noWrites();
 
-  static constexpr std::string_view keepAction = "com.ferrow.vondle.keepDownloaded";
-  static constexpr std::string_view unkeepAction = "com.ferrow.vondle.dontKeepDownloaded";
+  static constexpr std::string_view keepAction = KEEP_DOWNLOADED_ACTION;
+  static constexpr std::string_view unkeepAction = STOP_KEEPING_ACTION;
 
  private:
   const Domain domain_;

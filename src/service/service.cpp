@@ -77,6 +77,10 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
   service->listing_ = std::make_shared<FolderListing>(*service->tree_, *service->extension_, service->errors_,
                                                       platform.scheduler, platform.clock);
 
+  service->keeper_ =
+      std::make_shared<Keeper>(*service->tree_, service->contents_, service->listing_, platform.scheduler);
+  service->tree_->subscribe([keeper = service->keeper_](const auto& changes) { keeper->apply(changes); });
+
   // It starts when the folder is mounted.
   service->follower_ = std::make_shared<Follower>(*service->extension_, *service->tree_, platform.scheduler,
                                                   platform.clock, platform.files, folders.anchorFile(),
@@ -94,6 +98,7 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
                                                            service->follower_, platform.scheduler));
   service->follower_->start();
   service->sender_->start();
+  service->keeper_->start();
   service->contents_->checkServerWith([weak = std::weak_ptr(service->follower_)](auto completion) {
     if (const auto follower = weak.lock()) return follower->sync(std::move(completion));
     std::move(completion)(stopping());
@@ -104,6 +109,7 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
                              .contents = service->contents_,
                              .errors = service->errors_,
                              .follower = service->follower_,
+                             .keeper = service->keeper_,
                              .edits = service->edits_,
                              .sender = service->sender_,
                              .extension = *service->extension_,
@@ -154,6 +160,7 @@ Result<void> Service::openEdits(const ServiceOptions& options, const ServiceFold
 void Service::stop() {
   control_.reset();
   sender_->stop();
+  keeper_->stop();
   follower_->stop();
   listing_->close(stopping());
   contents_->close(stopping());

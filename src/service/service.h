@@ -18,6 +18,7 @@
 #include "service/edits/edit_sender.h"
 #include "service/edits/local_edits.h"
 #include "service/follow/follower.h"
+#include "service/follow/keeper.h"
 #include "service/instance_lock.h"
 #include "service/last_errors.h"
 #include "service/listing/folder_listing.h"
@@ -82,6 +83,7 @@ class Service {
   std::shared_ptr<EditedContents> edited_;
   std::shared_ptr<EditSender> sender_;
   std::shared_ptr<FolderListing> listing_;
+  std::shared_ptr<Keeper> keeper_;
   std::unique_ptr<Mount> mount_;
   std::shared_ptr<Follower> follower_;
   std::unique_ptr<ControlCommands> commands_;

@@ -1,10 +1,12 @@
 #include "service/control/control_commands.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <optional>
 #include <utility>
 #include <vector>
 
+#include "base/base64.h"
 #include "base/time.h"
 #include "fileprovider/error_codes.h"
 #include "service/contents/lost_and_found.h"
@@ -128,6 +130,10 @@ json::Object followStatus(const Follower::Status& status) {
   return object;
 }
 
+json::Object keptStatus(const Keeper::Status& status) {
+  return {{"items", status.items}, {"waiting", status.waiting}, {"failing", status.failing}};
+}
+
 }  // namespace
 
 ControlCommands::ControlCommands(Parts parts)
@@ -142,6 +148,9 @@ void ControlCommands::handle(const json::Object& request, const std::shared_ptr<
   if (command == "info") return info(request, reply);
   if (command == "fetch") return fetch(request, reply);
   if (command == "evict") return evict(request, reply);
+  if (command == "keep") return keep(KeepOperation::Action::keep, request, reply);
+  if (command == "unkeep") return keep(KeepOperation::Action::stopKeeping, request, reply);
+  if (command == "thumbnail") return thumbnail(request, reply);
   if (command == "drain") return drain(reply);
   if (command == "trash") return trash(TrashOperation::Action::list, request, true, reply);
   if (command == "trash-restore") return trash(TrashOperation::Action::restore, request, false, reply);
@@ -190,6 +199,7 @@ json::Object ControlCommands::status() const {
           {"items", replica.itemCount()},
           {"files_here", parts_.contents->filesHere()},
           {"bytes_here", parts_.contents->bytesHere()},
+          {"kept", keptStatus(parts_.keeper->status())},
           {"edits", editStatus()},
           {"transfers", std::move(transfers)},
           {"names", std::move(names)},
@@ -294,7 +304,9 @@ void ControlCommands::info(const json::Object& request, const std::shared_ptr<Co
     object["identifier"] = controlText(item->itemIdentifier.text);
     object["server_name"] = controlText(item->filename);
     object["content_type"] = controlText(item->contentType);
-    object["policy"] = policyText(item->contentPolicy);
+    const auto keptBy = replica.keptBy(inode);
+    object["policy"] = keptBy && *keptBy != inode ? "kept downloaded with its folder" : policyText(item->contentPolicy);
+    object["kept"] = keptBy.has_value();
     object["content_version"] = controlText(item->itemVersion.contentVersion);
     object["metadata_version"] = controlText(item->itemVersion.metadataVersion);
     object["shared"] = item->isShared;
@@ -322,14 +334,52 @@ void ControlCommands::evict(const json::Object& request, const std::shared_ptr<C
   if (!inodes) return refuse(reply, "expected \"inodes\", a list of numbers");
   std::int64_t done = 0;
   json::Array failures;
+  const auto& replica = parts_.tree.replica();
   for (const auto inode : *inodes) {
-    if (const auto error = parts_.contents->evict(inode)) {
-      failures.push_back(itemFailure(parts_.tree.replica(), inode, *error));
+    auto error = replica.keptBy(inode) ? std::optional(Error::posix(EBUSY, "it is kept downloaded"))
+                                       : parts_.contents->evict(inode);
+    if (error) {
+      failures.push_back(itemFailure(replica, inode, *error));
     } else {
       ++done;
     }
   }
   reply->finish({{"done", done}, {"failures", std::move(failures)}});
+}
+
+void ControlCommands::keep(KeepOperation::Action action, const json::Object& request,
+                           const std::shared_ptr<ControlReply>& reply) const {
+  auto inodes = inodesOf(request);
+  if (!inodes) return refuse(reply, "expected \"inodes\", a list of numbers");
+  std::make_shared<KeepOperation>(KeepOperation::Parts{.tree = parts_.tree,
+                                                       .extension = parts_.extension,
+                                                       .contents = parts_.contents,
+                                                       .keeper = parts_.keeper,
+                                                       .scheduler = parts_.scheduler},
+                                  action, std::move(*inodes), json::boolean(request, "wait").value_or(false), reply)
+      ->start();
+}
+
+void ControlCommands::thumbnail(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const {
+  const auto number = json::integer(request, "inode");
+  const auto width = json::integer(request, "width").value_or(0);
+  const auto height = json::integer(request, "height").value_or(0);
+  if (!number || *number <= 0) return refuse(reply, "expected \"inode\"");
+  if (width <= 0 || height <= 0) return refuse(reply, "expected \"width\" and \"height\"");
+  const auto identifier = parts_.tree.replica().identifierOf(static_cast<Inode>(*number));
+  if (!identifier) return reply->fail(control::CODE_NO_SUCH_ITEM, "there is no such item any more");
+
+  const ThumbnailSize size{.width = static_cast<double>(width), .height = static_cast<double>(height)};
+  const auto image = std::make_shared<Result<std::optional<std::string>>>();
+  const auto progress = parts_.extension.fetchThumbnails(
+      {*identifier}, size, [image](const ItemIdentifier&, auto result) { *image = std::move(result); },
+      [image, reply](std::optional<Error> error) {
+        if (!error && !*image) error = image->error();
+        if (error) return reply->fail(controlCode(*error), controlText(error->localizedDescription()));
+        if (!**image) return reply->fail(control::CODE_FAILED, "there is no thumbnail of it");
+        reply->finish({{"image", base64(***image)}});
+      });
+  reply->whenAbandoned([progress] { progress->cancel(); });
 }
 
 }  // namespace vondle

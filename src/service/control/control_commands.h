@@ -9,10 +9,12 @@
 #include "platform/scheduler.h"
 #include "service/contents/content_store.h"
 #include "service/control/control_server.h"
+#include "service/control/keep_operation.h"
 #include "service/control/trash_operation.h"
 #include "service/edits/edit_sender.h"
 #include "service/edits/local_edits.h"
 #include "service/follow/follower.h"
+#include "service/follow/keeper.h"
 #include "service/last_errors.h"
 #include "service/replica/tree.h"
 
@@ -25,6 +27,11 @@ namespace vondle {
 //   info     inode: N           what is known of an item
 //   fetch    inodes: [N, …]     downloads files, with progress; ends with how many are done and which failed
 //   evict    inodes: [N, …]     drops local copies
+//   keep     inodes: [N, …], wait: BOOLEAN
+//                               keeps items downloaded; with wait, ends when all is here, with progress
+//   unkeep   inodes: [N, …]     keeps them no more and drops their local copies
+//   thumbnail  inode: N, width: N, height: N
+//                               answers an image as the server has it, in base64
 //   drain                       sends all edits, with progress; ends with those that are left and why
 //   trash                       lists the server's trash
 //   trash-restore  ids: [ID, …] brings back what is in the trash, with progress; ends with how many and which failed
@@ -39,6 +46,7 @@ class ControlCommands {
     std::shared_ptr<ContentStore> contents;
     LastErrors& errors;
     std::shared_ptr<Follower> follower;
+    std::shared_ptr<Keeper> keeper;
     std::shared_ptr<LocalEdits> edits;
     std::shared_ptr<EditSender> sender;
     ReplicatedExtension& extension;
@@ -68,6 +76,9 @@ class ControlCommands {
   void info(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const;
   void fetch(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const;
   void evict(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const;
+  void keep(KeepOperation::Action action, const json::Object& request,
+            const std::shared_ptr<ControlReply>& reply) const;
+  void thumbnail(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const;
   void drain(const std::shared_ptr<ControlReply>& reply) const;
   void trash(TrashOperation::Action action, const json::Object& request, bool isAll,
              const std::shared_ptr<ControlReply>& reply) const;

@@ -88,10 +88,13 @@ class ControlCommandsTest : public testing::Test {
                           .clock = scheduler_,
                           .temporaryNames = TemporaryNames()});
     sender_->start();
+    keeper_ = std::make_shared<Keeper>(*tree_, contents_, listing_, scheduler_);
+    tree_->subscribe([this](const auto& changes) { keeper_->apply(changes); });
     commands_ = std::make_unique<ControlCommands>(ControlCommands::Parts{.tree = *tree_,
                                                                          .contents = contents_,
                                                                          .errors = errors_,
                                                                          .follower = follower_,
+                                                                         .keeper = keeper_,
                                                                          .edits = edits_,
                                                                          .sender = sender_,
                                                                          .extension = *extension_,
@@ -108,12 +111,14 @@ class ControlCommandsTest : public testing::Test {
   }
   ~ControlCommandsTest() override {
     sender_->stop();
+    keeper_->stop();
     extension_->letAnswersGo();
     follower_->stop();
     contents_->close(Error(COCOA_ERROR_DOMAIN, USER_CANCELLED));
     listing_->close(Error(COCOA_ERROR_DOMAIN, USER_CANCELLED));
     scheduler_.runUntilIdle();
     commands_.reset();
+    keeper_.reset();
     sender_.reset();
     edited_.reset();
     edits_.reset();
@@ -163,6 +168,7 @@ class ControlCommandsTest : public testing::Test {
   std::shared_ptr<EditSender> sender_;
   std::shared_ptr<FolderListing> listing_;
   std::shared_ptr<Follower> follower_;
+  std::shared_ptr<Keeper> keeper_;
   std::unique_ptr<ControlCommands> commands_;
   int shown_ = 0;
   int stops_ = 0;
@@ -182,6 +188,11 @@ TEST_F(ControlCommandsTest, BadRequestsAreRefusedAndChangeNothing) {
       {{"command", "fetch"}, {"inodes", json::Array{1, "2"}}},
       {{"command", "evict"}, {"inodes", json::Array{-1}}},
       {{"command", "evict"}, {"inodes", json::Object{}}},
+      {{"command", "keep"}},
+      {{"command", "unkeep"}, {"inodes", "all"}},
+      {{"command", "thumbnail"}, {"width", 1}, {"height", 1}},
+      {{"command", "thumbnail"}, {"inode", 1}},
+      {{"command", "thumbnail"}, {"inode", 1}, {"width", 0}, {"height", 1}},
       {{"command", "trash-restore"}},
       {{"command", "trash-delete"}, {"ids", "x"}},
       {{"command", "trash-delete"}, {"ids", json::Array{1}}},
@@ -311,6 +322,123 @@ TEST_F(ControlCommandsTest, EvictDropsTheLocalCopy) {
   const auto busy = ask({{"command", "evict"}, {"inodes", json::Array{inode("a")}}});
   EXPECT_EQ(json::integer(*busy->result, "done"), 0);
   EXPECT_EQ(json::listOfObjects(*busy->result, "failures")->size(), 1u);
+}
+
+TEST_F(ControlCommandsTest, KeepWaitsUntilEverythingIsHere) {
+  extension_->addFile("letter", "docs", "letter", "0123456789");
+  extension_->addFile("diary", "docs", "diary", "0123456789");
+  extension_->holdAnswers();
+  const auto reply =
+      ask({{"command", "keep"}, {"inodes", json::Array{inode("docs"), inode("a"), inode("a")}}, {"wait", true}});
+  EXPECT_FALSE(reply->result);
+  while (extension_->heldCount() > 0) {
+    extension_->letOneGo();
+    scheduler_.advance(seconds(1));
+  }
+  ASSERT_TRUE(reply->result);
+  EXPECT_EQ(json::integer(*reply->result, "done"), 2);
+  EXPECT_EQ(json::integer(*reply->result, "files"), 3);
+  EXPECT_TRUE(json::list(*reply->result, "failures")->empty());
+  EXPECT_EQ(json::integer(reply->progresses.back(), "files"), 3);
+  EXPECT_EQ(json::integer(reply->progresses.back(), "bytes"), 25);
+  EXPECT_EQ(json::integer(reply->progresses.back(), "bytes_done"), 25);
+  EXPECT_EQ(contents_->filesHere(), 3u);
+
+  const auto status = *ask({{"command", "status"}})->result;
+  EXPECT_EQ(json::integer(*json::object(status, "kept"), "items"), 2);
+  EXPECT_EQ(json::integer(*json::object(status, "kept"), "waiting"), 0);
+  const auto info = [&](const std::string& id) { return *ask({{"command", "info"}, {"inode", inode(id)}})->result; };
+  EXPECT_EQ(json::text(info("docs"), "policy"), "kept downloaded");
+  EXPECT_EQ(json::text(info("diary"), "policy"), "kept downloaded with its folder");
+  EXPECT_EQ(json::boolean(info("diary"), "kept"), true);
+  EXPECT_EQ(json::text(info("f0"), "policy"), "downloaded when read");
+  EXPECT_EQ(json::boolean(info("f0"), "kept"), false);
+}
+
+TEST_F(ControlCommandsTest, KeepReturnsAtOnceWhenItIsNotToWait) {
+  extension_->holdAnswers();
+  const auto reply = ask({{"command", "keep"}, {"inodes", json::Array{inode("a")}}});
+  while (!reply->result && extension_->letOneGo()) scheduler_.runUntilIdle();
+  ASSERT_TRUE(reply->result);
+  EXPECT_EQ(json::integer(*reply->result, "done"), 1);
+  EXPECT_EQ(contents_->filesHere(), 0u);
+  extension_->letAnswersGo();
+  scheduler_.runUntilIdle();
+  EXPECT_EQ(contents_->filesHere(), 1u);
+}
+
+TEST_F(ControlCommandsTest, KeepTellsWhatCouldNotBeFetchedAndGoesOnTrying) {
+  extension_->failFetches(Error(FILE_PROVIDER_ERROR_DOMAIN, SERVER_UNREACHABLE, "no server"));
+  const auto reply = ask({{"command", "keep"}, {"inodes", json::Array{inode("a")}}, {"wait", true}});
+  scheduler_.advance(seconds(1));
+  ASSERT_TRUE(reply->result);
+  const auto* failures = json::listOfObjects(*reply->result, "failures");
+  ASSERT_EQ(failures->size(), 1u);
+  EXPECT_EQ(json::text(failures->front().get_object(), "code"), control::CODE_UNREACHABLE);
+  extension_->failFetches(std::nullopt);
+  scheduler_.advance(seconds(5));
+  EXPECT_EQ(contents_->filesHere(), 1u);
+}
+
+TEST_F(ControlCommandsTest, KeepWorksWhileTheServerCannotBeAsked) {
+  extension_->failLookups(Error(FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM));
+  const auto reply = ask({{"command", "keep"}, {"inodes", json::Array{inode("docs")}}});
+  EXPECT_EQ(json::integer(*reply->result, "done"), 1);
+  EXPECT_TRUE(replica_->attributes(inode("docs"))->keepDownloaded);
+  ask({{"command", "unkeep"}, {"inodes", json::Array{inode("docs")}}});
+  EXPECT_FALSE(replica_->attributes(inode("docs"))->keepDownloaded);
+}
+
+TEST_F(ControlCommandsTest, KeepGoesOnWhenTheClientLeaves) {
+  extension_->holdAnswers();
+  const auto reply = ask({{"command", "keep"}, {"inodes", json::Array{inode("a")}}, {"wait", true}});
+  while (contents_->transfers().empty() && extension_->letOneGo()) scheduler_.runUntilIdle();
+  reply->abandoned();
+  scheduler_.advance(seconds(1));
+  EXPECT_TRUE(reply->result);
+  extension_->letAnswersGo();
+  scheduler_.runUntilIdle();
+  EXPECT_EQ(contents_->filesHere(), 1u);
+}
+
+TEST_F(ControlCommandsTest, KeepRefusesWhatItIsNotFor) {
+  makeFolder("new");
+  const auto made = replica_->lookup(ROOT_INODE, "new")->inode;
+  const auto reply = ask({{"command", "keep"}, {"inodes", json::Array{ROOT_INODE, made, 4711, inode("a")}}});
+  EXPECT_EQ(json::integer(*reply->result, "done"), 1);
+  EXPECT_EQ(json::list(*reply->result, "failures")->size(), 3u);
+}
+
+TEST_F(ControlCommandsTest, UnkeepDropsTheLocalCopies) {
+  extension_->addFile("letter", "docs", "letter", "0123456789");
+  ask({{"command", "keep"}, {"inodes", json::Array{inode("docs"), inode("a")}}});
+  ASSERT_EQ(contents_->filesHere(), 2u);
+  const auto inside = ask({{"command", "unkeep"}, {"inodes", json::Array{inode("letter")}}});
+  EXPECT_EQ(json::integer(*inside->result, "done"), 0);
+  EXPECT_EQ(json::list(*inside->result, "failures")->size(), 1u);
+  EXPECT_EQ(contents_->filesHere(), 2u);
+
+  const auto reply = ask({{"command", "unkeep"}, {"inodes", json::Array{inode("docs"), inode("a")}}});
+  EXPECT_EQ(json::integer(*reply->result, "done"), 2);
+  EXPECT_EQ(contents_->filesHere(), 0u);
+  EXPECT_EQ(keeper_->status().items, 0u);
+}
+
+TEST_F(ControlCommandsTest, EvictRefusesWhatIsKept) {
+  ask({{"command", "keep"}, {"inodes", json::Array{inode("a")}}});
+  const auto reply = ask({{"command", "evict"}, {"inodes", json::Array{inode("a")}}});
+  EXPECT_EQ(json::integer(*reply->result, "done"), 0);
+  EXPECT_EQ(contents_->filesHere(), 1u);
+}
+
+TEST_F(ControlCommandsTest, ThumbnailAnswersTheImage) {
+  extension_->addThumbnail("a", "foobar");
+  const auto thumbnail = [&](std::int64_t number) {
+    return ask({{"command", "thumbnail"}, {"inode", number}, {"width", 64}, {"height", 48}});
+  };
+  EXPECT_EQ(json::text(*thumbnail(static_cast<std::int64_t>(inode("a")))->result, "image"), "Zm9vYmFy");
+  EXPECT_EQ(thumbnail(static_cast<std::int64_t>(inode("f0")))->code, control::CODE_FAILED);
+  EXPECT_EQ(thumbnail(4711)->code, control::CODE_NO_SUCH_ITEM);
 }
 
 TEST_F(ControlCommandsTest, StatusAndInfoTellWhatIsNotOnTheServerYet) {

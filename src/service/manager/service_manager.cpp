@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "fileprovider/error_codes.h"
+#include "service/contents/eviction.h"
 
 namespace vondle {
 
@@ -31,7 +32,7 @@ void ServiceManager::evictItem(ItemIdentifier identifier, Completion<std::option
   queue_->post([&tree = tree_, contents = contents_, identifier = std::move(identifier),
                 completion = std::move(completion)]() mutable {
     const auto inode = tree.replica().inodeOf(identifier);
-    std::move(completion)(inode ? contents->evict(*inode) : noSuchItem());
+    std::move(completion)(inode ? evictAll(tree.replica(), *contents, *inode) : noSuchItem());
   });
 }
 

@@ -19,6 +19,7 @@ class ServiceManager final : public Manager {
 
   // All containers' news come through the working set.
   void signalEnumerator(ItemIdentifier container, Completion<std::optional<Error>> completion) override;
+  // Of a folder: of every file in it.
   void evictItem(ItemIdentifier identifier, Completion<std::optional<Error>> completion) override;
   // Also for an item whose file is not here.
   void getUserVisibleURL(ItemIdentifier identifier, Completion<Result<std::string>> completion) override;

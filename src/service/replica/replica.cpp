@@ -148,6 +148,19 @@ bool Replica::isAtOrAbove(Inode candidate, Inode inode) const {
   return above != NONE && slot != NONE && state_.index.isAtOrAbove(above, slot);
 }
 
+std::optional<Inode> Replica::keptBy(Inode inode) const {
+  MutexLock hold(lock_);
+  if (state_.kept.empty()) return std::nullopt;
+  for (Slot slot = state_.index.find(inode); slot != NONE; slot = state_.index.parent(slot))
+    if (state_.index.facts(slot).keepDownloaded) return state_.index.inode(slot);
+  return std::nullopt;
+}
+
+std::vector<Inode> Replica::keptItems() const {
+  MutexLock hold(lock_);
+  return {state_.kept.begin(), state_.kept.end()};
+}
+
 std::optional<Place> Replica::placeOf(Inode inode) const {
   MutexLock hold(lock_);
   const Slot slot = state_.index.find(inode);

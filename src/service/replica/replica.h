@@ -73,6 +73,10 @@ class Replica {
   [[nodiscard]] Result<Item> item(Inode inode) const;
   // The first is the second or above it.
   [[nodiscard]] bool isAtOrAbove(Inode candidate, Inode inode) const EXCLUDES(lock_);
+  // The item itself or the nearest folder above it whose own policy is to be kept downloaded, with all that is in it.
+  [[nodiscard]] std::optional<Inode> keptBy(Inode inode) const EXCLUDES(lock_);
+  // All items of such a policy, in no particular order.
+  [[nodiscard]] std::vector<Inode> keptItems() const EXCLUDES(lock_);
   // Its folder and its server name; none for the root.
   [[nodiscard]] std::optional<Place> placeOf(Inode inode) const EXCLUDES(lock_);
   [[nodiscard]] std::vector<NamedDifferently> problems() const EXCLUDES(lock_);

@@ -34,6 +34,7 @@ Error damage() {
 struct Share {
   ItemIndex::Part part;
   std::vector<std::pair<Inode, std::string>> oddNames;  // as the server has them
+  std::vector<Inode> kept;                              // downloaded
   std::optional<bool> isRootListed;
   Result<void> result;
 
@@ -47,7 +48,9 @@ struct Share {
       result = failure(damage());
       return;
     }
-    part.add(row.inode, row.parent, row.identifier, row.localName, factsOf(row));
+    const auto facts = factsOf(row);
+    part.add(row.inode, row.parent, row.identifier, row.localName, facts);
+    if (facts.keepDownloaded) kept.push_back(row.inode);
     if (row.localName != row.serverName) oddNames.emplace_back(row.inode, row.serverName);
   }
 };
@@ -89,8 +92,10 @@ Result<void> loadTree(ReplicaStore& store, TreeState& state) {
     state.index.facts(state.index.find(ROOT_INODE)).isListed = *share.isRootListed;
   }
   if (!state.index.take(std::move(parts))) return failure(damage());
-  for (const Share& share : shares)
+  for (const Share& share : shares) {
     for (const auto& [inode, serverName] : share.oddNames) state.noteNames(state.index.find(inode), serverName);
+    state.kept.insert(share.kept.begin(), share.kept.end());
+  }
   if (!hasRoot) {
     const Item root = TreeState::rootItem();
     store.write({.upserts = {{.inode = ROOT_INODE, .parent = 0, .localName = {}, .isListed = false, .item = &root}},

@@ -170,6 +170,8 @@ void TreeEdit::takeDeletionOfUnseen(const ItemIdentifier& identifier) {
 void TreeEdit::listAgain(Slot folder) {
   setListed(folder, false);
   state_.listedBefore.insert(index().inode(folder));
+  // Whoever keeps the folder downloaded must hear of it, also when no name goes.
+  if (!state_.kept.empty()) say({ReplicaChange::Kind::attributesChanged, 0, {}, index().inode(folder)});
   for (Slot child = index().firstChild(folder); child != NONE; child = index().nextSibling(child))
     say({ReplicaChange::Kind::entryRemoved, index().inode(folder), std::string(index().name(child)),
          index().inode(child)});
@@ -269,6 +271,7 @@ void TreeEdit::put(Slot known, Slot folder, const Item& item) {
 ItemIndex::Slot TreeEdit::insert(Slot folder, std::string_view serverName, const ItemIdentifier& identifier,
                                  ItemIndex::Facts facts, bool isFirst) {
   state_.applyEdits(identifier.text, facts);
+  if (facts.keepDownloaded) state_.kept.insert(nextInode_);
   const Slot slot =
       index().insert(nextInode_++, identifier.text, chosenName(folder, serverName, identifier.text), facts);
   isFirst ? attachFirst(slot, folder, serverName) : attach(slot, folder, serverName);
@@ -295,6 +298,10 @@ void TreeEdit::changeFacts(Slot slot, ItemIndex::Facts changed) {
   facts = changed;
   facts.isListed = before.isListed;
   facts.isNamedDifferently = before.isNamedDifferently;
+  if (facts.keepDownloaded)
+    state_.kept.insert(inode);
+  else
+    state_.kept.erase(inode);
   if (!lookTheSame(before, facts)) say({ReplicaChange::Kind::attributesChanged, 0, {}, inode});
   if (facts.isFolder || before.contentTag == facts.contentTag) return;
   say({ReplicaChange::Kind::contentsChanged, 0, {}, inode});
@@ -480,6 +487,7 @@ void TreeEdit::removeNode(Slot slot, bool isTop) {
   if (!state_.edits.isEmpty()) dropAttributes({std::string(index().identifier(slot))});
   state_.forgetNames(slot);
   state_.listedBefore.erase(inode);
+  state_.kept.erase(inode);
   index().remove(slot);
   items_.erase(inode);
   homeless_.erase(inode);

@@ -65,10 +65,10 @@ void TreeState::applyEdits(std::string_view identifier, ItemIndex::Facts& facts)
     facts.size = edit->size;
     facts.modified = edit->modified.secondsSince1970;
   }
-  const LocalAttributes* kept = edits.attributesOf(identifier);
-  if (!kept) return;
-  if (kept->permissions) facts.permissions = static_cast<std::uint16_t>(*kept->permissions);
-  if (kept->modified && kept->contentTag == facts.contentTag) facts.modified = kept->modified->secondsSince1970;
+  const LocalAttributes* local = edits.attributesOf(identifier);
+  if (!local) return;
+  if (local->permissions) facts.permissions = static_cast<std::uint16_t>(*local->permissions);
+  if (local->modified && local->contentTag == facts.contentTag) facts.modified = local->modified->secondsSince1970;
 }
 
 ItemIndex::Facts TreeState::factsOf(const Edit& edit) const {

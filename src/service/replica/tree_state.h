@@ -45,6 +45,8 @@ struct TreeState {
   std::map<std::pair<Inode, std::string>, std::set<Inode>> wanted;
   // Folders that were listed since the start and are to be listed again; the kernel may remember their names.
   std::unordered_set<Inode> listedBefore;
+  // Items that are to be kept downloaded by their own policy.
+  std::unordered_set<Inode> kept;
   // What programs changed and the server has not.
   EditTable edits;
 
