@@ -4,12 +4,17 @@
 
 namespace vondle {
 
+void CurlCommandQueue::add(std::shared_ptr<CurlTask> task) {
+  MutexLock hold(lock_);
+  if (!closed_) tasks_.push_back(std::move(task));
+}
+
 // The wake-up is one write that can't block, and must not come after close: then the multi handle may be gone.
 void CurlCommandQueue::push(std::shared_ptr<CurlTask> task) {
   MutexLock hold(lock_);
   if (closed_) return;
   tasks_.push_back(std::move(task));
-  if (tasks_.size() == 1) curl_multi_wakeup(multi_);
+  if (!std::exchange(isAwake_, true)) curl_multi_wakeup(multi_);
 }
 
 void CurlCommandQueue::close() {
@@ -22,6 +27,7 @@ bool CurlCommandQueue::take(std::vector<std::shared_ptr<CurlTask>>& tasks) {
   tasks.clear();
   MutexLock hold(lock_);
   tasks.swap(tasks_);
+  isAwake_ = false;
   return !closed_;
 }
 

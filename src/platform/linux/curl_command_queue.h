@@ -17,6 +17,8 @@ class CurlCommandQueue {
  public:
   explicit CurlCommandQueue(CURLM* multi) : multi_(multi) {}
 
+  // A new task, which has no wishes yet: the network thread learns of it when it is next awake.
+  void add(std::shared_ptr<CurlTask> task) EXCLUDES(lock_);
   void push(std::shared_ptr<CurlTask> task) EXCLUDES(lock_);
   void close() EXCLUDES(lock_);
   // Moves out what has been pushed; false once closed.
@@ -26,6 +28,7 @@ class CurlCommandQueue {
   Mutex lock_;
   CURLM* const multi_;
   std::vector<std::shared_ptr<CurlTask>> tasks_ GUARDED_BY(lock_);
+  bool isAwake_ GUARDED_BY(lock_) = false;  // or about to be, and will take what is there
   bool closed_ GUARDED_BY(lock_) = false;
 };
 

@@ -58,7 +58,7 @@ std::shared_ptr<URLSessionTask> CurlURLSession::uploadTask(URLRequest request, s
 
 std::shared_ptr<URLSessionTask> CurlURLSession::makeTask(URLRequest request, std::string path) {
   auto task = std::make_shared<CurlTask>(network_, commands_, ++lastIdentifier_, std::move(request), std::move(path));
-  commands_->push(task);
+  commands_->add(task);
   return task;
 }
 
