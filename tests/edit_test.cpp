@@ -3,12 +3,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <future>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -48,6 +50,13 @@ using testing::UnorderedElementsAre;
 
 constexpr const char* KEY = "key-of-ann-0123456789";
 constexpr std::size_t LARGE = 104'857'600;
+
+// A PNG of one red dot.
+const std::string PICTURE(
+    "\x89PNG\r\n\x1a\n\0\0\0\rIHDR\0\0\0\1\0\0\0\1\x08\2\0\0\0\x90wS\xde\0\0\0\x0cIDATx\x9c"
+    "c\xf8\xcf\xc0\0\0\3\1\1\0\xc9\xfe\x92\xef\0\0\0\0IEND\xae"
+    "B`\x82",
+    69);
 
 // A folder in memory, where the system has such a place; gone at the end.
 class Folder {
@@ -161,6 +170,28 @@ class Client {
     std::filesystem::remove(fetched->path);
     return bytes;
   }
+  // By name; what has none is left out, what is an error shows.
+  std::map<std::string, std::string> thumbnails(const std::vector<Item>& items) {
+    std::vector<ItemIdentifier> identifiers;
+    for (const auto& item : items) identifiers.push_back(item.itemIdentifier);
+    std::mutex lock;
+    std::map<std::string, std::string> found;
+    const auto error = answerOf<std::optional<Error>>([&](auto done) {
+      extension_->fetchThumbnails(
+          identifiers, {.width = 256, .height = 256},
+          [&](const ItemIdentifier& identifier, Result<std::optional<std::string>> image) {
+            const std::scoped_lock hold(lock);
+            const auto name = std::ranges::find(items, identifier, &Item::itemIdentifier)->filename;
+            if (!image)
+              found[name] = "(" + image.error().localizedDescription() + ")";
+            else if (*image)
+              found[name] = **image;
+          },
+          std::move(done));
+    });
+    EXPECT_FALSE(error);
+    return found;
+  }
   // The files of a folder with what is in them.
   std::map<std::string, std::string> files(const ItemIdentifier& container = ROOT_CONTAINER) {
     std::map<std::string, std::string> found;
@@ -255,6 +286,25 @@ TEST_F(EditTest, AFileIsCreatedOverwrittenRenamedAndMoved) {
   EXPECT_THAT(other.names(), ElementsAre("papers"));
   EXPECT_THAT(other.files(other.at("old", other.at("papers").itemIdentifier).itemIdentifier),
               ElementsAre(Pair("final.txt", "the second")));
+}
+
+TEST_F(EditTest, ThumbnailsAreTheClientsOwnOrMadeByTheServerOnTheFirstRequest) {
+  const std::string JPEG = "\xff\xd8\xff";
+  ASSERT_TRUE(client_.create("ours.png", PICTURE));
+  ASSERT_TRUE(client_.create("notes.txt", "no picture"));
+  ASSERT_EQ(storage_.end(SIGTERM), 0);
+  folder_.write("pictures/theirs.png", PICTURE);
+  auto importing = arguments();
+  importing.insert(importing.end(), {"--import", folder_.path() + "/pictures"});
+  storage::StorageProgram storage(importing);
+  Client client(storage.port());
+
+  const auto items = client.list();
+  ASSERT_EQ(items.size(), 3u);
+  const auto found = client.thumbnails(items);
+  EXPECT_THAT(found,
+              ElementsAre(Pair("ours.png", testing::StartsWith(JPEG)), Pair("theirs.png", testing::StartsWith(JPEG))));
+  EXPECT_EQ(client.thumbnails(items), found);
 }
 
 TEST_F(EditTest, ContentsOfEverySizeArriveWhole) {
