@@ -31,6 +31,8 @@ constexpr int IDLE_SECONDS = 30;       // between two requests of a connection
 constexpr int TRANSFER_SECONDS = 600;  // without a byte; clients pause transfers
 constexpr std::size_t MAX_PATH = 512;
 constexpr std::size_t CHUNK = 256 * 1024;
+// Of a reply: a short one leaves in one piece, its headers with its body.
+constexpr std::size_t REPLY_BUFFER = 16 * 1024;
 // After an early refusal the rest of the body is read for so long, so that the client gets to see the refusal.
 constexpr int LINGER_MILLISECONDS = 2000;
 
@@ -46,7 +48,8 @@ bool waitFor(int socket, short events, int milliseconds) {
   }
 }
 
-// A connection as the HTTP library reads and writes it, with a buffer for reading.
+// A connection as the HTTP library reads and writes it, with buffers: what it has written leaves when there is enough
+// of it, before more is read, and with flush.
 class SocketStream final : public httplib::Stream {
  public:
   explicit SocketStream(int socket) : socket_(socket) {}
@@ -59,7 +62,7 @@ class SocketStream final : public httplib::Stream {
 
   ssize_t read(char* target, size_t size) override {
     if (next_ == end_) {
-      if (!waitFor(socket_, POLLIN, TRANSFER_SECONDS * 1000)) return -1;
+      if (!flush() || !waitFor(socket_, POLLIN, TRANSFER_SECONDS * 1000)) return -1;
       const ssize_t count = receive(buffer_.data(), buffer_.size());
       if (count <= 0) return count;
       next_ = 0;
@@ -72,11 +75,22 @@ class SocketStream final : public httplib::Stream {
   }
 
   ssize_t write(const char* bytes, size_t size) override {
-    if (!is_writable()) return -1;
-    for (;;) {
-      const ssize_t count = ::send(socket_, bytes, size, MSG_NOSIGNAL);
-      if (count >= 0 || errno != EINTR) return count;
+    if (reply_.size() + size <= REPLY_BUFFER) {
+      reply_.append(bytes, size);
+      return static_cast<ssize_t>(size);
     }
+    return flush() ? sendSome(bytes, size) : -1;
+  }
+
+  bool flush() {
+    std::size_t sent = 0;
+    while (sent < reply_.size()) {
+      const ssize_t count = sendSome(reply_.data() + sent, reply_.size() - sent);
+      if (count <= 0) return false;
+      sent += static_cast<std::size_t>(count);
+    }
+    reply_.clear();
+    return true;
   }
 
   void get_remote_ip_and_port(std::string& ip, int& port) const override { name(::getpeername, ip, port); }
@@ -85,6 +99,7 @@ class SocketStream final : public httplib::Stream {
 
   // Says that nothing more comes, and reads on for a moment what the client still sends.
   void linger() {
+    flush();
     ::shutdown(socket_, SHUT_WR);
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(LINGER_MILLISECONDS);
     while (std::chrono::steady_clock::now() < end && waitFor(socket_, POLLIN, LINGER_MILLISECONDS))
@@ -95,6 +110,14 @@ class SocketStream final : public httplib::Stream {
   ssize_t receive(char* target, std::size_t size) const {
     for (;;) {
       const ssize_t count = ::recv(socket_, target, size, 0);
+      if (count >= 0 || errno != EINTR) return count;
+    }
+  }
+
+  ssize_t sendSome(const char* bytes, std::size_t size) {
+    if (!is_writable()) return -1;
+    for (;;) {
+      const ssize_t count = ::send(socket_, bytes, size, MSG_NOSIGNAL);
       if (count >= 0 || errno != EINTR) return count;
     }
   }
@@ -113,6 +136,7 @@ class SocketStream final : public httplib::Stream {
   std::array<char, 64 * 1024> buffer_{};
   std::size_t next_ = 0;
   std::size_t end_ = 0;
+  std::string reply_;
 };
 
 std::multimap<std::string, std::string> queryOf(const httplib::Request& request) {
@@ -232,6 +256,7 @@ class HttpServer::Implementation final : public httplib::Server {
           request.ranges.clear();
           bodyIsLeft = hasBody(request);
         });
+        if (!stream.flush()) break;
         if (answered && understood && !closed && !bodyIsLeft) continue;
         if (answered && !closed) stream.linger();
         break;
