@@ -41,12 +41,12 @@ class RandomWrites {
     };
     // Those with small weights take long: they start a process, wait for the disk, or mount.
     static constexpr Choice CHOICES[] = {
-        {600, &RandomWrites::read},           {400, &RandomWrites::write},      {100, &RandomWrites::append},
-        {200, &RandomWrites::truncate},       {100, &RandomWrites::allocate},   {100, &RandomWrites::zero},
-        {60, &RandomWrites::beginSending},    {100, &RandomWrites::endSending}, {60, &RandomWrites::evict},
-        {100, &RandomWrites::reopen},         {60, &RandomWrites::compareSize}, {60, &RandomWrites::writeMapped},
-        {30, &RandomWrites::readMapped},      {10, &RandomWrites::synchronise}, {2, &RandomWrites::remount},
-        {60, &RandomWrites::changeElsewhere},
+        {600, &RandomWrites::read},        {400, &RandomWrites::write},      {100, &RandomWrites::append},
+        {200, &RandomWrites::truncate},    {100, &RandomWrites::allocate},   {100, &RandomWrites::zero},
+        {60, &RandomWrites::beginSending}, {100, &RandomWrites::endSending}, {60, &RandomWrites::evict},
+        {100, &RandomWrites::reopen},      {60, &RandomWrites::compareSize}, {30, &RandomWrites::writeMapped},
+        {30, &RandomWrites::readMapped},   {10, &RandomWrites::synchronise}, {2, &RandomWrites::remount},
+
     };
     static constexpr auto ALL = std::accumulate(std::begin(CHOICES), std::end(CHOICES), std::int64_t{0},
                                                 [](auto sum, const Choice& choice) { return sum + choice.weight; });
@@ -55,6 +55,10 @@ class RandomWrites {
     while (number >= choice->weight) number -= choice++->weight;
     return (this->*choice->act)();
   }
+
+  // What only happens to a file that was sent.
+  [[nodiscard]] int changesElsewhere() const { return changes_; }
+  [[nodiscard]] int evictions() const { return evictions_; }
 
   // As others see it.
   void compareAll() {
@@ -192,7 +196,8 @@ class RandomWrites {
     }
     outgoing_ = *outgoing;
     sentText_ = textOf(outgoing_->path);
-    return "begin sending";
+    // Often nothing happens until it is there.
+    return below(2) == 0 ? "begin sending" : "begin sending, " + endSending();
   }
   // What was sent is as it was when it began, and the server has it now, or not.
   std::string endSending() {
@@ -212,7 +217,14 @@ class RandomWrites {
                           [&](const LocalEdits::Outcome& outcome) { saved.set_value(outcome); });
     const auto outcome = saved.get_future().get();
     rig_.edited->endSending(outgoing, outcome, true);
-    return outcome.isContentsDone ? "sent" : "sent, and more to send";
+    return outcome.isContentsDone ? "sent, " + goOnClean() : "sent, and more to send";
+  }
+  // What can happen only to a file that is as on the server.
+  std::string goOnClean() {
+    const auto choice = below(3);
+    if (choice == 2) return read();
+    const auto done = choice == 0 ? evict() : changeElsewhere();
+    return done + ", " + read();
   }
   // By another device, when nothing of ours is in the way.
   std::string changeElsewhere() {
@@ -221,10 +233,22 @@ class RandomWrites {
     if (isEdited() || ::fsync(descriptor_) != 0 || isEdited()) return "not changed elsewhere";
     expected_ = someText(below(LIMIT));
     rig_.announce({rig_.extension.addFile("1", ROOT_CONTAINER.text, "file", expected_, ++version_)});
+    ++changes_;
     compareSize();
     return fmt::format("changed elsewhere {}", expected_.size());
   }
-  std::string evict() { return rig_.contents->evict(inode()) ? "not evicted" : "evicted"; }
+  // What was sent becomes the downloaded copy a moment later.
+  std::string evict() {
+    const auto number = inode();
+    std::optional<Error> refused;
+    eventually([&] {
+      refused = rig_.contents->evict(number);
+      return !refused || rig_.edits->ofItem(number);
+    });
+    if (refused) return "not evicted";
+    ++evictions_;
+    return "evicted";
+  }
   std::string reopen() {
     ::close(descriptor_);
     if (below(8) > 0) return open(), "reopen";
@@ -264,6 +288,8 @@ class RandomWrites {
   std::optional<Edit> sent_;
   std::string sentText_;
   int version_ = 0;
+  int changes_ = 0;
+  int evictions_ = 0;
 };
 
 std::uint64_t numberFromEnvironment(const char* name, std::uint64_t otherwise) {
@@ -287,6 +313,7 @@ TEST(MountRandomTest, AFileStaysWhatItWouldBeOnALocalDisk) {
     if (i % 64 == 0) writes.compareAll();
   }
   writes.compareAll();
+  fmt::print("{} changes by another device, {} evictions\n", writes.changesElsewhere(), writes.evictions());
   if (!testing::Test::HasFailure()) return;
   fmt::print("seed {}, the last acts:\n", seed);
   for (const auto& act : last) fmt::print("{}\n", act);
