@@ -217,6 +217,14 @@ TEST_F(WriteContentsTest, AFileThatTheServerCouldNotBeAskedAboutIsNotSaidToBeMis
   EXPECT_THAT(writes(), IsEmpty());
 }
 
+TEST_F(WriteContentsTest, WhatWasLookedUpIsKnownAlsoWhenTheEditFails) {
+  refuse("content-url", 500);
+  ASSERT_FALSE(write());
+  const auto before = calls().size();
+  see("7");
+  EXPECT_EQ(calls().size(), before);
+}
+
 TEST_F(WriteContentsTest, GoesByWhatIsKnownWhenTheServerFails) {
   see("7");
   itemFailure = networkFailure();
@@ -354,6 +362,24 @@ struct WriteLargeContentsTest : WriteContentsTest {
     machine.files.put(CONTENTS, std::string(static_cast<std::size_t>(size), 'x'));
     machine.files.setModificationTime(CONTENTS, {1'700'000'000.75});
   }
+  // Contents of two parts that have another size when the first has arrived.
+  void resizeAfterTheFirstPart(std::int64_t size) {
+    putContents(7);
+    take("content-url", R"({"key":"k9","upload_id":"u9","part_size":4})");
+    machine.urlLoading.onRequest(std::string(STORE) + "part1", [this, size](const URLRequest&) {
+      putContents(size);
+      auto taken = reply("");
+      taken.headers = {{"ETag", "tag"}};
+      return taken;
+    });
+    machine.urlLoading.onRequest(std::string(API) + "upload-parts", [](const URLRequest& request) {
+      const auto number = json::parseObject(request.body.value())->at("parts").at(0).as_int64();
+      auto later = reply(json::serialize(
+          json::Object{{"parts", json::Array{json::Object{{"url", STORE + ("part" + std::to_string(number))}}}}}));
+      if (number == 2) later.delay = seconds(5);
+      return later;
+    });
+  }
   MultipartResume saved{machine.files, scheduler};
 };
 
@@ -396,8 +422,15 @@ TEST_F(WriteLargeContentsTest, APreviewGoesUpBeforeTheCommit) {
        R"({"key":"k9","upload_id":"u9","part_size":4,"thumb_upload_url":"https://store.example/thumb"})");
   store("thumb");
   ASSERT_TRUE(write());
-  EXPECT_EQ(commits().back(), R"(content-commit {"id":"7","base_version":4,"key":"k9","thumb":true})");
+  const auto lines = writes();
+  ASSERT_GE(lines.size(), 2U);
+  EXPECT_EQ(lines[lines.size() - 2], "PUT thumb");
+  EXPECT_EQ(lines.back(), R"(content-commit {"id":"7","base_version":4,"key":"k9","thumb":true})");
   EXPECT_THAT(writes(), Not(Contains(HasSubstr("notify-upload"))));
+
+  machine.previews.setAnswer(std::nullopt);
+  ASSERT_TRUE(write());
+  EXPECT_EQ(commits().back(), R"(content-commit {"id":"7","base_version":4,"key":"k9"})");
 }
 
 TEST_F(WriteLargeContentsTest, AnInterruptedUploadIsSavedAndContinued) {
@@ -464,22 +497,8 @@ TEST_F(WriteLargeContentsTest, ARefusedCommitKeepsTheJoinedParts) {
 }
 
 TEST_F(WriteLargeContentsTest, AFileThatShrinksMeanwhileIsAbandoned) {
-  putContents(7);
-  take("content-url", R"({"key":"k9","upload_id":"u9","part_size":4})");
   take("upload-abort");
-  machine.urlLoading.onRequest(std::string(STORE) + "part1", [this](const URLRequest&) {
-    putContents(5);
-    auto taken = reply("");
-    taken.headers = {{"ETag", "tag"}};
-    return taken;
-  });
-  machine.urlLoading.onRequest(std::string(API) + "upload-parts", [](const URLRequest& request) {
-    const auto number = json::parseObject(request.body.value())->at("parts").at(0).as_int64();
-    auto later = reply(json::serialize(
-        json::Object{{"parts", json::Array{json::Object{{"url", STORE + ("part" + std::to_string(number))}}}}}));
-    if (number == 2) later.delay = seconds(5);
-    return later;
-  });
+  resizeAfterTheFirstPart(5);
   Answer answer;
   extension().modifyItem(wanted("7", "a.txt"), {"4-10", ""}, FIELD_CONTENTS, CONTENTS, 0, {}, answer.completion());
   scheduler.advance(seconds(10));
@@ -488,6 +507,17 @@ TEST_F(WriteLargeContentsTest, AFileThatShrinksMeanwhileIsAbandoned) {
   EXPECT_TRUE(answer.value().error().underlying->is(COCOA_ERROR_DOMAIN, FILE_READ_UNKNOWN));
   EXPECT_THAT(writes(), Contains(StartsWith("upload-abort ")));
   EXPECT_THAT(commits(), IsEmpty());
+}
+
+TEST_F(WriteLargeContentsTest, AFileThatGrowsMeanwhileGoesUpAsLongAsItWas) {
+  resizeAfterTheFirstPart(12);
+  Answer answer;
+  extension().modifyItem(wanted("7", "a.txt"), {"4-10", ""}, FIELD_CONTENTS, CONTENTS, 0, {}, answer.completion());
+  scheduler.advance(seconds(10));
+  EXPECT_TRUE(answer.value());
+  EXPECT_EQ(machine.urlLoading.task("/part1").sentBody(), "xxxx");
+  EXPECT_EQ(machine.urlLoading.task("/part2").sentBody(), "xxx");
+  EXPECT_THAT(commits(), ElementsAre(StartsWith("content-commit ")));
 }
 
 }  // namespace

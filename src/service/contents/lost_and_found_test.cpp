@@ -129,7 +129,7 @@ class CutQueueTest : public LostAndFoundTest {
     void create(const std::string& name, std::string_view bytes) {
       const auto file = edited->makeEmpty().value();
       put(file->path(), bytes);
-      edits->createFile(ROOT_INODE, name, file->number(), false,
+      edits->createFile(ROOT_INODE, name, file->number(), 0600,
                         [&](const Result<ItemAttributes>& made) { edited->keep(made.value().inode, file); });
       scheduler.runUntilIdle();
     }
