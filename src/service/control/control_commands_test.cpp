@@ -355,6 +355,21 @@ TEST_F(ControlCommandsTest, KeepWaitsUntilEverythingIsHere) {
   EXPECT_EQ(json::boolean(info("f0"), "kept"), false);
 }
 
+TEST_F(ControlCommandsTest, KeepWaitsForFoldersThatWereNeverListed) {
+  extension_->addFile("letter", "docs", "letter", "0123456789");
+  extension_->holdAnswers();
+  const auto reply = ask({{"command", "keep"}, {"inodes", json::Array{inode("docs")}}, {"wait", true}});
+  while (extension_->listingsOf("docs") == 0 && extension_->heldCount() > 0) {
+    EXPECT_FALSE(reply->result);
+    scheduler_.advance(seconds(1));
+    extension_->letOneGo();
+  }
+  extension_->letAnswersGo();
+  scheduler_.advance(seconds(1));
+  ASSERT_TRUE(reply->result);
+  EXPECT_EQ(json::integer(*reply->result, "files"), 1);
+}
+
 TEST_F(ControlCommandsTest, KeepReturnsAtOnceWhenItIsNotToWait) {
   extension_->holdAnswers();
   const auto reply = ask({{"command", "keep"}, {"inodes", json::Array{inode("a")}}});
@@ -377,6 +392,17 @@ TEST_F(ControlCommandsTest, KeepTellsWhatCouldNotBeFetchedAndGoesOnTrying) {
   EXPECT_EQ(json::text(failures->front().get_object(), "code"), control::CODE_UNREACHABLE);
   extension_->failFetches(std::nullopt);
   scheduler_.advance(seconds(5));
+  EXPECT_EQ(contents_->filesHere(), 1u);
+}
+
+TEST_F(ControlCommandsTest, KeepTriesAtOnceWhatHasFailedBefore) {
+  extension_->failFetches(Error(FILE_PROVIDER_ERROR_DOMAIN, SERVER_UNREACHABLE, "no server"));
+  ask({{"command", "keep"}, {"inodes", json::Array{inode("a")}}});
+  extension_->failFetches(std::nullopt);
+  const auto reply = ask({{"command", "keep"}, {"inodes", json::Array{inode("a")}}, {"wait", true}});
+  scheduler_.advance(seconds(1));
+  ASSERT_TRUE(reply->result);
+  EXPECT_TRUE(json::list(*reply->result, "failures")->empty());
   EXPECT_EQ(contents_->filesHere(), 1u);
 }
 

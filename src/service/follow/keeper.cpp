@@ -131,29 +131,27 @@ void Keeper::failed(Inode inode, const Error& error) {
     const auto self = weak.lock();
     if (!self) return;
     self->retryDelay_ = std::min(2 * self->retryDelay_, LAST_RETRY);
-    self->retry();
+    self->retry(self->takeFailures());
   });
 }
 
 void Keeper::retryNow() {
-  {
-    MutexLock hold(lock_);
-    if (failures_.empty()) return;
-  }
-  queue_->post([self = shared_from_this()] {
+  auto failures = takeFailures();
+  if (failures.empty()) return;
+  queue_->post([self = shared_from_this(), failures = std::move(failures)] {
     self->queue_->cancel(self->timer_);
     self->retryDelay_ = FIRST_RETRY;
-    self->retry();
+    self->retry(failures);
   });
 }
 
-void Keeper::retry() {
+std::map<Inode, Error> Keeper::takeFailures() {
+  MutexLock hold(lock_);
+  return std::exchange(failures_, {});
+}
+
+void Keeper::retry(const std::map<Inode, Error>& failures) {
   timer_ = 0;
-  std::map<Inode, Error> failures;
-  {
-    MutexLock hold(lock_);
-    failures.swap(failures_);
-  }
   for (const auto& [inode, error] : failures) take(inode);
   work();
 }

@@ -55,7 +55,7 @@ class Keeper : public std::enable_shared_from_this<Keeper> {
   void start();
   // What the changes mean for what is kept; subscribe it to the Tree, after the contents.
   void apply(const std::vector<ReplicaChange>& changes);
-  // Tries at once what has failed.
+  // Tries at once what has failed, which does not count as failed from here on.
   void retryNow() EXCLUDES(lock_);
   // Ends what runs, and begins nothing more.
   void stop();
@@ -79,9 +79,10 @@ class Keeper : public std::enable_shared_from_this<Keeper> {
   void beginFile(Inode file, const std::shared_ptr<Progress>& wait);
   void ended(Inode inode, const std::optional<Error>& error) EXCLUDES(lock_);
   void failed(Inode inode, const Error& error) EXCLUDES(lock_);
-  void retry() EXCLUDES(lock_);
+  void retry(const std::map<Inode, Error>& failures);
   void publish() EXCLUDES(lock_);
 
+  [[nodiscard]] std::map<Inode, Error> takeFailures() EXCLUDES(lock_);
   [[nodiscard]] Replica& replica() const { return tree_.replica(); }
   [[nodiscard]] bool isHere(Inode file) const;
 

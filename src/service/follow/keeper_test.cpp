@@ -258,6 +258,16 @@ TEST_F(KeeperTest, TriesAgainLessAndLessOften) {
   EXPECT_THAT(here(), ElementsAre("a", "b")) << "the delay begins anew after a success";
 }
 
+TEST_F(KeeperTest, TriesAllThatFailedAgainTogether) {
+  extension_->failFetches(Error(FILE_PROVIDER_ERROR_DOMAIN, SERVER_UNREACHABLE, "no server"));
+  setKept("docs", true);
+  EXPECT_EQ(keeper_->status().failing, 2u);
+  EXPECT_EQ(scheduler_.timerCount(), 1u);
+  extension_->failFetches(std::nullopt);
+  scheduler_.advance(seconds(5));
+  EXPECT_THAT(here(), ElementsAre("diary", "letter"));
+}
+
 TEST_F(KeeperTest, TriesAtOnceWhenAsked) {
   extension_->failFetches(Error(FILE_PROVIDER_ERROR_DOMAIN, SERVER_UNREACHABLE, "no server"));
   setKept("a", true);
