@@ -105,6 +105,11 @@ TEST_F(CommandLineTest, WrongUsageExitsWithTwo) {
       {"info"},
       {"fetch"},
       {"evict"},
+      {"keep"},
+      {"unkeep"},
+      {"unkeep", "a", "--no-wait"},
+      {"thumbnail", "a"},
+      {"thumbnail", "-o", "b"},
       {"limits", "--down", "-1"},
       {"limits", "--down", "fast"},
       {"limits", "--transfers", "0"},
@@ -127,8 +132,8 @@ TEST_F(CommandLineTest, WrongUsageExitsWithTwo) {
 }
 
 TEST_F(CommandLineTest, EveryCommandHasHelp) {
-  for (const auto* command : {"login", "logout", "mount", "unmount", "status", "sync", "info", "fetch", "evict",
-                              "trash", "limits", "pause", "resume", "restart"}) {
+  for (const auto* command : {"login", "logout", "mount", "unmount", "status", "sync", "info", "fetch", "evict", "keep",
+                              "unkeep", "thumbnail", "trash", "limits", "pause", "resume", "restart"}) {
     EXPECT_EQ(run({command, "--help"}), 0) << command;
     EXPECT_THAT(out_.str(), HasSubstr(command));
     EXPECT_EQ(err_.str(), "") << command;
@@ -138,10 +143,19 @@ TEST_F(CommandLineTest, EveryCommandHasHelp) {
 }
 
 TEST_F(CommandLineTest, WhatNeedsTheServiceSaysThatItIsNotRunning) {
-  const std::vector<std::vector<std::string>> cases = {{"status"},        {"sync"},          {"info", "a"},
-                                                       {"fetch", "a"},    {"evict", "a"},    {"unmount"},
-                                                       {"restart"},       {"trash", "list"}, {"trash", "restore", "1"},
-                                                       {"trash", "empty"}};
+  const std::vector<std::vector<std::string>> cases = {{"status"},
+                                                       {"sync"},
+                                                       {"info", "a"},
+                                                       {"fetch", "a"},
+                                                       {"evict", "a"},
+                                                       {"unmount"},
+                                                       {"restart"},
+                                                       {"trash", "list"},
+                                                       {"trash", "restore", "1"},
+                                                       {"trash", "empty"},
+                                                       {"keep", "a"},
+                                                       {"unkeep", "a"},
+                                                       {"thumbnail", "a", "-o", "b"}};
   for (const auto& arguments : cases) {
     EXPECT_EQ(run(arguments), 4) << arguments[0];
     EXPECT_THAT(err_.str(), HasSubstr("vondle mount")) << arguments[0];
@@ -465,6 +479,7 @@ TEST_F(ServiceCommandTest, StatusShowsWhatTheServiceSays) {
          {"items", 12},
          {"files_here", 1},
          {"bytes_here", 1536},
+         {"kept", json::Object{{"items", 2}, {"waiting", 3}, {"failing", 1}}},
          {"follow",
           json::Object{{"anchor", "4711"}, {"last_success", now - 12}, {"next_in", 18}, {"error", "no server"}}},
          {"edits", json::Object{{"total", 5},
@@ -494,6 +509,7 @@ TEST_F(ServiceCommandTest, StatusShowsWhatTheServiceSays) {
             "Changes     up to 4711, 12 s ago; again in 18 s\n"
             "  no server\n"
             "Items       12 known, 1 file here (1.5 kB)\n"
+            "Kept        2 items downloaded, 3 to come, 1 failed\n"
             "Edits       4 not on the server yet, 1 being sent, 1 failed; 1 file with a temporary name\n"
             "  /film: new file, being sent, 46 %\n"
             "  /novel: new contents, renamed, next try in 20 s\n"
@@ -672,6 +688,42 @@ TEST_F(BatchCommandTest, FoldersStandForAllTheirFiles) {
               testing::UnorderedElementsAre(static_cast<std::int64_t>(*locateItem(mount_ + "/docs/b", mount_)),
                                             static_cast<std::int64_t>(*locateItem(mount_ + "/docs/deep/c", mount_))));
   EXPECT_THAT(err_.str(), HasSubstr("2 files fetched"));
+}
+
+TEST_F(BatchCommandTest, FoldersAreKeptThemselves) {
+  std::vector<json::Object> requests;
+  serve([&](const json::Object& request, ControlReply& reply) {
+    if (json::text(request, "command") == "status") return reply.finish({{"mount", mount_}});
+    requests.push_back(request);
+    reply.finish({{"done", 2}, {"failures", json::Array{}}});
+  });
+  const json::Array inodes{*locateItem(mount_ + "/docs", mount_), *locateItem(mount_ + "/a", mount_)};
+  EXPECT_EQ(run({"keep", mount_ + "/docs", mount_ + "/a"}), 0);
+  EXPECT_THAT(err_.str(), HasSubstr("2 items kept downloaded"));
+  EXPECT_EQ(run({"keep", mount_ + "/docs", mount_ + "/a", "--no-wait"}), 0);
+  EXPECT_EQ(run({"unkeep", mount_ + "/docs", mount_ + "/a"}), 0);
+  EXPECT_THAT(err_.str(), HasSubstr("2 items no longer kept downloaded"));
+  EXPECT_THAT(requests, testing::ElementsAre(json::Object{{"wait", true}, {"command", "keep"}, {"inodes", inodes}},
+                                             json::Object{{"wait", false}, {"command", "keep"}, {"inodes", inodes}},
+                                             json::Object{{"command", "unkeep"}, {"inodes", inodes}}));
+}
+
+TEST_F(BatchCommandTest, AThumbnailIsSaved) {
+  json::Object asked;
+  serve([&](const json::Object& request, ControlReply& reply) {
+    if (json::text(request, "command") == "status") return reply.finish({{"mount", mount_}});
+    asked = request;
+    reply.finish({{"image", "Zm9vYmFy"}});
+  });
+  const auto inode = *locateItem(mount_ + "/a", mount_);
+  EXPECT_EQ(run({"thumbnail", mount_ + "/a", "-o", "/tmp/a.jpg"}), 0) << err_.str();
+  EXPECT_EQ(machine_.files.contents("/tmp/a.jpg"), "foobar");
+  EXPECT_EQ(asked, (json::Object{{"command", "thumbnail"}, {"inode", inode}, {"width", 256}, {"height", 256}}));
+  EXPECT_EQ(run({"thumbnail", mount_ + "/a", "-o", "/tmp/b.jpg", "--size", "64x48"}), 0);
+  EXPECT_EQ(asked, (json::Object{{"command", "thumbnail"}, {"inode", inode}, {"width", 64}, {"height", 48}}));
+  for (const auto* size : {"64", "64x", "x48", "0x48", "64x-1", "64x48x2", "6 4x48"})
+    EXPECT_EQ(run({"thumbnail", mount_ + "/a", "-o", "/tmp/b.jpg", "--size", size}), 2) << size;
+  EXPECT_EQ(run({"thumbnail", mount_ + "/a", "-o", "/nowhere/b.jpg"}), 1);
 }
 
 TEST_F(BatchCommandTest, SingleFailuresDoNotStopTheRest) {

@@ -27,7 +27,7 @@ class BatchRun {
     if (!inode) return note(inode.error());
     std::error_code error;
     const auto kind = std::filesystem::symlink_status(path, error).type();
-    if (kind != std::filesystem::file_type::directory) return add(*inode);
+    if (batch_.takesFolders || kind != std::filesystem::file_type::directory) return add(*inode);
     auto entry = std::filesystem::recursive_directory_iterator(path, error);
     for (; !error && entry != std::filesystem::recursive_directory_iterator(); entry.increment(error)) {
       if (!entry->is_regular_file(error)) continue;
@@ -45,7 +45,9 @@ class BatchRun {
     if (asJSON) {
       context_.console.print(json::serialize(json::Object{{"done", done_}, {"failures", failures_}}));
     } else {
-      context_.console.say(countInWords(done_, "file", "files") + " " + batch_.verb);
+      const auto count =
+          batch_.takesFolders ? countInWords(done_, "item", "items") : countInWords(done_, "file", "files");
+      context_.console.say(count + " " + batch_.verb);
     }
     if (firstFailure_) return std::unexpected(*firstFailure_);
     return {};
@@ -59,8 +61,10 @@ class BatchRun {
 
   void flush() {
     if (inodes_.empty()) return;
-    const auto result = service_.ask({{"command", batch_.command}, {"inodes", std::exchange(inodes_, {})}},
-                                     std::nullopt, [this](const json::Object& progress) { show(progress); });
+    auto request = batch_.details;
+    request["command"] = batch_.command;
+    request["inodes"] = std::exchange(inodes_, {});
+    const auto result = service_.ask(request, std::nullopt, [this](const json::Object& progress) { show(progress); });
     if (!result) return note(result.error());
     done_ += json::integer(*result, "done").value_or(0);
     if (const auto* failures = json::listOfObjects(*result, "failures")) {

@@ -50,6 +50,14 @@ class Lines {
   std::string text_;
 };
 
+std::string keptText(const json::Object& kept) {
+  const auto count = [&](std::string_view key) { return json::integer(kept, key).value_or(0); };
+  auto text = countInWords(count("items"), "item", "items") + " downloaded";
+  if (count("waiting") > 0) text += fmt::format(", {} to come", count("waiting"));
+  if (count("failing") > 0) text += fmt::format(", {} failed", count("failing"));
+  return text;
+}
+
 std::string editsText(const json::Object& edits) {
   const auto count = [&](std::string_view key) { return json::integer(edits, key).value_or(0); };
   const auto local = count("local");
@@ -160,6 +168,8 @@ std::string StatusReport::toText(const Console& console) const {
                   fmt::format("{} known, {} here ({})", json::integer(*service_, "items").value_or(0),
                               countInWords(json::integer(*service_, "files_here").value_or(0), "file", "files"),
                               sizeInWords(static_cast<double>(json::integer(*service_, "bytes_here").value_or(0)))));
+    if (const auto* kept = json::object(*service_, "kept"); kept && json::integer(*kept, "items").value_or(0) > 0)
+      lines.heading("Kept", keptText(*kept));
     if (const auto* edits = json::object(*service_, "edits")) {
       lines.heading("Edits", editsText(*edits));
       if (const auto lost = json::integer(*edits, "lost").value_or(0); lost > 0) {
