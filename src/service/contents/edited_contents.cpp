@@ -220,7 +220,13 @@ Result<void> EditedContents::openEdits() {
       slog.error("what was edited is not there: %{public}@", file.error().localizedDescription());
       continue;
     }
-    keep(edits_->inodeOf(edit.id), *file);
+    if (const Inode inode = edits_->inodeOf(edit.id); inode != 0) {
+      keep(inode, *file);
+    } else {
+      MutexLock hold(lock_);
+      hidden_[edit.contents] = *file;
+      hasHidden_ = true;
+    }
     edits_->describeContents(edit.id, (*file)->size(), (*file)->modified());
   }
   for (const auto& edit : edits_->pending())
@@ -253,11 +259,40 @@ std::string EditedContents::pathOf(std::int64_t number) const {
   return fmt::format("{}/{}", folder_, number);
 }
 
-std::shared_ptr<EditedFile> EditedContents::find(Inode inode) const {
-  if (count_ == 0) return nullptr;
-  MutexLock hold(lock_);
-  const auto found = files_.find(inode);
-  return found == files_.end() ? nullptr : found->second;
+std::shared_ptr<EditedFile> EditedContents::find(Inode inode) {
+  if (count_ > 0) {
+    MutexLock hold(lock_);
+    if (const auto found = files_.find(inode); found != files_.end()) return found->second;
+  }
+  return hasHidden_ ? findHidden(inode) : nullptr;
+}
+
+std::shared_ptr<EditedFile> EditedContents::findHidden(Inode inode) {
+  const auto edit = edits_->ofItem(inode);
+  const auto attributes = tree_.replica().attributes(inode);
+  if (!edit || edit->contents == 0 || !attributes) return nullptr;
+  std::shared_ptr<EditedFile> file;
+  bool isBeingSent = false;
+  {
+    MutexLock hold(lock_);
+    // Another may have been quicker.
+    if (const auto found = files_.find(inode); found != files_.end()) return found->second;
+    auto hidden = hidden_.extract(edit->contents);
+    if (!hidden) return nullptr;
+    hasHidden_ = !hidden_.empty();
+    file = std::move(hidden.mapped());
+    files_[inode] = file;
+    inodes_[file->number()] = inode;
+    count_ = files_.size();
+    if (const auto sending = sending_.find(file->number()); sending != sending_.end()) {
+      isBeingSent = true;
+      sending->second.inode = inode;
+      sending->second.contentTag = attributes->contentTag;
+    }
+  }
+  contents_->noteEdited(inode, file->path());
+  if (isBeingSent) contents_->noteSending(inode, true);
+  return file;
 }
 
 Result<std::shared_ptr<EditedFile>> EditedContents::makeEmpty() {
@@ -413,6 +448,8 @@ Result<EditedContents::Outgoing> EditedContents::beginSending(std::int64_t numbe
       isCurrent = true;
       inode = found->second;
       file = files_.at(inode);
+    } else if (const auto hidden = hidden_.find(number); hidden != hidden_.end()) {
+      file = hidden->second;
     }
     if (const auto found = sending_.find(number); found != sending_.end()) {
       isAsSent = true;
@@ -421,10 +458,12 @@ Result<EditedContents::Outgoing> EditedContents::beginSending(std::int64_t numbe
   }
   // One that is there is about to be told of.
   if (!file) return failure(Error::posix(::access(pathOf(number).c_str(), F_OK) == 0 ? EBUSY : ENOENT, pathOf(number)));
+  const bool isHidden = inode == 0;
   const auto attributes = tree_.replica().attributes(inode);
   if (!isAsSent) {
-    if (tellOfChange(inode)) return failure(Error::posix(EBUSY, "the file was written to just now"));
-    if (!attributes || !file->freeze()) return failure(Error::posix(EBUSY, "the file is being written to"));
+    if (!isHidden && tellOfChange(inode)) return failure(Error::posix(EBUSY, "the file was written to just now"));
+    if ((!isHidden && !attributes) || !file->freeze())
+      return failure(Error::posix(EBUSY, "the file is being written to"));
   }
   Outgoing outgoing{.path = fmt::format("{}{}/{}{}", folder_, SENDING, number, extensionOf(filename)),
                     .number = number,
@@ -441,8 +480,11 @@ Result<EditedContents::Outgoing> EditedContents::beginSending(std::int64_t numbe
     if (isAsSent)
       sending_.at(number).isSuspended = false;
     else
-      sending_[number] = {
-          .file = file, .inode = inode, .contentTag = attributes->contentTag, .isSuspended = false, .claims = {}};
+      sending_[number] = {.file = file,
+                          .inode = inode,
+                          .contentTag = attributes ? attributes->contentTag : 0,
+                          .isSuspended = false,
+                          .claims = {}};
   }
   if (isCurrent) contents_->noteSending(inode, true);
   return outgoing;
@@ -472,6 +514,7 @@ void EditedContents::endSending(const Outgoing& outgoing, const LocalEdits::Outc
   std::shared_ptr<EditedFile> file;
   Inode inode = 0;
   bool isCurrent = false;
+  bool isHidden = false;
   {
     MutexLock hold(lock_);
     const auto found = sending_.find(outgoing.number);
@@ -479,6 +522,15 @@ void EditedContents::endSending(const Outgoing& outgoing, const LocalEdits::Outc
     file = found->second.file;
     inode = found->second.inode;
     isCurrent = inodes_.contains(outgoing.number);
+    if (outcome.isContentsDone) {
+      hidden_.erase(outgoing.number);
+      hasHidden_ = !hidden_.empty();
+    }
+    isHidden = hidden_.contains(outgoing.number);
+  }
+  if (isHidden) {
+    file->thaw();
+    return sendingEnded(outgoing.number);
   }
   if (!isCurrent) {
     removeLater(file);

@@ -38,15 +38,16 @@ class EditedContents : public std::enable_shared_from_this<EditedContents> {
   // in that time is as good as a thousand.
   static constexpr Duration REMOVAL_DELAY = seconds(1);
 
-  // Opens the files that the edits name. Others in the folder are left over from edits that were done, and removed. A
-  // file that is missing is an error in the log and an empty answer of find. Call it before anything else changes the
-  // tree, which it subscribes to.
+  // Opens the files that the edits name, also of items that the tree does not show (yet): after a replica was made
+  // anew, those are found when their folder has been listed. Others in the folder are left over from edits that were
+  // done, and removed. A file that is missing is an error in the log and an empty answer of find. Call it before
+  // anything else changes the tree, which it subscribes to.
   static Result<std::shared_ptr<EditedContents>> open(std::string folder, std::shared_ptr<ContentStore> contents,
                                                       std::shared_ptr<LocalEdits> edits, Tree& tree,
                                                       Scheduler& scheduler, const Clock& clock);
 
   // What programs read and write; null when the item is as on the server.
-  [[nodiscard]] std::shared_ptr<EditedFile> find(Inode inode) const EXCLUDES(lock_);
+  [[nodiscard]] std::shared_ptr<EditedFile> find(Inode inode) EXCLUDES(lock_);
 
   // An empty file, for an item that is about to be made; one that is never kept is removed with its last user. keep
   // makes it the contents of the inode, in the place of what they were.
@@ -122,6 +123,8 @@ class EditedContents : public std::enable_shared_from_this<EditedContents> {
   Result<void> openEdits() EXCLUDES(lock_);
   void apply(const std::vector<ReplicaChange>& changes) EXCLUDES(lock_);
   [[nodiscard]] std::string pathOf(std::int64_t number) const;
+  // Of an item that is shown by now.
+  std::shared_ptr<EditedFile> findHidden(Inode inode) EXCLUDES(lock_);
   void begin(Inode inode, bool keepsContents, Request request) EXCLUDES(lock_);
   void finished(Inode inode, bool wasAbandoned, const Result<std::shared_ptr<EditedFile>>& result) EXCLUDES(lock_);
   void abandoned(Inode inode) EXCLUDES(lock_);
@@ -148,12 +151,15 @@ class EditedContents : public std::enable_shared_from_this<EditedContents> {
   std::shared_ptr<Queue> syncs_;
   std::shared_ptr<WaitingRoom<std::shared_ptr<EditedFile>>> waiting_;
   std::atomic<std::int64_t> lastNumber_ = 0;
-  std::atomic<std::size_t> count_ = 0;     // of files_
+  std::atomic<std::size_t> count_ = 0;  // of files_
+  std::atomic<bool> hasHidden_ = false;
   std::atomic<bool> hasNewNames_ = false;  // in the folder, since it was synchronised
 
   mutable Mutex lock_;
   std::unordered_map<Inode, std::shared_ptr<EditedFile>> files_ GUARDED_BY(lock_);
-  std::unordered_map<std::int64_t, Inode> inodes_ GUARDED_BY(lock_);     // of files_, by number
+  std::unordered_map<std::int64_t, Inode> inodes_ GUARDED_BY(lock_);  // of files_, by number
+  // By number: of items that the tree did not show when they were opened.
+  std::unordered_map<std::int64_t, std::shared_ptr<EditedFile>> hidden_ GUARDED_BY(lock_);
   std::unordered_map<std::int64_t, Sending> sending_ GUARDED_BY(lock_);  // by number
   std::unordered_map<Inode, std::size_t> writers_ GUARDED_BY(lock_);     // programs that have it open for writing
   std::unordered_map<Inode, Claimed> claims_ GUARDED_BY(lock_);

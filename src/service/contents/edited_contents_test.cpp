@@ -360,6 +360,50 @@ TEST_F(EditedContentsTest, AfterARestartTheFilesAreThereAndWhatWasLeftOverIsNot)
   EXPECT_GT((*edited_->makeEmpty())->number(), number);
 }
 
+TEST_F(EditedContentsTest, WithoutTheReplicaTheFilesStayUntilTheirItemsAreSeen) {
+  const auto other = extension_.addFile("12", ROOT, "b.txt", "contents");
+  announce(other);
+  write(*get(), "CONTENT1");
+  const auto number = edits_->ofItem(inode_)->contents;
+  inode_ = *replica_->inodeOf({"12"});
+  write(*get(), "CONTENT2");
+  const auto otherNumber = edits_->ofItem(inode_)->contents;
+  stop();
+  for (const auto* suffix : {"", "-wal", "-shm"}) std::filesystem::remove(folder_ + "/replica.sqlite" + suffix);
+  start();
+  scheduler_.advance(seconds(100));
+  EXPECT_THAT(files(), testing::UnorderedElementsAre(std::to_string(number), std::to_string(otherNumber)));
+  const auto outgoing = edited_->beginSending(number, "a.txt");
+  ASSERT_TRUE(outgoing) << "the queue needs no folder to be looked into";
+  EXPECT_EQ(textOf(outgoing->path), "CONTENT1");
+  tree_->applyListing(ROOT_INODE, {extension_.addFile("11", ROOT, "a.txt", "contents"), other},
+                      [](const Result<void>&) {});
+  scheduler_.runUntilIdle();
+  const auto inode = *replica_->inodeOf({"11"});
+  ASSERT_TRUE(edited_->find(inode));
+  EXPECT_EQ(textOf(edited_->find(inode)->path()), "CONTENT1");
+  EXPECT_EQ(store_->state(inode), ContentState::uploading);
+  edited_->endSending(*outgoing, {}, false);
+  EXPECT_EQ(store_->state(inode), ContentState::edited);
+  inode_ = *replica_->inodeOf({"12"});
+  EXPECT_EQ(textOf(get()->path()), "CONTENT2");
+  EXPECT_EQ(get()->number(), otherNumber);
+}
+
+TEST_F(EditedContentsTest, WithoutTheReplicaWhatIsSentIsDoneWith) {
+  write(*get(), "CONTENTS");
+  const auto edit = *edits_->ofItem(inode_);
+  stop();
+  for (const auto* suffix : {"", "-wal", "-shm"}) std::filesystem::remove(folder_ + "/replica.sqlite" + suffix);
+  start();
+  const auto outgoing = *edited_->beginSending(edit.contents, "a.txt");
+  const auto outcome = succeed(edit, extension_.addFile("11", ROOT, "a.txt", "CONTENTS", 2));
+  EXPECT_TRUE(outcome.isContentsDone);
+  edited_->endSending(outgoing, outcome, true);
+  scheduler_.advance(EditedContents::REMOVAL_DELAY);
+  EXPECT_THAT(files(), IsEmpty());
+}
+
 TEST_F(EditedContentsTest, WhatTheQueueDoesNotRememberIsKeptAndCanBeHadBack) {
   write(*get(), "CONTENTS");
   const auto name = std::to_string(edited_->find(inode_)->number());
