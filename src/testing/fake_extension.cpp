@@ -106,6 +106,7 @@ void FakeExtension::add(Item item, std::string contents) {
 void FakeExtension::remove(const std::string& identifier) {
   MutexLock hold(lock_);
   items_.erase(identifier);
+  removed_.insert(identifier);
 }
 
 void FakeExtension::setPageSize(std::size_t items) {
@@ -300,6 +301,7 @@ void FakeExtension::list(const std::string& container, const std::shared_ptr<Enu
   {
     MutexLock hold(lock_);
     error = listingError_;
+    if (!error && removed_.contains(container)) error = Error(FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM);
     for (const auto& [identifier, stored] : items_)
       if (stored.item.parentItemIdentifier.text == container) items.push_back(stored.item);
     if (pageSize_ > 0) {

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -136,6 +137,7 @@ class FakeExtension final : public ReplicatedExtension {
   const std::string temporaryFolder_;
   mutable Mutex lock_;
   std::map<std::string, Stored> items_ GUARDED_BY(lock_);
+  std::set<std::string> removed_ GUARDED_BY(lock_);  // which cannot be listed
   std::map<std::string, int> listings_ GUARDED_BY(lock_);
   std::map<std::string, int> fetches_ GUARDED_BY(lock_);
   std::map<std::string, std::string> thumbnails_ GUARDED_BY(lock_);

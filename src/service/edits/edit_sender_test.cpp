@@ -921,6 +921,37 @@ TEST_F(EditSenderTest, AnItemThatCouldNotBeLookedUpHasNotVanished) {
   EXPECT_THAT(server(), ElementsAre("b.txt=old"));
 }
 
+TEST_F(EditSenderTest, AnItemWhoseLookupsAreLostHasNotVanished) {
+  const Error lost{FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM, "no such item"};
+  extension_->addFile("1", ROOT, "a.txt", "old");
+  extension_->addFolder("d", ROOT, "d");
+  begin();
+  list("d");
+  move("a.txt", "b.txt");
+  move("d", "e");
+  extension_->failChanges(lost);
+  extension_->failLookups(lost);
+  settle();
+  EXPECT_EQ(edits_->pendingCount(), 2U);
+  EXPECT_NE(at("b.txt"), 0U);
+  EXPECT_NE(at("e"), 0U);
+  extension_->failChanges(std::nullopt);
+  extension_->failLookups(std::nullopt);
+  scheduler_.advance(seconds(20));
+  EXPECT_THAT(server(), ElementsAre("b.txt=old", "e/"));
+}
+
+TEST_F(EditSenderTest, AFolderThatWentWithTheOneAboveItCountsAsDeletedAlthoughItIsStillRemembered) {
+  extension_->addFolder("d", ROOT, "d");
+  begin();
+  list("d");
+  removeFolder("d");
+  extension_->failListings(Error(API_ERROR_DOMAIN, 404, "HTTP 404"));
+  settle();
+  EXPECT_EQ(edits_->pendingCount(), 0U);
+  EXPECT_THAT(changes(), IsEmpty());
+}
+
 TEST_F(EditSenderTest, AMoveOfWhatIsGoneIsDropped) {
   extension_->addFile("1", ROOT, "a.txt", "old");
   begin();

@@ -39,11 +39,6 @@ bool hasSameBytes(const std::string& path, const std::string& otherPath) {
   return one.eof() && other.eof();
 }
 
-bool isGone(const Result<Item>& item) {
-  if (item) return item->parentItemIdentifier == TRASH_CONTAINER;
-  return sendFailureOf(item.error()) == SendFailure::noSuchItem;
-}
-
 }  // namespace
 
 SendOperation::SendOperation(const SendServices& services, std::shared_ptr<Queue> queue, SendTask task,
@@ -333,11 +328,42 @@ void SendOperation::serverChecked(Error error, std::optional<Error> serverError)
   // What is missing when it is made is the folder that it is made in.
   follow(services_.extension.itemForIdentifier(
       task_.step == SendStep::create ? edit_.place.folder : edit_.item, SYSTEM,
-      onQueue([error = std::move(error)](SendOperation& self, Result<Item> item) { self.itemChecked(error, item); })));
+      onQueue([error = std::move(error)](SendOperation& self, Result<Item> item) mutable {
+        self.itemChecked(std::move(error), item);
+      })));
 }
 
-void SendOperation::itemChecked(const Error& error, const Result<Item>& item) {
-  if (!isGone(item)) return failed(error);
+void SendOperation::itemChecked(Error error, const Result<Item>& item) {
+  if (item && item->parentItemIdentifier == TRASH_CONTAINER) return gone();
+  // It may be told from memory: a folder that could not be listed may have gone with one above it.
+  const bool isListingRefused = task_.step == SendStep::remove && edit_.isFolder;
+  if (item ? !isListingRefused : sendFailureOf(item.error()) != SendFailure::noSuchItem)
+    return failed(std::move(error));
+  confirmThatGone(std::move(error));
+}
+
+// A lookup that failed on the way says the same; a listing tells what went wrong.
+void SendOperation::confirmThatGone(Error error) {
+  const bool isMade = task_.step == SendStep::create;
+  const bool isFolder = isMade || edit_.isFolder;
+  const auto now = services_.edits->find(task_.edit);
+  if (!isFolder && (!now || !now->serverPlace)) return gone();
+  listWhole(
+      services_.extension,
+      isMade     ? edit_.place.folder
+      : isFolder ? edit_.item
+                 : now->serverPlace->folder,
+      SYSTEM,
+      [isFolder, identifier = edit_.item](const Item& item) { return !isFolder && item.itemIdentifier == identifier; },
+      onQueue([isFolder, error = std::move(error)](SendOperation& self, Result<std::vector<Item>> found) mutable {
+        const bool isThere = found && (isFolder || !found->empty());
+        if (isThere) return self.failed(std::move(error));
+        if (!found && sendFailureOf(found.error()) != SendFailure::noSuchItem) return self.failed(found.error());
+        self.gone();
+      }));
+}
+
+void SendOperation::gone() {
   if (task_.step == SendStep::remove) return services_.edits->deleted(result_.sent, whenRecorded());
   services_.edits->itemVanished(result_.sent, whenRecorded());
 }

@@ -106,7 +106,9 @@ class SendOperation : public std::enable_shared_from_this<SendOperation> {
 
   void checkServer(Error error);
   void serverChecked(Error error, std::optional<Error> serverError);
-  void itemChecked(const Error& error, const Result<Item>& item);
+  void itemChecked(Error error, const Result<Item>& item);
+  void confirmThatGone(Error error);
+  void gone();
 
   void succeeded(SavedItem saved);
   void renameAside();
