@@ -132,22 +132,35 @@ void EditSender::plan() {
   forgetThoseThatWent(pending);
   const auto known = facts();
   const auto edits = queued(std::move(pending), known);
-  nextPlan_ = parts_.clock.monotonic() +
-              std::max(MIN_PLAN_INTERVAL, PLAN_INTERVAL_PER_EDIT * static_cast<std::int64_t>(edits.size()));
+  const auto now = parts_.clock.monotonic();
+  soonestPlan_ = now + std::max(MIN_PLAN_INTERVAL, PLAN_INTERVAL_PER_EDIT * static_cast<std::int64_t>(edits.size()));
   const auto plan = planSending(edits, [this](const auto& item) { return parentOf(item); }, capacity(known));
   backlog_.clear();
   for (const auto index : plan.starts) backlog_.emplace_back(edits[index], plan.decisions[index]);
   scheduleNext(plan);
   endDrainsIfDone(plan);
   startMore();
+  nextPlan_ = backlog_.empty() ? *soonestPlan_ : std::max(*soonestPlan_, now + PLAN_LIFE);
 }
 
 void EditSender::startMore() {
-  while (!backlog_.empty() && runningCount() < AT_ONCE) {
+  while (!backlog_.empty() && mayBegin(backlog_.front().first.edit)) {
     const auto [queued, decision] = std::move(backlog_.front());
     backlog_.pop_front();
     begin(queued, decision);
   }
+}
+
+bool EditSender::mayBegin(const Edit& edit) const {
+  const bool isSmall = !hasContentsToSend(edit) || edit.size <= SMALL_BYTES;
+  return runningCount() < (isSmall ? SMALL_AT_ONCE : AT_ONCE);
+}
+
+// Everything has begun that the last plan lets begin.
+void EditSender::planWhenUsedUp() {
+  if (!backlog_.empty() || nextPlan_ == soonestPlan_) return;
+  nextPlan_ = soonestPlan_;
+  if (queue_->cancel(planTimer_)) isPlanAsked_ = false;
 }
 
 void EditSender::begin(const QueuedEdit& queued, const SendDecision& decision) {
@@ -221,6 +234,7 @@ void EditSender::forgetRunning(EditID id) {
   }
   if (isStopped_) return;
   startMore();
+  planWhenUsedUp();
   planSoon();
 }
 

@@ -30,8 +30,10 @@ namespace vondle {
 // everything goes. Any thread.
 class EditSender : public std::enable_shared_from_this<EditSender> {
  public:
-  // Items under way at a time.
+  // Items under way at a time; more of those that have no large contents, whose way is mostly waiting for answers.
   static constexpr std::size_t AT_ONCE = 8;
+  static constexpr std::size_t SMALL_AT_ONCE = 24;
+  static constexpr std::int64_t SMALL_BYTES = 1'048'576;  // at most
   // How long an item must have been left alone.
   static constexpr Duration SETTLE_TIME = seconds(1);
   // After which a file that is still open for writing goes up as it is, if nothing was written for so long.
@@ -79,9 +81,11 @@ class EditSender : public std::enable_shared_from_this<EditSender> {
 
   // Edits that one plan sees on their way: a plan looks at the whole queue.
   static constexpr std::size_t BACKLOG = 256;
-  // Between two plans, so that a long queue costs a bounded part of a processor.
+  // Between two plans, so that a long queue costs a bounded part of a processor; and as long as not all has begun that
+  // the last one lets begin.
   static constexpr Duration MIN_PLAN_INTERVAL = seconds(0.005);
   static constexpr Duration PLAN_INTERVAL_PER_EDIT = seconds(0.000'02);
+  static constexpr Duration PLAN_LIFE = seconds(0.25);
 
   struct Running {
     std::shared_ptr<SendOperation> operation;
@@ -106,6 +110,8 @@ class EditSender : public std::enable_shared_from_this<EditSender> {
   void planSoon();
   void plan();
   void startMore();
+  [[nodiscard]] bool mayBegin(const Edit& edit) const EXCLUDES(lock_);
+  void planWhenUsedUp();
   void begin(const QueuedEdit& queued, const SendDecision& decision);
   void ended(SendResult result);
   void failed(const SendResult& result);
@@ -137,6 +143,7 @@ class EditSender : public std::enable_shared_from_this<EditSender> {
   std::deque<std::pair<QueuedEdit, SendDecision>> backlog_;
   std::uint64_t outages_ = 0;
   std::vector<Completion<std::size_t>> drains_;
+  std::optional<MonotonicTime> soonestPlan_;
   std::optional<MonotonicTime> nextPlan_;
   TimerID planTimer_ = 0;
   TimerID dueTimer_ = 0;

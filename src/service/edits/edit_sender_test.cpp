@@ -344,7 +344,8 @@ TEST_F(EditSenderTest, ANewFileThatIsDeletedWhileItIsBeingSentIsDeletedThere) {
 
 TEST_F(EditSenderTest, ItemsGoSideBySideButNotTooMany) {
   begin();
-  for (int i = 0; i < 30; ++i) create(fmt::format("f{:02}", i), "x");
+  const std::string large(EditSender::SMALL_BYTES + 1, 'x');
+  for (int i = 0; i < 30; ++i) create(fmt::format("f{:02}", i), large);
   extension_->holdAnswers();
   settle();
   EXPECT_EQ(extension_->heldCount(), EditSender::AT_ONCE);
@@ -352,6 +353,19 @@ TEST_F(EditSenderTest, ItemsGoSideBySideButNotTooMany) {
   settle();
   EXPECT_EQ(server().size(), 30U);
   EXPECT_EQ(extension_->mostChangesAtOnce(), EditSender::AT_ONCE);
+}
+
+TEST_F(EditSenderTest, MoreSmallOnesGoSideBySide) {
+  begin();
+  const std::string small(EditSender::SMALL_BYTES, 'x');
+  for (int i = 0; i < 60; ++i) create(fmt::format("f{:02}", i), i % 2 == 0 ? small : "");
+  extension_->holdAnswers();
+  settle();
+  EXPECT_EQ(extension_->heldCount(), EditSender::SMALL_AT_ONCE);
+  extension_->letAnswersGo();
+  settle();
+  EXPECT_EQ(server().size(), 60U);
+  EXPECT_EQ(extension_->mostChangesAtOnce(), EditSender::SMALL_AT_ONCE);
 }
 
 TEST_F(EditSenderTest, ALongQueueGoesUpWhole) {
@@ -551,7 +565,7 @@ TEST_F(EditSenderTest, WhileTheServerIsOutOfReachOneEditAsksForAll) {
   for (int i = 0; i < 1000; ++i) create(fmt::format("f{:03}", i));
   settle();
   const auto first = changes().size();
-  EXPECT_LE(first, EditSender::AT_ONCE);
+  EXPECT_LE(first, EditSender::SMALL_AT_ONCE);
   for (const double delay : {5, 10, 20, 40, 80, 160, 300, 300}) {
     const auto before = changes().size();
     scheduler_.advance(seconds(delay + 0.1));
@@ -569,7 +583,7 @@ TEST_F(EditSenderTest, WhoIsNotSignedInWaitsLikewise) {
   extension_->failChanges(Error(FILE_PROVIDER_ERROR_DOMAIN, NOT_AUTHENTICATED, "sign in"));
   for (int i = 0; i < 100; ++i) create(fmt::format("f{}", i));
   scheduler_.advance(seconds(60));
-  EXPECT_LE(changes().size(), EditSender::AT_ONCE + 4);
+  EXPECT_LE(changes().size(), EditSender::SMALL_AT_ONCE + 4);
 }
 
 TEST_F(EditSenderTest, AnotherFailureEndsTheOutage) {
