@@ -90,6 +90,11 @@ check 'local copies are dropped' exits 0 vondle evict "$MOUNT"
 check 'all of them' test "$(field service.files_here)" = 0
 check 'files are fetched' exits 0 vondle fetch "$MOUNT/letter.txt" "$MOUNT/docs" "$MOUNT/kept/known"
 check 'these and no others' test "$(field service.files_here)" = 53
+check 'a folder is kept downloaded' exits 0 vondle keep "$MOUNT/docs"
+check 'what is kept is not dropped' exits 1 vondle evict "$MOUNT/docs"
+check 'but is when it is kept no more' exits 0 vondle unkeep "$MOUNT/docs"
+check 'all that was in it' test "$(field service.files_here)" = 51
+check 'a text has no thumbnail' exits 1 vondle thumbnail "$MOUNT/letter.txt" -o "$WORLD/thumbnail"
 check 'limits are set' exits 0 vondle limits --down 4000 --up 3000
 check 'and counted at once' exits 0 vondle fetch "$MOUNT/docs"
 check 'limits go' exits 0 vondle limits --down 0 --up 0
