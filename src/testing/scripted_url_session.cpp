@@ -85,6 +85,7 @@ void ScriptedTask::start(Session& session) {
     const auto self = weak.lock();
     const auto alive = self ? self->session_.lock() : nullptr;
     if (!alive || self->ended_ || self->finished_) return;
+    if (alive->loading.taskHandler_ && alive->loading.taskHandler_(*self)) return;
     URLRequest onTheWire = self->request_;
     if (!self->uploadPath_.empty()) onTheWire.body = self->sentBody_;
     auto answer = alive->loading.answerOf(onTheWire);
@@ -259,6 +260,10 @@ void ScriptedURLLoading::onRequest(std::string prefix, Handler handler) {
   onRequest([prefix = std::move(prefix), handler = std::move(handler)](const URLRequest& request) {
     return request.url.starts_with(prefix) ? handler(request) : std::nullopt;
   });
+}
+
+void ScriptedURLLoading::onTask(TaskHandler handler) {
+  taskHandler_ = std::move(handler);
 }
 
 void ScriptedURLLoading::hold() {

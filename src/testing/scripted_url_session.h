@@ -126,6 +126,10 @@ class ScriptedURLLoading final : public URLLoading {
   // The same for addresses that begin with this.
   void onRequest(std::string prefix, Handler handler);
 
+  // Asked before the handlers; true: it answers the task by itself, now or later.
+  using TaskHandler = std::function<bool(ScriptedTask&)>;
+  void onTask(TaskHandler handler);
+
   // While held, no task is told anything but its cancellation or time-out; release lets all of it go.
   void hold();
   void release();
@@ -147,6 +151,7 @@ class ScriptedURLLoading final : public URLLoading {
   Scheduler& scheduler_;
   Files& files_;
   std::vector<Handler> handlers_;
+  TaskHandler taskHandler_;
   std::vector<std::shared_ptr<ScriptedTask>> tasks_;
   bool held_ = false;
 };

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "kernel.h"
+#include "platform/linux/linux_files.h"
+#include "provider/process.h"
+#include "provider/vondle_file_provider.h"
+#include "service/contents/content_store.h"
+#include "service/contents/edited_contents.h"
+#include "service/edits/edit_sender.h"
+#include "service/edits/local_edits.h"
+#include "service/follow/follower.h"
+#include "service/last_errors.h"
+#include "service/listing/folder_listing.h"
+#include "service/manager/service_manager.h"
+#include "service/mount/writable_filesystem.h"
+#include "service/replica/replica.h"
+#include "service/replica/tree.h"
+#include "service/service_folders.h"
+#include "testing/scripted_url_session.h"
+#include "testing/simulated_keychain.h"
+#include "testing/simulated_notify_centre.h"
+#include "testing/simulated_preview_renderer.h"
+#include "testing/simulated_process_control.h"
+#include "testing/simulated_random.h"
+#include "testing/simulated_user_database.h"
+#include "testing/virtual_scheduler.h"
+
+namespace vondle::sim {
+
+// One life of the service's process: the extension and the service over the files of a home folder, in virtual time,
+// made and connected as Service::start does it, with the simulated kernel in place of the mount. One whose process has
+// died is left alone, never destroyed.
+class Installation {
+ public:
+  Installation(const std::string& home, std::uint64_t seed, Timestamp now);
+
+  // Throws std::runtime_error when a part refuses to open.
+  void start();
+
+  [[nodiscard]] Replica& tree() { return *replica_; }
+  [[nodiscard]] LocalEdits& edits() { return *edits_; }
+  [[nodiscard]] EditedContents& edited() { return *edited_; }
+  [[nodiscard]] ContentStore& contents() { return *contents_; }
+  [[nodiscard]] EditSender& sender() { return *sender_; }
+  [[nodiscard]] Follower& follower() { return *follower_; }
+  [[nodiscard]] Kernel& kernel() { return *kernel_; }
+  [[nodiscard]] const ServiceFolders& folders() const { return folders_; }
+
+  VirtualScheduler scheduler;
+  SimulatedUserDatabase users;
+  LinuxFiles files{users};
+  ScriptedURLLoading urlLoading{scheduler, files};
+
+ private:
+  SimulatedKeychain keychain_;
+  SimulatedNotifyCentre notifyCentre_;
+  SimulatedProcessControl process_;
+  SimulatedRandom random_;
+  SimulatedPreviewRenderer previews_{scheduler};
+  Platform platform_;
+  ServiceFolders folders_;
+  std::unique_ptr<Process> extensionProcess_;
+  LastErrors errors_;
+  std::unique_ptr<Replica> replica_;
+  std::unique_ptr<Tree> tree_;
+  std::shared_ptr<VondleFileProvider> extension_;
+  std::shared_ptr<Manager> manager_;
+  std::shared_ptr<ContentStore> contents_;
+  std::shared_ptr<LocalEdits> edits_;
+  std::shared_ptr<EditedContents> edited_;
+  std::shared_ptr<EditSender> sender_;
+  std::shared_ptr<FolderListing> listing_;
+  std::shared_ptr<Follower> follower_;
+  std::shared_ptr<WritableFilesystem> filesystem_;
+  std::unique_ptr<Kernel> kernel_;
+};
+
+}  // namespace vondle::sim
