@@ -234,7 +234,9 @@ class RandomWrites {
     expected_ = someText(below(LIMIT));
     rig_.announce({rig_.extension.addFile("1", ROOT_CONTAINER.text, "file", expected_, ++version_)});
     ++changes_;
-    compareSize();
+    // What was sent just before may be in the way for a moment.
+    struct stat status{};
+    EXPECT_TRUE(eventually([&] { return ::fstat(descriptor_, &status) == 0 && status.st_size == size(); }));
     return fmt::format("changed elsewhere {}", expected_.size());
   }
   // What was sent becomes the downloaded copy a moment later.
