@@ -51,7 +51,9 @@ FuseRequest::FuseRequest(std::shared_ptr<FuseChannel> channel, void* request)
     : channel_(std::move(channel)), request_(request) {}
 
 FuseRequest::FuseRequest(FuseRequest&& other) noexcept
-    : channel_(std::move(other.channel_)), request_(std::exchange(other.request_, nullptr)) {}
+    : channel_(std::move(other.channel_)),
+      request_(std::exchange(other.request_, nullptr)),
+      interruptKey_(std::exchange(other.interruptKey_, 0)) {}
 
 FuseRequest::~FuseRequest() {
   if (request_) std::move(*this).fail(EIO);

@@ -508,6 +508,32 @@ void EditedContents::suspendSending(const Outgoing& outgoing) {
   startAll(claims);
 }
 
+void EditedContents::dropUnasked() {
+  std::set<std::int64_t> unasked;
+  {
+    MutexLock hold(lock_);
+    for (const auto& [number, sending] : sending_)
+      if (sending.isSuspended && !inodes_.contains(number) && !hidden_.contains(number)) unasked.insert(number);
+  }
+  if (unasked.empty()) return;
+  for (const auto& edit : edits_->pending())
+    if (edit.attempt) unasked.erase(edit.attempt->contents);
+  std::vector<std::shared_ptr<EditedFile>> files;
+  {
+    MutexLock hold(lock_);
+    for (const auto number : unasked) {
+      const auto found = sending_.find(number);
+      if (found == sending_.end() || !found->second.isSuspended) continue;
+      files.push_back(found->second.file);
+      sending_.erase(found);
+    }
+  }
+  for (const auto& file : files) {
+    file->markDoneWith();
+    removeLater(file);
+  }
+}
+
 void EditedContents::endSending(const Outgoing& outgoing, const LocalEdits::Outcome& outcome,
                                 bool serverHasTheseBytes) {
   ::unlink(outgoing.path.c_str());
@@ -597,6 +623,7 @@ void EditedContents::apply(const std::vector<ReplicaChange>& changes) {
     file->markDoneWith();
     if (!isBeingSent) removeLater(file);
   }
+  dropUnasked();
 }
 
 void EditedContents::removeLater(const std::shared_ptr<EditedFile>& file) {

@@ -89,9 +89,10 @@ class EditedContents : public std::enable_shared_from_this<EditedContents> {
   void endSending(const Outgoing& outgoing, const LocalEdits::Outcome& outcome, bool serverHasTheseBytes)
       EXCLUDES(lock_);
 
-  // Nobody knows whether the server has them. The file stays as it is until it is sent again, or asked after; one whose
-  // edit is dropped meanwhile, by news, goes at the next start.
+  // Nobody knows whether the server has them. The file stays as it is until it is sent again, or asked after.
   void suspendSending(const Outgoing& outgoing) EXCLUDES(lock_);
+  // Suspended ones go whose edits were dropped, for nobody will ask after them any more.
+  void dropUnasked() EXCLUDES(lock_);
 
   // Called on any thread when the contents of an item are the server's again: with their tag when they are what was
   // here, without it when programs see others from now on.

@@ -314,6 +314,28 @@ TEST_F(EditedContentsTest, AFileThatMayHaveArrivedStaysAsItWasSent) {
   }
 }
 
+TEST_F(EditedContentsTest, AFileThatMayHaveArrivedGoesWhenNobodyWillAskAfterIt) {
+  auto file = get();
+  write(*file, "CONTENTS");
+  const auto outgoing = beginSending(file->number());
+  const auto sent = beginEdit();
+  edits_->noteAttempt(sent.id, {sent.place, sent.contents, sent.generation},
+                      [](const Result<void>& noted) { EXPECT_TRUE(noted); });
+  scheduler_.runUntilIdle();
+  edited_->suspendSending(outgoing);
+  edits_->abandonSending(sent.id);
+  const auto number = file->number();
+  file.reset();
+  edits_->removeFile(ROOT_INODE, "a.txt", [](const Result<void>& removed) { EXPECT_TRUE(removed); });
+  scheduler_.runUntilIdle();
+  EXPECT_THAT(files(), ElementsAre(std::to_string(number))) << "while it may have to be compared";
+  edits_->deleted(*edits_->find(sent.id), [](const Result<void>&) {});
+  scheduler_.runUntilIdle();
+  edited_->dropUnasked();
+  scheduler_.advance(EditedContents::REMOVAL_DELAY);
+  EXPECT_THAT(files(), ElementsAre());
+}
+
 TEST_F(EditedContentsTest, WhatIsWrittenToOrMissingIsNotSent) {
   const auto file = get();
   {

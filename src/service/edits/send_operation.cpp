@@ -406,6 +406,7 @@ void SendOperation::finish(Ending ending) {
   else if (outgoing_)  // whatever was frozen and is not done with can be written to again
     services_.contents->endSending(*outgoing_, {}, false);
   outgoing_.reset();
+  services_.contents->dropUnasked();
   result_.ending = ending;
   std::move(completion_)(std::move(result_));
 }
