@@ -592,8 +592,10 @@ std::int64_t LocalEdits::settleEdit(TreeEdit& tree, Edit edit, const Edit& sent,
   if (!isPlaced) edit.place = serverPlace;
   edit.fields = (isPlaced ? EDIT_PLACED : 0U) | (areContentsLeft ? EDIT_CONTENTS : 0U);
   if (!areContentsLeft) edit.contents = 0;
-  // When ours were put aside, newer ones of ours are still a change of what the user saw then.
-  if (!areContentsLeft || wasNew || (areContentsSent && saved.hasGivenContents)) edit.baseVersion = item.itemVersion;
+  // When others stand there by now, newer ones of ours are still a change of what the user saw then: of nothing that
+  // the server has, for a new file.
+  const bool isBaseThere = areContentsSent ? saved.hasGivenContents : wasNew;
+  if (!areContentsLeft || isBaseThere) edit.baseVersion = item.itemVersion;
   forgetFailures(edit);
   if (edit.fields == 0)
     tree.dropEdit(edit.id);

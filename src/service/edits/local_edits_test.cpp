@@ -743,6 +743,16 @@ TEST_F(LocalEditsTest, WhatWasWrittenMeanwhileStaysToBeSent) {
   EXPECT_EQ(attributes(at("/A/new")).size, 30);
 }
 
+TEST_F(LocalEditsTest, WhatWasWrittenMeanwhileIsNoChangeOfWhatAnotherMadeOfTheNewFile) {
+  buildTree();
+  createFile("a", "new", 7);
+  const auto sent = beginSending("/A/new");
+  EXPECT_EQ(editContents(at("/A/new"), 8, attributes(at("/A/new")).contentTag), 0);
+  succeeded(sent, NEW_FILE, saved(file("n", "a", "new", 2), false));
+  EXPECT_EQ(edit("/A/new").fields, EDIT_CONTENTS);
+  EXPECT_EQ(edit("/A/new").baseVersion, ItemVersion()) << "so that both are kept";
+}
+
 TEST_F(LocalEditsTest, TheSameFileWrittenToAgainStaysToBeSent) {
   buildTree();
   editContents(inode("x"), 7);
