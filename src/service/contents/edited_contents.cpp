@@ -116,12 +116,15 @@ class EditedContents::Claim final : public std::enable_shared_from_this<Claim> {
 
   void record(std::shared_ptr<EditedFile> file, std::optional<std::uint64_t> madeFrom) {
     const auto number = file->number();
-    store_->edits_->editContents(inode_, number, madeFrom,
-                                 [self = shared_from_this(), file = std::move(file)](const Result<void>& recorded) {
-                                   if (!recorded) return self->refused(recorded.error());
-                                   self->store_->keep(self->inode_, file);
-                                   self->finish(file);
-                                 });
+    store_->edits_->editContents(
+        inode_, number, madeFrom,
+        [self = shared_from_this(), file = std::move(file)](const Result<void>& recorded) {
+          if (!recorded) return self->refused(recorded.error());
+          self->store_->keep(self->inode_, file);
+          self->finish(file);
+        },
+        // A program that was told that its call was interrupted must not lose what was there.
+        [self = shared_from_this()] { return self->keepsContents_ || !self->isAbandoned_; });
   }
 
   void refused(const Error& error) {

@@ -336,6 +336,21 @@ TEST_F(EditedContentsTest, AFileThatMayHaveArrivedGoesWhenNobodyWillAskAfterIt) 
   EXPECT_THAT(files(), ElementsAre());
 }
 
+TEST_F(EditedContentsTest, WhatWasToBeEmptiedStaysWhenThatIsInterrupted) {
+  const auto wait = Progress::make();
+  std::optional<Error> refused;
+  edited_->require(inode_, false, {}, wait, [&](const Result<std::shared_ptr<EditedFile>>& result) {
+    ASSERT_FALSE(result);
+    refused = result.error();
+  });
+  wait->cancel();
+  scheduler_.runUntilIdle();
+  EXPECT_TRUE(refused);
+  EXPECT_EQ(edited_->find(inode_), nullptr);
+  EXPECT_EQ(edits_->pendingCount(), 0U);
+  EXPECT_THAT(files(), ElementsAre());
+}
+
 TEST_F(EditedContentsTest, WhatIsWrittenToOrMissingIsNotSent) {
   const auto file = get();
   {

@@ -357,9 +357,12 @@ std::optional<Inode> LocalEdits::heirAt(const Place& place, Inode except) const 
 }
 
 void LocalEdits::editContents(Inode inode, std::int64_t contents, std::optional<std::uint64_t> madeFrom,
-                              Done completion) {
+                              Done completion, std::function<bool()> isWanted) {
   perform(std::move(completion),
-          [inode, contents, madeFrom](LocalEdits& self) { return self.changeContents(inode, contents, madeFrom); });
+          [inode, contents, madeFrom, isWanted = std::move(isWanted)](LocalEdits& self) -> Result<void> {
+            if (isWanted && !isWanted()) return refused(ECANCELED);
+            return self.changeContents(inode, contents, madeFrom);
+          });
 }
 
 Result<void> LocalEdits::changeContents(Inode inode, std::int64_t contents, std::optional<std::uint64_t> madeFrom) {

@@ -50,7 +50,9 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
   void removeFolder(Inode folder, std::string name, Done completion);
   // The item's contents are the private file of this number from now on, and no longer what they were. It was made from
   // the contents with the tag: ESTALE, and nothing done, when the item has others by now. None: from nothing.
-  void editContents(Inode inode, std::int64_t contents, std::optional<std::uint64_t> madeFrom, Done completion);
+  // `isWanted` is asked right before it is recorded: ECANCELED, and nothing done, when it is not any more.
+  void editContents(Inode inode, std::int64_t contents, std::optional<std::uint64_t> madeFrom, Done completion,
+                    std::function<bool()> isWanted = {});
   // The private file has changed again: nothing is recorded but that it is to be sent (again).
   void touchContents(Inode inode, std::int64_t size, Timestamp modified);
   // What the private file of the edit is like, which is news only after a start; nothing is to be sent for it.
