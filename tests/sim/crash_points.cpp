@@ -74,6 +74,8 @@ int sqliteUnlink(const char* path) {
 }  // namespace
 
 void CrashPoints::install() {
+  // A life that ends in the middle of a call leaves its locks behind.
+  sqlite3_config(SQLITE_CONFIG_SINGLETHREAD);
   sqlite3_vfs* const files = sqlite3_vfs_find(nullptr);
   const auto set = [&](const char* name, auto function) {
     files->xSetSystemCall(files, name, reinterpret_cast<sqlite3_syscall_ptr>(function));
