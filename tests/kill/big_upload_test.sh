@@ -3,31 +3,12 @@
 # received stays received, and at last the file is there, byte by byte.
 # big_upload_test.sh FOLDER-OF-PROGRAMS [--mib N] [--kills N] [--seed N]
 # In full: --mib 1536 --kills 5. Mounts for real; needs /dev/fuse and three times the room.
-set -euo pipefail
-BIN_GIVEN=$(realpath "$1")
-shift
 MIB=256
 KILLS=2
-SEED=$((SRANDOM % 1000000))
-while [ $# -gt 1 ]; do
-  case $1 in
-    --mib) MIB=$2 ;;
-    --kills) KILLS=$2 ;;
-    --seed) SEED=$2 ;;
-    *) break ;;
-  esac
-  shift 2
-done
-[ $# -eq 0 ] || { echo "usage: big_upload_test.sh FOLDER-OF-PROGRAMS [--mib N] [--kills N] [--seed N]" >&2; exit 2; }
-cd "$(dirname "$0")/../.."
-source tools/demo.sh
-source tests/checks.sh
-
-echo "--mib $MIB --kills $KILLS --seed $SEED"
-RANDOM=$SEED
-make_world "$BIN_GIVEN"
+OPTIONS='mib kills'
+source "$(dirname "$0")/begin.sh"
 finish() {
-  [ $failures = 0 ] || { show_log; tail -n 60 "$WORLD/storage.log" >&2; }
+  [ $failures = 0 ] || { show_log; tail -n 60 "$WORLD/storage.log" >&2; echo "repeat with: $0 $BIN_GIVEN$(given)" >&2; }
   destroy_world
 }
 trap finish EXIT

@@ -4,27 +4,9 @@
 # After each round the folder holds every change that was acknowledged; every third round everything is sent, and the
 # server holds it too. What the programs do comes from the seed. In full: --rounds 200, which takes a quarter of an hour.
 # Mounts for real; needs /dev/fuse.
-set -euo pipefail
-BIN_GIVEN=$(realpath "$1")
-shift
 ROUNDS=12
-SEED=$((SRANDOM % 1000000))
-while [ $# -gt 1 ]; do
-  case $1 in
-    --rounds) ROUNDS=$2 ;;
-    --seed) SEED=$2 ;;
-    *) break ;;
-  esac
-  shift 2
-done
-[ $# -eq 0 ] || { echo "usage: kill_edits_test.sh FOLDER-OF-PROGRAMS [--rounds N] [--seed N]" >&2; exit 2; }
-cd "$(dirname "$0")/../.."
-source tools/demo.sh
-source tests/checks.sh
-
-echo "$ROUNDS rounds, --seed $SEED"
-RANDOM=$SEED
-make_world "$BIN_GIVEN"
+OPTIONS=rounds
+source "$(dirname "$0")/begin.sh"
 JOURNALS=$WORLD/journals # what was acknowledged; outside the mount
 export PYTHONDONTWRITEBYTECODE=1
 WRITERS='1 2 3'
@@ -34,7 +16,7 @@ finish() {
   if [ $failures != 0 ]; then
     show_log
     tail -n 40 "$JOURNALS"/*.journal >&2 || true
-    echo "repeat with: $0 $BIN_GIVEN --rounds $ROUNDS --seed $SEED" >&2
+    echo "repeat with: $0 $BIN_GIVEN$(given)" >&2
   fi
   destroy_world
 }

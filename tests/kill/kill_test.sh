@@ -3,29 +3,11 @@
 # kill_test.sh FOLDER-OF-PROGRAMS [--rounds N] [--seed N]
 # After each round the service serves again with the inode numbers from before and a whole database; at the end every
 # byte is compared. Mounts for real; needs /dev/fuse.
-set -euo pipefail
-BIN_GIVEN=$(realpath "$1")
-shift
 ROUNDS=12
-SEED=$((SRANDOM % 1000000))
-while [ $# -gt 1 ]; do
-  case $1 in
-    --rounds) ROUNDS=$2 ;;
-    --seed) SEED=$2 ;;
-    *) break ;;
-  esac
-  shift 2
-done
-[ $# -eq 0 ] || { echo "usage: kill_test.sh FOLDER-OF-PROGRAMS [--rounds N] [--seed N]" >&2; exit 2; }
-cd "$(dirname "$0")/../.."
-source tools/demo.sh
-source tests/checks.sh
-
-echo "$ROUNDS rounds, --seed $SEED"
-RANDOM=$SEED
-make_world "$BIN_GIVEN"
+OPTIONS=rounds
+source "$(dirname "$0")/begin.sh"
 finish() {
-  [ $failures = 0 ] || { show_log; echo "repeat with: $0 $BIN_GIVEN --rounds $ROUNDS --seed $SEED" >&2; }
+  [ $failures = 0 ] || { show_log; echo "repeat with: $0 $BIN_GIVEN$(given)" >&2; }
   destroy_world
 }
 trap finish EXIT
