@@ -22,6 +22,10 @@ bool hasContentsToSend(const Edit& edit) {
   return step == SendStep::contents || (step == SendStep::create && !edit.isFolder);
 }
 
+bool isSmall(const Edit& edit) {
+  return !hasContentsToSend(edit) || edit.size <= EditSender::SMALL_BYTES;
+}
+
 bool isStillToCome(const SendDecision& decision) {
   return decision.state == SendState::ready || decision.state == SendState::sending ||
          decision.state == SendState::settling;
@@ -143,17 +147,17 @@ void EditSender::plan() {
   nextPlan_ = backlog_.empty() ? *soonestPlan_ : std::max(*soonestPlan_, now + PLAN_LIFE);
 }
 
+// Small ones pass large ones that have to wait.
 void EditSender::startMore() {
-  while (!backlog_.empty() && mayBegin(backlog_.front().first.edit)) {
-    const auto [queued, decision] = std::move(backlog_.front());
-    backlog_.pop_front();
+  for (auto next = backlog_.begin(); next != backlog_.end();) {
+    if (runningCount() >= (isSmall(next->first.edit) ? SMALL_AT_ONCE : AT_ONCE)) {
+      ++next;
+      continue;
+    }
+    const auto [queued, decision] = std::move(*next);
+    next = backlog_.erase(next);
     begin(queued, decision);
   }
-}
-
-bool EditSender::mayBegin(const Edit& edit) const {
-  const bool isSmall = !hasContentsToSend(edit) || edit.size <= SMALL_BYTES;
-  return runningCount() < (isSmall ? SMALL_AT_ONCE : AT_ONCE);
 }
 
 // Everything has begun that the last plan lets begin.

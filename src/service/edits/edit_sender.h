@@ -110,7 +110,6 @@ class EditSender : public std::enable_shared_from_this<EditSender> {
   void planSoon();
   void plan();
   void startMore();
-  [[nodiscard]] bool mayBegin(const Edit& edit) const EXCLUDES(lock_);
   void planWhenUsedUp();
   void begin(const QueuedEdit& queued, const SendDecision& decision);
   void ended(SendResult result);

@@ -368,6 +368,19 @@ TEST_F(EditSenderTest, MoreSmallOnesGoSideBySide) {
   EXPECT_EQ(extension_->mostChangesAtOnce(), EditSender::SMALL_AT_ONCE);
 }
 
+TEST_F(EditSenderTest, SmallOnesDoNotWaitForLargeOnes) {
+  begin();
+  const std::string large(EditSender::SMALL_BYTES + 1, 'x');
+  for (std::size_t i = 0; i < EditSender::AT_ONCE + 2; ++i) create(fmt::format("large{:02}", i), large);
+  create("small", "y");
+  extension_->holdAnswers();
+  settle();
+  EXPECT_EQ(extension_->heldCount(), EditSender::AT_ONCE + 1);
+  extension_->letAnswersGo();
+  settle();
+  EXPECT_EQ(server().size(), EditSender::AT_ONCE + 3);
+}
+
 TEST_F(EditSenderTest, ALongQueueGoesUpWhole) {
   begin();
   for (int i = 0; i < 400; ++i) create(fmt::format("f{:03}", i));
