@@ -22,7 +22,10 @@ Result<Unsent> findUnsent(const ServiceFolders& folders) {
     unsent.edits = std::move(*edits);
   }
   std::set<std::int64_t> named;
-  for (const auto& edit : unsent.edits) named.insert(edit.contents);
+  for (const auto& edit : unsent.edits) {
+    named.insert(edit.contents);
+    if (edit.attempt) named.insert(edit.attempt->contents);
+  }
   unsent.lostFiles = countUnclaimed(folders.editedFiles(), named);
   return unsent;
 }

@@ -100,8 +100,8 @@ void KeepOperation::lookedUp(const ItemIdentifier& identifier, Result<Item> item
 }
 
 void KeepOperation::applied() {
-  if (action_ == Action::stopKeeping) return evict();
   result_["done"] = inodes_.size();
+  if (action_ == Action::stopKeeping) return evict();
   if (!waits_) return finish();
   parts_.keeper->retryNow();
   wait();
@@ -109,12 +109,7 @@ void KeepOperation::applied() {
 
 // Once more, since what was kept until a moment ago may have been fetched again.
 void KeepOperation::evict() {
-  std::size_t done = 0;
-  for (const Inode inode : inodes_) {
-    static_cast<void>(evictAll(parts_.tree.replica(), *parts_.contents, inode));
-    ++done;
-  }
-  result_["done"] = done;
+  for (const Inode inode : inodes_) static_cast<void>(evictAll(parts_.tree.replica(), *parts_.contents, inode));
   finish();
 }
 

@@ -33,7 +33,7 @@ void Keeper::apply(const std::vector<ReplicaChange>& changes) {
   for (const auto& change : changes)
     if (canMatter(change)) inodes.push_back(change.inode);
   // Also when nothing is kept any more: what runs must end.
-  if (inodes.empty() || (replica().keptItems().empty() && status().waiting == 0)) return;
+  if (inodes.empty() || (replica().keptCount() == 0 && status().waiting == 0)) return;
   queue_->post([self = shared_from_this(), inodes = std::move(inodes)] { self->look(inodes); });
 }
 
@@ -172,7 +172,7 @@ void Keeper::publish() {
 }
 
 Keeper::Status Keeper::status() const {
-  const auto items = replica().keptItems().size();
+  const auto items = replica().keptCount();
   MutexLock hold(lock_);
   return {.items = items, .waiting = waitingCount_, .failing = failures_.size()};
 }

@@ -161,6 +161,11 @@ std::vector<Inode> Replica::keptItems() const {
   return {state_.kept.begin(), state_.kept.end()};
 }
 
+std::size_t Replica::keptCount() const {
+  MutexLock hold(lock_);
+  return state_.kept.size();
+}
+
 std::optional<Place> Replica::placeOf(Inode inode) const {
   MutexLock hold(lock_);
   const Slot slot = state_.index.find(inode);

@@ -77,6 +77,7 @@ class Replica {
   [[nodiscard]] std::optional<Inode> keptBy(Inode inode) const EXCLUDES(lock_);
   // All items of such a policy, in no particular order.
   [[nodiscard]] std::vector<Inode> keptItems() const EXCLUDES(lock_);
+  [[nodiscard]] std::size_t keptCount() const EXCLUDES(lock_);
   // Its folder and its server name; none for the root.
   [[nodiscard]] std::optional<Place> placeOf(Inode inode) const EXCLUDES(lock_);
   [[nodiscard]] std::vector<NamedDifferently> problems() const EXCLUDES(lock_);
