@@ -5,7 +5,7 @@
 source "$(dirname "$0")/begin.sh"
 
 OPENS=$((ROUNDS * 10))
-LIMIT=2048 # kB/s in each direction
+LIMIT=20480 # kB/s in each direction
 UPLOADS=5
 DOWNLOADS=10
 LARGE=$((64 * MEBIBYTE)) # more than passes meanwhile
@@ -18,12 +18,12 @@ mount_account
 in_world vondle limits --down $LIMIT --up $LIMIT >/dev/null
 ls -l "$MOUNT" "$MOUNT/small" >/dev/null
 
-# first_bytes FIRST: of as many files, one every few hundredths of a second: the median in ms.
+# first_bytes FIRST: of as many files, one every few hundredths of a second, out of step with the pacing: median, ms.
 first_bytes() {
   local i times=()
   for ((i = $1; i < $1 + OPENS; ++i)); do
     times+=("$(printf '%s\n' "$MOUNT/small/$i" | "$BIN/file_reader" 1 65536 | cut -d ' ' -f 3)")
-    sleep 0.05
+    sleep "0.0$((RANDOM % 70 + 10))"
   done
   median "${times[@]}"
 }
