@@ -7,6 +7,7 @@
 #include "cli/sending_words.h"
 #include "cli/service_connection.h"
 #include "cli/words.h"
+#include "service/item_text.h"
 
 namespace vondle {
 
@@ -51,7 +52,7 @@ void printInfo(const CommandContext& context, const json::Object& info) {
   printText(context, info, "policy", "policy");
   print(context, "rights", joined(info, "rights"));
   if (json::boolean(info, "shared") == true) {
-    print(context, "shared", json::boolean(info, "shared_by_me") == true ? "by you" : "with you");
+    print(context, "shared", sharingText(json::boolean(info, "shared_by_me") == true));
   }
   printText(context, info, "owner", "owner");
   printText(context, info, "contents", "content_version");

@@ -85,12 +85,19 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
   service->follower_ = std::make_shared<Follower>(*service->extension_, *service->tree_, platform.scheduler,
                                                   platform.clock, platform.files, folders.anchorFile(),
                                                   [mounted = &service->mount_] { return (*mounted)->lastUse(); });
-  auto mount = Mount::start({.path = options.mountPath,
-                             .name = options.name,
-                             .readOnly = options.readOnly,
-                             .used = [follower = service->follower_] { follower->noteUse(); }},
-                            *service->tree_, *service->listing_, *service->contents_, platform.scheduler,
-                            platform.clock, {.edits = service->edits_, .contents = service->edited_});
+  auto mount =
+      Mount::start({.path = options.mountPath,
+                    .name = options.name,
+                    .readOnly = options.readOnly,
+                    .used = [follower = service->follower_] { follower->noteUse(); },
+                    .keep = [parts = KeepAction::Parts{.tree = *service->tree_,
+                                                       .extension = *service->extension_,
+                                                       .contents = service->contents_,
+                                                       .scheduler = platform.scheduler}](
+                                Inode inode, KeepAction::Kind kind,
+                                auto completion) { KeepAction::start(parts, kind, inode, std::move(completion)); }},
+                   *service->tree_, *service->listing_, *service->contents_, platform.scheduler, platform.clock,
+                   {.edits = service->edits_, .contents = service->edited_});
   if (!mount) return failure(mount.error());
   service->mount_ = std::move(*mount);
   service->mount_->onUnmountedByOthers(stop);

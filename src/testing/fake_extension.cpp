@@ -164,10 +164,15 @@ void FakeExtension::holdAnswers() {
   isHolding_ = true;
 }
 
+void FakeExtension::holdActions() {
+  MutexLock hold(lock_);
+  isHoldingActions_ = true;
+}
+
 void FakeExtension::letAnswersGo() {
   {
     MutexLock hold(lock_);
-    isHolding_ = false;
+    isHolding_ = isHoldingActions_ = false;
   }
   while (letOneGo()) {
   }
@@ -433,7 +438,12 @@ std::shared_ptr<Progress> FakeExtension::performAction(std::string action, std::
                                              : ContentPolicy::downloadLazily;
     }
   }
-  std::move(completion)(std::nullopt);
+  Task answer = [completion = std::move(completion)]() mutable { std::move(completion)(std::nullopt); };
+  {
+    MutexLock hold(lock_);
+    if (isHoldingActions_) held_.push_back({++lastNumber_, std::exchange(answer, nullptr)});
+  }
+  if (answer) answer();
   return Progress::make();
 }
 

@@ -59,6 +59,8 @@ class FakeExtension final : public ReplicatedExtension {
 
   // Answers are kept from now on; what they say is decided when they are let go.
   void holdAnswers() EXCLUDES(lock_);
+  // The same for actions, which holdAnswers leaves alone.
+  void holdActions() EXCLUDES(lock_);
   // Those kept are given, and later ones come at once.
   void letAnswersGo() EXCLUDES(lock_);
   // Gives the oldest; false when there is none.
@@ -144,6 +146,7 @@ class FakeExtension final : public ReplicatedExtension {
   std::list<Held> held_ GUARDED_BY(lock_);
   std::uint64_t lastNumber_ GUARDED_BY(lock_) = 0;
   bool isHolding_ GUARDED_BY(lock_) = false;
+  bool isHoldingActions_ GUARDED_BY(lock_) = false;
   std::size_t pageSize_ GUARDED_BY(lock_) = 0;
   std::optional<Error> listingError_ GUARDED_BY(lock_);
   std::optional<Error> fetchError_ GUARDED_BY(lock_);

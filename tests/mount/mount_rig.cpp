@@ -113,7 +113,14 @@ std::optional<Error> MountRig::tryToStart() {
   contents = *ContentStore::open(folder_ + "/contents", *tree, extension, *errors_, *scheduler_, clock_);
   tree->subscribe([store = contents](const std::vector<ReplicaChange>& changes) { store->apply(changes); });
   if (isWritable_) edited = *EditedContents::open(folder_ + "/edits", contents, edits, *tree, *scheduler_, clock_);
-  auto started = Mount::start({.path = mountPoint_}, *tree, *listing, *contents, *scheduler_, clock_, {edits, edited});
+  auto keep =
+      [parts =
+           KeepAction::Parts{.tree = *tree, .extension = extension, .contents = contents, .scheduler = *scheduler_}](
+          Inode inode, KeepAction::Kind kind, auto completion) {
+        KeepAction::start(parts, kind, inode, std::move(completion));
+      };
+  auto started = Mount::start({.path = mountPoint_, .keep = std::move(keep)}, *tree, *listing, *contents, *scheduler_,
+                              clock_, {edits, edited});
   if (started) {
     mount = std::move(*started);
     return std::nullopt;

@@ -95,6 +95,12 @@ class MountWritingTest : public testing::Test {
     rig_.extension.addFile("of " + name, ROOT, name, contents);
   }
   std::string path(const std::string& below) const { return rig_.path(below); }
+  // Of an extended attribute, or the name of the errno.
+  std::string valueOf(const std::string& below, const char* name) const {
+    char text[256];
+    const auto size = ::getxattr(path(below).c_str(), name, text, sizeof text);
+    return size < 0 ? ::strerrorname_np(errno) : std::string(text, static_cast<std::size_t>(size));
+  }
   struct stat statusOf(const std::string& below) {
     struct stat status{};
     EXPECT_EQ(::lstat(path(below).c_str(), &status), 0) << below;
@@ -232,17 +238,103 @@ TEST_F(MountWritingTest, AFileThatReplacesAnotherBringsItsPermissions) {
   EXPECT_EQ(statusOf("/a").st_mode & 0777, 0600U);
 }
 
-TEST_F(MountWritingTest, ExtendedAttributesAreNotSupportedAndSaySo) {
+TEST_F(MountWritingTest, ExtendedAttributesOfProgramsAreNotSupportedAndSaySo) {
   serverHas("a", "contents");
   rig_.start();
   const auto a = path("/a");
   for (int i = 0; i < 2; ++i) {
     char text[8];
     EXPECT_EQ(numberOf(::setxattr(a.c_str(), "user.colour", "red", 3, 0)), ENOTSUP);
-    EXPECT_EQ(numberOf(static_cast<int>(::getxattr(a.c_str(), "user.colour", text, sizeof text))), ENOTSUP);
+    EXPECT_EQ(valueOf("/a", "user.colour"), "ENODATA");
+    EXPECT_EQ(valueOf("/a", "security.selinux"), "EOPNOTSUPP");
+    EXPECT_EQ(valueOf("/a", "system.posix_acl_access"), "EOPNOTSUPP");
     EXPECT_EQ(numberOf(static_cast<int>(::listxattr(a.c_str(), text, sizeof text))), ENOTSUP);
-    EXPECT_EQ(numberOf(::removexattr(a.c_str(), "user.colour")), ENOTSUP);
+    EXPECT_EQ(numberOf(::removexattr(a.c_str(), "user.colour")), ENODATA);
   }
+}
+
+TEST_F(MountWritingTest, AnItemTellsOfItselfByExtendedAttributes) {
+  auto shared = FakeExtension::folder("20", ROOT, "shared");
+  shared.isShared = true;
+  shared.ownerNameComponents = parsePersonName("Ann Ärmel");
+  rig_.extension.add(shared);
+  serverHas("a", "contents");
+  rig_.start();
+  EXPECT_EQ(valueOf("/a", "user.vondle.state"), "on the server only");
+  EXPECT_EQ(valueOf("/a", "user.vondle.id"), rig_.extension.itemNamed("a")->itemIdentifier.text);
+  EXPECT_EQ(valueOf("/a", "user.vondle.version"), rig_.extension.itemNamed("a")->itemVersion.contentVersion);
+  EXPECT_EQ(valueOf("/a", "user.vondle.policy"), "downloaded when read");
+  EXPECT_EQ(valueOf("/a", "user.vondle.shared"), "ENODATA");
+  EXPECT_EQ(valueOf("/a", "user.vondle.owner"), "ENODATA");
+  EXPECT_EQ(textOf(path("/a")), "contents");
+  EXPECT_EQ(valueOf("/a", "user.vondle.state"), "here");
+  EXPECT_EQ(valueOf("/shared", "user.vondle.state"), "ENODATA");
+  EXPECT_EQ(valueOf("/shared", "user.vondle.policy"), "as its folder");
+  EXPECT_EQ(valueOf("/shared", "user.vondle.shared"), "with you");
+  EXPECT_EQ(valueOf("/shared", "user.vondle.owner"), "Ann Ärmel");
+  EXPECT_EQ(valueOf("/", "user.vondle.policy"), "as its folder");
+
+  char text[18];
+  EXPECT_EQ(::getxattr(path("/a").c_str(), "user.vondle.state", nullptr, 0), 4);
+  EXPECT_EQ(::getxattr(path("/a").c_str(), "user.vondle.state", text, 4), 4);
+  EXPECT_EQ(numberOf(static_cast<int>(::getxattr(path("/a").c_str(), "user.vondle.state", text, 3))), ERANGE);
+}
+
+TEST_F(MountWritingTest, AProgramHasAnItemKeptByItsAttribute) {
+  serverHas("a", "contents");
+  rig_.extension.addFolder("10", ROOT, "folder");
+  rig_.extension.addFile("11", "10", "inside", "x");
+  rig_.start();
+  constexpr auto POLICY = "user.vondle.policy";
+  const auto set = [this](const std::string& below, const std::string& value, int flags = 0) {
+    return numberOf(::setxattr(path(below).c_str(), POLICY, value.data(), value.size(), flags));
+  };
+  EXPECT_EQ(set("/a", "keep"), 0);
+  EXPECT_EQ(valueOf("/a", POLICY), "kept downloaded");
+  EXPECT_EQ(set("/a", "default", XATTR_REPLACE), 0);
+  EXPECT_EQ(valueOf("/a", POLICY), "downloaded when read");
+  EXPECT_EQ(set("/folder", "keep"), 0);
+  EXPECT_EQ(valueOf("/folder/inside", POLICY), "kept downloaded with its folder");
+  EXPECT_EQ(set("/folder/inside", "default"), EBUSY);
+  EXPECT_EQ(numberOf(::removexattr(path("/folder").c_str(), POLICY)), 0);
+  EXPECT_EQ(valueOf("/folder", POLICY), "as its folder");
+
+  EXPECT_EQ(set("/a", "keep", XATTR_CREATE), EEXIST);
+  EXPECT_EQ(set("/a", "kept downloaded"), EINVAL);
+  EXPECT_EQ(set("/a", ""), EINVAL);
+  EXPECT_EQ(set("/", "keep"), EPERM);
+  EXPECT_EQ(numberOf(::setxattr(path("/a").c_str(), "user.vondle.id", "x", 1, 0)), EPERM);
+  EXPECT_EQ(numberOf(::removexattr(path("/a").c_str(), "user.vondle.owner")), EPERM);
+  EXPECT_EQ(valueOf("/a", POLICY), "downloaded when read");
+}
+
+TEST_F(MountWritingTest, SettingThePolicyWaitsForTheExtensionAndCanBeInterrupted) {
+  serverHas("a", "contents");
+  rig_.start();
+  ASSERT_EQ(rig_.shell("ls"), "a\n");
+  rig_.extension.holdActions();
+  const auto setting =
+      run({"python3", "-c", "import os, sys; os.setxattr(sys.argv[1], 'user.vondle.policy', b'keep')", path("/a")});
+  ASSERT_TRUE(eventually([this] { return rig_.extension.heldCount() > 0; }));
+  EXPECT_EQ(::kill(setting->pid(), SIGINT), 0);
+  EXPECT_NE(setting->wait().value_or(0), 0);
+  rig_.extension.letAnswersGo();
+  EXPECT_TRUE(eventually([this] { return valueOf("/a", "user.vondle.policy") == "kept downloaded"; }));
+}
+
+TEST_F(MountWritingTest, ToolsThatCopyExtendedAttributesWorkInTheFolder) {
+  serverHas("a", "contents");
+  rig_.start();
+  const auto out = scratch_.path() + "/out";
+  std::filesystem::create_directory(out);
+  for (const std::string copy :
+       {"cp -a a {0}/1 && cp -a {0}/1 b && cp -a b c && cp --preserve=all c d",
+        "rsync -aX a {0}/ && rsync -aX {0}/a e && rsync -aX e f",
+        "tar --xattrs -cf {0}/t a b 2>{0}/said && mkdir g && tar --xattrs -xf {0}/t -C g", "mv d {0}/2 && mv {0}/2 h"})
+    EXPECT_EQ(rig_.shell(fmt::format("{{ {} || echo failed; }} 2>&1", fmt::format(fmt::runtime(copy), out))), "");
+  EXPECT_EQ(
+      rig_.shell("cat a b c e f g/a g/b h | sort | uniq -c | tr -s ' '; ls"),
+      fmt::format(" 1 {}\na\nb\nc\ne\nf\ng\nh\n", "contentscontentscontentscontentscontentscontentscontentscontents"));
 }
 
 TEST_F(MountWritingTest, ALargeFileIsCopiedInAndOutWhole) {

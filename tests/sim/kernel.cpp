@@ -123,6 +123,10 @@ void FuseRequest::answerFolder(const FolderPage&) && {
   channel_->answer(take(), {});
 }
 
+void FuseRequest::answerAttribute(std::string_view value, std::size_t) && {
+  channel_->answer(take(), {.bytes = std::string(value)});
+}
+
 void FuseRequest::answerStatistics(const SpaceStatistics&) && {
   channel_->answer(take(), {});
 }

@@ -15,6 +15,8 @@
 #include "service/control/drain_operation.h"
 #include "service/control/edit_text.h"
 #include "service/control/fetch_operation.h"
+#include "service/control/keep_operation.h"
+#include "service/item_text.h"
 
 namespace vondle {
 
@@ -40,34 +42,6 @@ constexpr std::string_view problemText(NameProblem problem) {
   return "an unusable name";
 }
 
-constexpr std::string_view stateText(ContentState state) {
-  switch (state) {
-    case ContentState::absent:
-      return "on the server only";
-    case ContentState::fetching:
-      return "being fetched";
-    case ContentState::clean:
-      return "here";
-    case ContentState::edited:
-      return "edited here";
-    case ContentState::uploading:
-      return "being sent";
-  }
-  return "";
-}
-
-constexpr std::string_view policyText(ContentPolicy policy) {
-  switch (policy) {
-    case ContentPolicy::inherited:
-      return "as its folder";
-    case ContentPolicy::downloadLazily:
-      return "downloaded when read";
-    case ContentPolicy::downloadEagerlyAndKeepDownloaded:
-      return "kept downloaded";
-  }
-  return "";
-}
-
 json::Array rights(std::uint32_t capabilities) {
   constexpr std::pair<ItemCapabilities, std::string_view> NAMES[] = {
       {ALLOWS_READING, "read"},    {ALLOWS_WRITING, "write"},  {ALLOWS_REPARENTING, "move"},
@@ -77,17 +51,6 @@ json::Array rights(std::uint32_t capabilities) {
     if (capabilities & bit) result.push_back(json::Value(name));
   }
   return result;
-}
-
-std::string ownerText(const PersonNameComponents& owner) {
-  std::string text;
-  for (const auto* part :
-       {&owner.namePrefix, &owner.givenName, &owner.middleName, &owner.familyName, &owner.nameSuffix}) {
-    if (!*part) continue;
-    if (!text.empty()) text += ' ';
-    text += **part;
-  }
-  return text.empty() ? owner.nickname.value_or("") : text;
 }
 
 // Absent for a request whose "inodes" is no list of numbers.
@@ -148,8 +111,8 @@ void ControlCommands::handle(const json::Object& request, const std::shared_ptr<
   if (command == "info") return info(request, reply);
   if (command == "fetch") return fetch(request, reply);
   if (command == "evict") return evict(request, reply);
-  if (command == "keep") return keep(KeepOperation::Action::keep, request, reply);
-  if (command == "unkeep") return keep(KeepOperation::Action::stopKeeping, request, reply);
+  if (command == "keep") return keep(KeepAction::Kind::keep, request, reply);
+  if (command == "unkeep") return keep(KeepAction::Kind::stopKeeping, request, reply);
   if (command == "thumbnail") return thumbnail(request, reply);
   if (command == "drain") return drain(reply);
   if (command == "trash") return trash(TrashOperation::Action::list, request, true, reply);
@@ -305,7 +268,7 @@ void ControlCommands::info(const json::Object& request, const std::shared_ptr<Co
     object["server_name"] = controlText(item->filename);
     object["content_type"] = controlText(item->contentType);
     const auto keptBy = replica.keptBy(inode);
-    object["policy"] = keptBy && *keptBy != inode ? "kept downloaded with its folder" : policyText(item->contentPolicy);
+    object["policy"] = policyText(inode, keptBy, item->contentPolicy);
     object["kept"] = keptBy.has_value();
     object["content_version"] = controlText(item->itemVersion.contentVersion);
     object["metadata_version"] = controlText(item->itemVersion.metadataVersion);
@@ -347,16 +310,16 @@ void ControlCommands::evict(const json::Object& request, const std::shared_ptr<C
   reply->finish({{"done", done}, {"failures", std::move(failures)}});
 }
 
-void ControlCommands::keep(KeepOperation::Action action, const json::Object& request,
+void ControlCommands::keep(KeepAction::Kind action, const json::Object& request,
                            const std::shared_ptr<ControlReply>& reply) const {
   auto inodes = inodesOf(request);
   if (!inodes) return refuse(reply, "expected \"inodes\", a list of numbers");
-  std::make_shared<KeepOperation>(KeepOperation::Parts{.tree = parts_.tree,
-                                                       .extension = parts_.extension,
-                                                       .contents = parts_.contents,
-                                                       .keeper = parts_.keeper,
-                                                       .scheduler = parts_.scheduler},
-                                  action, std::move(*inodes), json::boolean(request, "wait").value_or(false), reply)
+  std::make_shared<KeepOperation>(KeepAction::Parts{.tree = parts_.tree,
+                                                    .extension = parts_.extension,
+                                                    .contents = parts_.contents,
+                                                    .scheduler = parts_.scheduler},
+                                  parts_.keeper, action, std::move(*inodes),
+                                  json::boolean(request, "wait").value_or(false), reply)
       ->start();
 }
 

@@ -9,11 +9,11 @@
 #include "platform/scheduler.h"
 #include "service/contents/content_store.h"
 #include "service/control/control_server.h"
-#include "service/control/keep_operation.h"
 #include "service/control/trash_operation.h"
 #include "service/edits/edit_sender.h"
 #include "service/edits/local_edits.h"
 #include "service/follow/follower.h"
+#include "service/follow/keep_action.h"
 #include "service/follow/keeper.h"
 #include "service/last_errors.h"
 #include "service/replica/tree.h"
@@ -76,8 +76,7 @@ class ControlCommands {
   void info(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const;
   void fetch(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const;
   void evict(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const;
-  void keep(KeepOperation::Action action, const json::Object& request,
-            const std::shared_ptr<ControlReply>& reply) const;
+  void keep(KeepAction::Kind action, const json::Object& request, const std::shared_ptr<ControlReply>& reply) const;
   void thumbnail(const json::Object& request, const std::shared_ptr<ControlReply>& reply) const;
   void drain(const std::shared_ptr<ControlReply>& reply) const;
   void trash(TrashOperation::Action action, const json::Object& request, bool isAll,

@@ -343,6 +343,31 @@ void Filesystem::allocate(FuseRequest request, Inode, int, std::int64_t, std::in
   std::move(request).fail(EROFS);
 }
 
+void Filesystem::readAttribute(FuseRequest request, Inode inode, std::string name, std::size_t room) {
+  if (!begin(request)) return;
+  if (!extended_) return std::move(request).fail(EOPNOTSUPP);
+  extended_->read(inode, std::move(name),
+                  [request = std::move(request), room](const Result<std::string>& value) mutable {
+                    if (!value) return std::move(request).fail(errorNumber(value.error()));
+                    std::move(request).answerAttribute(*value, room);
+                  });
+}
+
+void Filesystem::setAttribute(FuseRequest request, Inode inode, std::string name, std::optional<std::string> value,
+                              int flags) {
+  if (!begin(request)) return;
+  if (!extended_) return std::move(request).fail(EOPNOTSUPP);
+  auto wait = Progress::make();
+  const auto number = park(request, wait);
+  extended_->write(
+      inode, name, value, flags, wait,
+      [self = shared_from_this(), request = std::move(request), number](const std::optional<Error>& error) mutable {
+        const int errorNumber = self->unpark(number, error ? &*error : nullptr);
+        if (errorNumber != 0) return std::move(request).fail(errorNumber);
+        std::move(request).succeed();
+      });
+}
+
 void Filesystem::sync(FuseRequest request, Inode) {
   std::move(request).succeed();
 }

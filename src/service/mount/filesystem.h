@@ -15,6 +15,7 @@
 #include "service/contents/content_store.h"
 #include "service/contents/edited_contents.h"
 #include "service/listing/folder_listing.h"
+#include "service/mount/extended_attributes.h"
 #include "service/mount/fuse_handler.h"
 #include "service/replica/tree.h"
 
@@ -53,7 +54,13 @@ class Filesystem : public FuseHandler, public std::enable_shared_from_this<Files
   void change(FuseRequest request, Inode inode, const AttributeChange& change) override;
   void write(FuseRequest request, Inode inode, std::string_view data, std::int64_t offset, bool isAppend) override;
   void allocate(FuseRequest request, Inode inode, int mode, std::int64_t offset, std::int64_t length) override;
+  void readAttribute(FuseRequest request, Inode inode, std::string name, std::size_t room) override;
+  void setAttribute(FuseRequest request, Inode inode, std::string name, std::optional<std::string> value,
+                    int flags) override;
   void sync(FuseRequest request, Inode inode) override;
+
+  // Before the first request; without, items have no extended attributes.
+  void showAttributes(std::shared_ptr<ExtendedAttributes> extended) { extended_ = std::move(extended); }
 
   // Takes note of the changes and answers those that the kernel must hear of now; it knows of what programs did. News
   // of contents that a read or write waits for is held back until that is answered, for telling the kernel would wait
@@ -128,6 +135,7 @@ class Filesystem : public FuseHandler, public std::enable_shared_from_this<Files
   [[nodiscard]] std::shared_ptr<const ContentFile> fileFor(Inode inode) EXCLUDES(lock_);
 
   FolderListing& listing_;
+  std::shared_ptr<ExtendedAttributes> extended_;
   const Clock& clock_;
   const std::function<void()> used_;
   std::function<void(std::vector<ReplicaChange>)> later_;

@@ -56,6 +56,11 @@ class FuseHandler {
   // The data is there during the call only. isAppend: at the end of the file, which the offset should be.
   virtual void write(FuseRequest request, Inode inode, std::string_view data, std::int64_t offset, bool isAppend) = 0;
   virtual void allocate(FuseRequest request, Inode inode, int mode, std::int64_t offset, std::int64_t length) = 0;
+  // Of extended attributes whose names begin with "user."; a program has so many bytes for the value, or asks with 0
+  // how many it takes. No value: the attribute is removed.
+  virtual void readAttribute(FuseRequest request, Inode inode, std::string name, std::size_t room) = 0;
+  virtual void setAttribute(FuseRequest request, Inode inode, std::string name, std::optional<std::string> value,
+                            int flags) = 0;
   // What was done before is to survive power loss.
   virtual void sync(FuseRequest request, Inode inode) = 0;
 };

@@ -67,6 +67,7 @@ class FuseRequest {
   void answerContents(const EditedFile& file, std::int64_t offset, std::size_t size) &&;
   void answerWritten(std::size_t bytes) &&;
   void answerFolder(const FolderPage& page) &&;
+  void answerAttribute(std::string_view value, std::size_t room) &&;  // see FuseHandler::readAttribute
   void answerStatistics(const SpaceStatistics& statistics) &&;
 
   // The thread on whose behalf the kernel asks; 0 when that cannot be told.

@@ -3,6 +3,7 @@
 #include "service/mount/fuse_session.h"
 
 #include <fcntl.h>
+#include <linux/fuse.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/uio.h>
@@ -75,6 +76,7 @@ AttributeChange changeOf(const struct stat& wanted, int fields) {
 }
 
 thread_local bool servesRequests = false;
+thread_local bool greetsKernel = false;  // the next answer is the one to its first request
 
 fuse_req_t libfuseRequest(void* request) {
   return static_cast<fuse_req_t>(request);
@@ -137,10 +139,11 @@ class FuseChannel : public std::enable_shared_from_this<FuseChannel> {
   static void init(void* userdata, fuse_conn_info* connection);
   static fuse_lowlevel_ops operations();
   static void addChanges(fuse_lowlevel_ops& ops);
+  static void addExtendedAttributes(fuse_lowlevel_ops& ops);
 
   // The hooks through which libfuse reaches the device.
   static ssize_t readDevice(int device, void* buffer, std::size_t size, void* userdata);
-  static ssize_t writeDevice(int device, iovec* pieces, int count, void*) { return ::writev(device, pieces, count); }
+  static ssize_t writeDevice(int device, iovec* pieces, int count, void*);
   static ssize_t spliceDevice(int from, off_t* fromOffset, int to, off_t* toOffset, std::size_t size, unsigned flags,
                               void*) {
     return ::splice(from, fromOffset, to, toOffset, size, flags);
@@ -213,7 +216,16 @@ ssize_t FuseChannel::readDevice(int device, void* buffer, std::size_t size, void
   }
 }
 
+// No file here has a privilege that writing to it should take away. Where the kernel does not know, it asks for the
+// extended attribute of such a privilege before each write; libfuse has no word for it.
+ssize_t FuseChannel::writeDevice(int device, iovec* pieces, int count, void*) {
+  if (std::exchange(greetsKernel, false) && count == 2 && pieces[1].iov_len >= FUSE_COMPAT_22_INIT_OUT_SIZE)
+    static_cast<fuse_init_out*>(pieces[1].iov_base)->flags |= FUSE_HANDLE_KILLPRIV_V2;
+  return ::writev(device, pieces, count);
+}
+
 void FuseChannel::init(void*, fuse_conn_info* connection) {
+  greetsKernel = true;
   // Attributes come with every listing: looking at whole folders is what costs most.
   connection->want |= connection->capable & FUSE_CAP_READDIRPLUS;
   connection->want &= ~static_cast<unsigned>(FUSE_CAP_READDIRPLUS_AUTO);
@@ -266,6 +278,7 @@ fuse_lowlevel_ops FuseChannel::operations() {
     fuse_reply_none(request);
   };
   addChanges(ops);
+  addExtendedAttributes(ops);
   return ops;
 }
 
@@ -313,6 +326,25 @@ void FuseChannel::addChanges(fuse_lowlevel_ops& ops) {
     of(request).handler_.sync(wrap(request), inode);
   };
   ops.fsyncdir = ops.fsync;
+}
+
+// Listing them is left out: the kernel asks once and knows that there is nothing to list.
+void FuseChannel::addExtendedAttributes(fuse_lowlevel_ops& ops) {
+  // The kernel and `ls -l` ask for others over and over; EOPNOTSUPP makes `ls` ask once.
+  static constexpr auto IS_OF_USERS = [](std::string_view name) { return name.starts_with("user."); };
+  ops.getxattr = [](fuse_req_t request, fuse_ino_t inode, const char* name, std::size_t room) {
+    if (!IS_OF_USERS(name)) return wrap(request).fail(EOPNOTSUPP);
+    of(request).handler_.readAttribute(wrap(request), inode, name, room);
+  };
+  ops.setxattr = [](fuse_req_t request, fuse_ino_t inode, const char* name, const char* value, std::size_t size,
+                    int flags) {
+    if (!IS_OF_USERS(name)) return wrap(request).fail(EOPNOTSUPP);
+    of(request).handler_.setAttribute(wrap(request), inode, name, std::string(value, size), flags);
+  };
+  ops.removexattr = [](fuse_req_t request, fuse_ino_t inode, const char* name) {
+    if (!IS_OF_USERS(name)) return wrap(request).fail(EOPNOTSUPP);
+    of(request).handler_.setAttribute(wrap(request), inode, name, std::nullopt, 0);
+  };
 }
 
 bool FolderPage::add(const std::string& name, const NodeAttributes& attributes, std::int64_t next) {
@@ -424,6 +456,16 @@ void FuseRequest::answerWritten(std::size_t bytes) && {
 
 void FuseRequest::answerFolder(const FolderPage& page) && {
   fuse_reply_buf(libfuseRequest(take()), page.bytes().data(), page.bytes().size());
+}
+
+void FuseRequest::answerAttribute(std::string_view value, std::size_t room) && {
+  const auto request = libfuseRequest(take());
+  if (room == 0)
+    fuse_reply_xattr(request, value.size());
+  else if (value.size() > room)
+    fuse_reply_err(request, ERANGE);
+  else
+    fuse_reply_buf(request, value.data(), value.size());
 }
 
 void FuseRequest::answerStatistics(const SpaceStatistics& statistics) && {

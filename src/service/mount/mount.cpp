@@ -61,6 +61,8 @@ Result<std::unique_ptr<Mount>> Mount::start(const MountOptions& options, Tree& t
   else
     mount->filesystem_ = std::make_shared<WritableFilesystem>(tree, listing, contents, std::move(changes.contents),
                                                               std::move(changes.edits), clock, options.used);
+  if (options.keep)
+    mount->filesystem_->showAttributes(std::make_shared<ExtendedAttributes>(tree, contents, scheduler, options.keep));
   auto mountPoint = MountPoint::mount(options.path, options.name, readOnly);
   if (!mountPoint) return std::unexpected(mountPoint.error());
   mount->mountPoint_ = std::move(*mountPoint);

@@ -11,6 +11,7 @@
 #include "service/contents/edited_contents.h"
 #include "service/edits/local_edits.h"
 #include "service/listing/folder_listing.h"
+#include "service/mount/extended_attributes.h"
 #include "service/replica/tree.h"
 
 namespace vondle {
@@ -21,6 +22,8 @@ struct MountOptions {
   bool readOnly = false;
   // Called for each request of a program's, on the threads that answer: must be cheap. May be empty.
   std::function<void()> used = {};
+  // What a program asks for by an extended attribute; without, there are none.
+  ExtendedAttributes::Keep keep = {};
 };
 
 // What makes the folder one that programs can change.
