@@ -226,6 +226,7 @@ Result<void> EditedContents::openEdits() {
     if (const Inode inode = edits_->inodeOf(edit.id); inode != 0) {
       keep(inode, *file);
     } else {
+      (*file)->keep();
       MutexLock hold(lock_);
       hidden_[edit.contents] = *file;
       hasHidden_ = true;
@@ -537,6 +538,11 @@ void EditedContents::dropUnasked() {
   }
 }
 
+void EditedContents::noteSent(const Outgoing& outgoing) {
+  MutexLock hold(lock_);
+  if (const auto found = sending_.find(outgoing.number); found != sending_.end()) found->second.file->markDoneWith();
+}
+
 void EditedContents::endSending(const Outgoing& outgoing, const LocalEdits::Outcome& outcome,
                                 bool serverHasTheseBytes) {
   ::unlink(outgoing.path.c_str());
@@ -558,6 +564,7 @@ void EditedContents::endSending(const Outgoing& outgoing, const LocalEdits::Outc
     isHidden = hidden_.contains(outgoing.number);
   }
   if (isHidden) {
+    file->keep();
     file->thaw();
     return sendingEnded(outgoing.number);
   }
@@ -566,6 +573,7 @@ void EditedContents::endSending(const Outgoing& outgoing, const LocalEdits::Outc
     return sendingEnded(outgoing.number);
   }
   if (!outcome.isContentsDone) {
+    file->keep();
     file->thaw();
     contents_->noteSending(inode, false);
     return sendingEnded(outgoing.number);

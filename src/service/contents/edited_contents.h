@@ -84,6 +84,9 @@ class EditedContents : public std::enable_shared_from_this<EditedContents> {
   // ENOENT when it is missing. Also for one that a suspended sending, or a queue's edit at the start (see Attempt),
   // left as it was sent.
   Result<Outgoing> beginSending(std::int64_t number, const std::string& filename) EXCLUDES(lock_);
+  // The server has what was sent, so that it is not kept for the user when nothing names it at the next start. To be
+  // called before the queue is told, which may be the last that this process does.
+  void noteSent(const Outgoing& outgoing) EXCLUDES(lock_);
   // When the contents are done with (see LocalEdits::Outcome) and the server has just these bytes, the file becomes the
   // item's downloaded copy; when it has others, it goes; else it can be written to again.
   void endSending(const Outgoing& outgoing, const LocalEdits::Outcome& outcome, bool serverHasTheseBytes)

@@ -504,6 +504,16 @@ TEST_F(EditedContentsTest, WhatIsDoneWithIsMarkedBeforeItGoes) {
   EXPECT_TRUE(isMarked(removed));
 }
 
+TEST_F(EditedContentsTest, WhatWasChangedAfterItWasSentIsNotDoneWith) {
+  const auto file = get();
+  write(*file, "CONTENTS");
+  const auto outgoing = beginSending(file->number());
+  edited_->noteSent(outgoing);
+  EXPECT_TRUE(EditedFile::isDoneWith(file->path()));
+  edited_->endSending(outgoing, {.inode = inode_, .isContentsDone = false, .contentTag = 0}, true);
+  EXPECT_FALSE(EditedFile::isDoneWith(file->path()));
+}
+
 TEST_F(EditedContentsTest, AMissingFileIsSurvived) {
   get();
   const auto path = edited_->find(inode_)->path();

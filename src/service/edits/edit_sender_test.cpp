@@ -265,6 +265,23 @@ TEST_F(EditSenderTest, ANewFilesContentsAreItsDownloadedCopyAfterwards) {
   EXPECT_EQ(edited_->find(at("a.txt")), nullptr);
 }
 
+// The process may end right then.
+TEST_F(EditSenderTest, WhatTheServerHasIsDoneWithBeforeTheQueueForgetsIt) {
+  begin();
+  create("a.txt", "hello");
+  int files = 0;
+  tree_->subscribe([&](const auto&) {
+    if (edits_->pendingCount() > 0) return;
+    for (const auto& file : std::filesystem::directory_iterator(folder_ + "/edits")) {
+      if (!file.is_regular_file()) continue;
+      EXPECT_TRUE(EditedFile::isDoneWith(file.path()));
+      ++files;
+    }
+  });
+  settle();
+  EXPECT_GT(files, 0);
+}
+
 TEST_F(EditSenderTest, SavesInARowGoUpOnce) {
   extension_->addFile("1", ROOT, "a.txt", "old");
   begin();

@@ -375,6 +375,7 @@ void SendOperation::succeeded(SavedItem saved) {
   if (isLocal(edit_.item)) fields = EDIT_CREATED | EDIT_PLACED | EDIT_CONTENTS;
   if (task_.step == SendStep::contents) fields = EDIT_CONTENTS;
   result_.hasClashed = isContentStep && !hasTheseBytes;
+  if (isContentStep) services_.contents->noteSent(*outgoing_);
   services_.edits->succeeded(
       edit_, fields, std::move(saved),
       onQueue([isContentStep, hasTheseBytes](SendOperation& self, const LocalEdits::Outcome& outcome) {
