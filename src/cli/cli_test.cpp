@@ -97,6 +97,41 @@ class CommandLineTest : public testing::Test {
   std::optional<Failure> refusal_;
 };
 
+TEST_F(CommandLineTest, ActionsGoIntoThunarsMenuBesideTheUsersOwnAndOutAgain) {
+  ::unsetenv("XDG_CONFIG_HOME");
+  const auto path = folders_.home + "/.config/Thunar/uca.xml";
+  const std::string own =
+      "<?xml "
+      "version=\"1.0\"?>\n<actions>\n<action>\n\t<name>Mine</name>\n\t<unique-id>1-1</unique-id>\n</action>\n</"
+      "actions>";
+  machine_.files.put(path, own);
+  EXPECT_EQ(run({"desktop", "install"}), 0);
+  const auto installed = *machine_.files.contents(path);
+  EXPECT_THAT(installed, HasSubstr("<name>Mine</name>"));
+  EXPECT_THAT(installed, HasSubstr("<command>'/libexec/vondle/desktop-action' unkeep %F</command>"));
+  EXPECT_TRUE(installed.ends_with("</action>\n</actions>"));
+  EXPECT_EQ(run({"desktop", "install"}), 0);
+  EXPECT_EQ(machine_.files.contents(path), installed) << "once more changes nothing";
+  EXPECT_EQ(run({"desktop", "remove"}), 0);
+  EXPECT_EQ(machine_.files.contents(path), own);
+}
+
+TEST_F(CommandLineTest, ActionsForThunarBeginWithTheSystemsOwnAndLeaveWhatIsNoListAlone) {
+  ::unsetenv("XDG_CONFIG_HOME");
+  const auto path = folders_.home + "/.config/Thunar/uca.xml";
+  EXPECT_EQ(run({"desktop", "remove"}), 0);
+  EXPECT_FALSE(machine_.files.contents(path));
+  machine_.files.put("/etc/xdg/Thunar/uca.xml", "<actions><action><name>Terminal</name></action></actions>\n");
+  EXPECT_EQ(run({"desktop", "install"}), 0);
+  EXPECT_THAT(*machine_.files.contents(path), HasSubstr("<name>Terminal</name>"));
+  for (const std::string broken : {"", "rubbish", "<unique-id>vondle-keep</unique-id></actions>"}) {
+    machine_.files.put(path, broken);
+    EXPECT_EQ(run({"desktop", "install"}), 1) << broken;
+    EXPECT_THAT(err_.str(), HasSubstr("no list of actions"));
+    EXPECT_EQ(machine_.files.contents(path), broken);
+  }
+}
+
 TEST_F(CommandLineTest, WrongUsageExitsWithTwo) {
   const std::vector<std::vector<std::string>> cases = {
       {},

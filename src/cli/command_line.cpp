@@ -16,7 +16,7 @@ int runCommandLine(std::vector<std::string> arguments, CommandContext& context, 
       "5 server unreachable, 6 not signed in, 7 no such item, 8 work left undone.");
   Command chosen;
   for (const auto add : {addLogin, addLogout, addMount, addUnmount, addStatus, addSync, addInfo, addFetch, addEvict,
-                         addKeep, addUnkeep, addThumbnail, addTrash, addLimits, addPause, addResume, addRestart}) {
+                         addKeep, addUnkeep, addThumbnail, addTrash, addLimits, addPause, addResume, addDesktop, addRestart}) {
     add(app, context, chosen);
   }
   try {

@@ -28,6 +28,7 @@ void addTrash(CLI::App& app, CommandContext& context, Command& chosen);
 void addLimits(CLI::App& app, CommandContext& context, Command& chosen);
 void addPause(CLI::App& app, CommandContext& context, Command& chosen);
 void addResume(CLI::App& app, CommandContext& context, Command& chosen);
+void addDesktop(CLI::App& app, CommandContext& context, Command& chosen);
 void addRestart(CLI::App& app, CommandContext& context, Command& chosen);
 
 }  // namespace vondle
