@@ -45,6 +45,8 @@ echo 'Dear reader' >"$IMPORT/letter.txt"
 head -c 3000000 /dev/urandom >"$IMPORT/docs/big.bin"
 : >"$IMPORT/docs/deep/Für Zoë, 'quoted' & \$.txt"
 seq 1 50 | while read -r i; do echo "$i" >"$IMPORT/kept/known/$i"; done
+mkdir "$IMPORT/room"
+for i in 1 2 3 4 5; do head -c 1500000 /dev/urandom >"$IMPORT/room/$i"; done
 start_storage --import "$IMPORT"
 CONFIG=$HOME_FOLDER/.vondle/config.json
 
@@ -189,6 +191,40 @@ check 'there' test -f "$HOME_FOLDER/Settled/letter.txt"
 kill -TERM "$(supervisor)"
 check 'a signal unmounts' until_true 20 service_is_gone
 check 'cleanly' sh -c "! mountpoint -q '$HOME_FOLDER/Settled'"
+
+# Little room for what is downloaded: two of the files.
+state() { in_world vondle info "$MOUNT/room/$1" --json | sed -n 's/.*"state":"\([^"]*\)".*/\1/p'; }
+echo '{"cache_limit": "4 MiB", "disk_reserve": 0}' >"$HOME_FOLDER/.vondle/service.json"
+check 'with little room, it mounts' exits 0 vondle mount
+check 'the limit counts' test "$(field service.cache.limit)" = 4194304
+check 'the copies of before go' until_true 20 exits 0 vondle evict "$MOUNT"
+check 'a file is kept' exits 0 vondle keep "$MOUNT/room/2"
+cp "$IMPORT/docs/big.bin" "$MOUNT/room/notes.swp" # a name that stays here
+exec {OPEN}<"$MOUNT/room/1"
+check 'one is open' cmp "$IMPORT/room/1" "/dev/fd/$OPEN"
+check 'a third is read' cmp "$IMPORT/room/3" "$MOUNT/room/3"
+check 'and drops nothing' test "$(state 1), $(state 2), $(state 3)" = 'here, here, here'
+check 'a fourth is read' cmp "$IMPORT/room/4" "$MOUNT/room/4"
+check 'and drops the one that is not in use' test "$(state 1), $(state 3), $(state 4)" = 'here, on the server only, here'
+check 'not the one that is kept' test "$(state 2)" = here
+check 'nor what is on no server' cmp "$IMPORT/docs/big.bin" "$MOUNT/room/notes.swp"
+exec {OPEN_TOO}<"$MOUNT/room/4"
+check 'when all is in use, there is no room' sh -c "! cat '$MOUNT/room/5' 2>'$WORLD/out' >/dev/null"
+check 'which the program hears' says 'No space left on device'
+check 'fetching says so, too' exits 1 vondle fetch "$MOUNT/room/5"
+check 'and what to do' says 'cache_limit'
+exec {OPEN}<&- {OPEN_TOO}<&-
+check 'when a file is closed, there is room again' until_true 20 cmp "$IMPORT/room/5" "$MOUNT/room/5"
+rm "$MOUNT/room/notes.swp"
+check 'it ends' exits 0 vondle unmount
+echo '{"disk_reserve": "4000 TiB"}' >"$HOME_FOLDER/.vondle/service.json"
+check 'on a full disk, it mounts' exits 0 vondle mount
+check 'nothing can be kept there' exits 1 vondle keep "$MOUNT/docs"
+check 'which says why' says 'disk_reserve'
+check 'but what was here is read' cmp "$IMPORT/room/2" "$MOUNT/room/2"
+check 'it is given up' exits 0 vondle unkeep "$MOUNT/docs" "$MOUNT/room/2"
+check 'and ends' exits 0 vondle unmount
+rm "$HOME_FOLDER/.vondle/service.json"
 
 check 'with the files of one account here, another is refused' \
   exits 8 vondle login --key-file "$WORLD/another-key"

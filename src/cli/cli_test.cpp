@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "api/api_error.h"
+#include "base/byte_size.h"
 #include "cli/command_line.h"
 #include "cli/config_editor.h"
 #include "cli/console.h"
@@ -60,6 +61,9 @@ class CommandLineTest : public testing::Test {
     out_.str("");
     err_.str("");
     Console console(out_, err_, {});
+    return runOn(console, std::move(arguments));
+  }
+  int runOn(Console& console, std::vector<std::string> arguments) {
     CommandContext context{
         .console = console,
         .platform = machine_.platform(),
@@ -514,6 +518,11 @@ TEST_F(ServiceCommandTest, StatusShowsWhatTheServiceSays) {
          {"items", 12},
          {"files_here", 1},
          {"bytes_here", 1536},
+         {"cache", json::Object{{"bytes", 1024},
+                                {"kept_bytes", 512},
+                                {"limit", 1 << 20},
+                                {"disk_reserve", 2 << 20},
+                                {"disk_free", 12 << 20}}},
          {"kept", json::Object{{"items", 2}, {"waiting", 3}, {"failing", 1}}},
          {"follow",
           json::Object{{"anchor", "4711"}, {"last_success", now - 12}, {"next_in", 18}, {"error", "no server"}}},
@@ -544,6 +553,8 @@ TEST_F(ServiceCommandTest, StatusShowsWhatTheServiceSays) {
             "Changes     up to 4711, 12 s ago; again in 18 s\n"
             "  no server\n"
             "Items       12 known, 1 file here (1.5 kB)\n"
+            "Disk        1.0 kB of 1.0 MB used for files that were read, 512 B for kept ones; 12 MB free on the disk, "
+            "2.0 MB to stay so\n"
             "Kept        2 items downloaded, 3 to come, 1 failed\n"
             "Edits       4 not on the server yet, 1 being sent, 1 failed; 1 file with a temporary name\n"
             "  /film: new file, being sent, 46 %\n"
@@ -773,7 +784,37 @@ TEST_F(BatchCommandTest, SingleFailuresDoNotStopTheRest) {
   EXPECT_THAT(err_.str(), HasSubstr("/proc/self is not in the Vondle folder"));
   EXPECT_THAT(err_.str(), HasSubstr("/a: no server"));
   EXPECT_EQ(run({"evict", mount_ + "/a", "--json"}), 5);
-  EXPECT_EQ(out_.str(), "{\"done\":0,\"failures\":[\"/a: no server\"]}\n");
+  EXPECT_EQ(out_.str(), "{\"done\":0,\"failed\":1,\"failures\":[\"/a: no server\"]}\n");
+}
+
+TEST_F(BatchCommandTest, OfVeryManyFailuresSomeAreNamedAndAllAreCounted) {
+  serve([&](const json::Object& request, ControlReply& reply) {
+    if (json::text(request, "command") == "status") return reply.finish({{"mount", mount_}});
+    reply.finish({{"done", 1},
+                  {"failed", 5000},
+                  {"failures", json::Array{json::Object{
+                                   {"path", "/docs/b"}, {"error", "no room"}, {"code", control::CODE_FAILED}}}}});
+  });
+  EXPECT_EQ(run({"keep", mount_ + "/docs", "--json"}), 1);
+  EXPECT_THAT(err_.str(), HasSubstr("/docs/b: no room"));
+  EXPECT_THAT(err_.str(), HasSubstr("and 4999 more"));
+  EXPECT_EQ(out_.str(), "{\"done\":1,\"failed\":5000,\"failures\":[\"/docs/b: no room\"]}\n");
+}
+
+TEST_F(BatchCommandTest, ATerminalShowsHowMuchOfAllIsDone) {
+  for (int i = 0; i < 1200; ++i) std::ofstream(mount_ + "/docs/deep/" + std::to_string(i)) << "0123456789";
+  serve([&](const json::Object& request, ControlReply& reply) {
+    if (json::text(request, "command") == "status") return reply.finish({{"mount", mount_}});
+    const auto files = static_cast<std::int64_t>(json::list(request, "inodes")->size());
+    reply.progress({{"done", files / 2}, {"files", files}, {"bytes_done", files * 5}, {"bytes", files * 10}});
+    reply.finish({{"done", files}, {"failures", json::Array{}}});
+  });
+  std::ostringstream terminal;
+  Console console(out_, terminal, {.outIsTerminal = false, .errIsTerminal = true, .colour = false});
+  EXPECT_EQ(runOn(console, {"fetch", mount_ + "/docs"}), 0);
+  EXPECT_THAT(terminal.str(), HasSubstr("[============                  ] 500 of 1202 files, 4.9 kB of 12 kB\r"));
+  EXPECT_THAT(terminal.str(), HasSubstr("[===========================   ] 1101 of 1202 files, 11 kB of 12 kB\r"));
+  EXPECT_THAT(terminal.str(), testing::EndsWith("\r\x1b[Kvondle: 1202 files fetched\n"));
 }
 
 TEST(ServerCheckTest, ErrorsOfTheServerBecomeExitCodes) {

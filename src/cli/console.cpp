@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 
@@ -44,6 +45,12 @@ void Console::showProgress(std::string_view message) {
   if (!abilities_.errIsTerminal || (message.empty() && !progressShown_)) return;
   err_ << "\r\x1b[K" << visibleText(message) << std::flush;
   progressShown_ = !message.empty();
+}
+
+void Console::showProgress(double done, double all, std::string_view message) {
+  constexpr int WIDTH = 30;
+  const auto filled = all > 0 ? static_cast<std::size_t>(WIDTH * std::clamp(done / all, 0.0, 1.0)) : 0;
+  showProgress(fmt::format("[{:<{}}] {}", std::string(filled, '='), WIDTH, message));
 }
 
 void Console::nextScreen() {

@@ -34,6 +34,8 @@ class Console {
   void say(std::string_view message);
   // A message that the next one replaces; only on a terminal. An empty one takes the last away.
   void showProgress(std::string_view message);
+  // The same with a bar for how much of all is done; an empty bar when there is nothing to do.
+  void showProgress(double done, double all, std::string_view message);
   // Clears the terminal before the next screenful; on anything else an empty line parts them.
   void nextScreen();
 

@@ -18,10 +18,8 @@ void show(const CommandContext& context, const json::Object& progress) {
   const auto left = json::integer(progress, "left").value_or(0);
   const auto all = json::integer(progress, "edits").value_or(0);
   if (left == 0) return;
-  constexpr int WIDTH = 30;
-  const auto filled = static_cast<int>(WIDTH * std::clamp<std::int64_t>(all - left, 0, all) / all);
-  context.console.showProgress(
-      fmt::format("[{:<{}}] {} to send", std::string(filled, '='), WIDTH, countInWords(left, "change", "changes")));
+  context.console.showProgress(static_cast<double>(all - left), static_cast<double>(all),
+                               countInWords(left, "change", "changes") + " to send");
 }
 
 void tellLeft(const CommandContext& context, const json::Object& result) {

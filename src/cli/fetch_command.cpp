@@ -16,7 +16,8 @@ void addFetch(CLI::App& app, CommandContext& context, Command& chosen) {
   command->add_flag("--json", options->json, "Report as JSON");
   command->callback([&context, &chosen, options] {
     chosen = [&context, options] {
-      return runBatch(context, {.command = "fetch", .verb = "fetched"}, options->paths, options->json);
+      return runBatch(context, {.command = "fetch", .verb = "fetched", .movesBytes = true}, options->paths,
+                      options->json);
     };
   });
 }

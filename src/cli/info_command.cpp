@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "base/byte_size.h"
 #include "cli/commands.h"
 #include "cli/item_locator.h"
 #include "cli/sending_words.h"
@@ -38,6 +39,15 @@ std::string joined(const json::Object& info, std::string_view key) {
   return result;
 }
 
+std::string onDisk(const json::Object& info) {
+  const auto bytes = json::integer(info, "bytes_here");
+  if (!bytes) return "";
+  const auto size = sizeInWords(static_cast<double>(*bytes));
+  if (json::boolean(info, "folder") != true) return size;
+  return fmt::format("{}, {} of {} known", size, json::integer(info, "files_here").value_or(0),
+                     countInWords(json::integer(info, "files").value_or(0), "file", "files"));
+}
+
 void printInfo(const CommandContext& context, const json::Object& info) {
   printText(context, info, "path", "path");
   printText(context, info, "identifier", "identifier");
@@ -49,6 +59,7 @@ void printInfo(const CommandContext& context, const json::Object& info) {
   printText(context, info, "modified", "modified");
   printText(context, info, "state", "state");
   if (const auto done = json::number(info, "fraction")) print(context, "fetched", fmt::format("{:.0f} %", *done * 100));
+  print(context, "on disk", onDisk(info));
   printText(context, info, "policy", "policy");
   print(context, "rights", joined(info, "rights"));
   if (json::boolean(info, "shared") == true) {

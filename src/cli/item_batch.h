@@ -14,6 +14,7 @@ struct ItemBatch {
   std::string verb;           // "fetched"
   json::Object details = {};  // of the request, beside the items
   bool takesFolders = false;  // it is for the folders themselves
+  bool movesBytes = false;    // it takes as long as the files are large
 };
 
 // Goes on when single files fail, says which, and then fails with the code of the first.

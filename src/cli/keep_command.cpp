@@ -28,10 +28,13 @@ void addKeep(CLI::App& app, CommandContext& context, Command& chosen) {
   command->add_flag("--no-wait", options->noWait, "Return at once; the download goes on in the background");
   command->callback([&context, &chosen, options] {
     chosen = [&context, options] {
-      return runBatch(
-          context,
-          {.command = "keep", .verb = "kept downloaded", .details = {{"wait", !options->noWait}}, .takesFolders = true},
-          options->paths, options->json);
+      return runBatch(context,
+                      {.command = "keep",
+                       .verb = "kept downloaded",
+                       .details = {{"wait", !options->noWait}},
+                       .takesFolders = true,
+                       .movesBytes = true},
+                      options->paths, options->json);
     };
   });
 }

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "base/byte_size.h"
 #include "cli/sending_words.h"
 #include "cli/service_connection.h"
 #include "cli/transfer_settings.h"
@@ -55,6 +56,17 @@ std::string keptText(const json::Object& kept) {
   auto text = countInWords(count("items"), "item", "items") + " downloaded";
   if (count("waiting") > 0) text += fmt::format(", {} to come", count("waiting"));
   if (count("failing") > 0) text += fmt::format(", {} failed", count("failing"));
+  return text;
+}
+
+std::string cacheText(const json::Object& cache) {
+  const auto size = [&](std::string_view key) {
+    return sizeInWords(static_cast<double>(json::integer(cache, key).value_or(0)));
+  };
+  auto text = fmt::format("{} of {} used for files that were read, {} for kept ones", size("bytes"), size("limit"),
+                          size("kept_bytes"));
+  if (json::integer(cache, "disk_free"))
+    text += fmt::format("; {} free on the disk, {} to stay so", size("disk_free"), size("disk_reserve"));
   return text;
 }
 
@@ -168,6 +180,7 @@ std::string StatusReport::toText(const Console& console) const {
                   fmt::format("{} known, {} here ({})", json::integer(*service_, "items").value_or(0),
                               countInWords(json::integer(*service_, "files_here").value_or(0), "file", "files"),
                               sizeInWords(static_cast<double>(json::integer(*service_, "bytes_here").value_or(0)))));
+    if (const auto* cache = json::object(*service_, "cache")) lines.heading("Disk", cacheText(*cache));
     if (const auto* kept = json::object(*service_, "kept"); kept && json::integer(*kept, "items").value_or(0) > 0)
       lines.heading("Kept", keptText(*kept));
     if (const auto* edits = json::object(*service_, "edits")) {

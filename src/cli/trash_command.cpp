@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "base/byte_size.h"
 #include "cli/commands.h"
 #include "cli/service_connection.h"
 #include "cli/words.h"

@@ -1,23 +1,8 @@
 #include "cli/words.h"
 
-#include <array>
-#include <cmath>
-
 #include <fmt/format.h>
 
 namespace vondle {
-
-std::string sizeInWords(double bytes) {
-  constexpr std::array UNITS = {"B", "kB", "MB", "GB", "TB", "PB"};
-  std::size_t unit = 0;
-  // 1023.6 would be shown as 1024.
-  while (unit + 1 < UNITS.size() && std::round(bytes) >= 1024) {
-    bytes /= 1024;
-    ++unit;
-  }
-  const bool needsFraction = unit > 0 && std::round(bytes * 10) < 100;
-  return fmt::format("{:.{}f} {}", bytes, needsFraction ? 1 : 0, UNITS[unit]);
-}
 
 std::string durationInWords(Duration duration) {
   const auto whole = static_cast<std::int64_t>(inSeconds(duration));

@@ -5,11 +5,9 @@
 
 #include "base/time.h"
 
-// Figures as people read them.
+// Figures as people read them; sizes are in base/byte_size.h.
 namespace vondle {
 
-// "0 B", "512 B", "1.5 kB", "12 MB"; 1 kB is 1024 bytes, as in the limits.
-std::string sizeInWords(double bytes);
 // "3 s", "5 min", "2 h", "4 days".
 std::string durationInWords(Duration duration);
 // A limit in kB/s: "unlimited" or "512 kB/s".

@@ -36,6 +36,12 @@ struct FileAttributes {
   unsigned permissions = 0;  // 0 to 0777
 };
 
+// Of a file system, in bytes.
+struct DiskSpace {
+  std::int64_t size = 0;
+  std::int64_t free = 0;  // for this user
+};
+
 // The file system, for the extension's small state files and the contents it moves. Paths are absolute texts. Any
 // thread. Errors are of POSIX_ERROR_DOMAIN (code: errno).
 class Files {
@@ -56,6 +62,8 @@ class Files {
   virtual Result<void> createFolder(const std::string& path) = 0;
   virtual Result<std::unique_ptr<WritableFile>> create(const std::string& path) = 0;  // 0600, emptied when it exists
   virtual Result<std::unique_ptr<ReadableFile>> open(const std::string& path) = 0;
+  // Of the file system that the path, which exists, is on.
+  virtual Result<DiskSpace> space(const std::string& path) = 0;
 
   // Where temporary files go, without a final slash; exists.
   virtual std::string temporaryFolder() = 0;

@@ -147,7 +147,8 @@ int run(int argc, char** argv) {
     runWorker({.mountPath = arguments.mount,
                .name = settings->name,
                .readOnly = arguments.readOnly || settings->readOnly,
-               .localOnly = settings->localOnly},
+               .localOnly = settings->localOnly,
+               .cache = settings->cache},
               arguments.statusDescriptor);
   }
   if (const auto made = folders.create(); !made) {

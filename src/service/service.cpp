@@ -73,6 +73,7 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
   if (!contents) return failure(contents.error());
   service->contents_ = std::move(*contents);
   service->tree_->subscribe([store = service->contents_](const auto& changes) { store->apply(changes); });
+  service->limitContents(options.cache, platform.files);
   if (auto opened = service->openEdits(options, folders, platform); !opened) return failure(opened.error());
   service->listing_ = std::make_shared<FolderListing>(*service->tree_, *service->extension_, service->errors_,
                                                       platform.scheduler, platform.clock);
@@ -89,7 +90,11 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
       Mount::start({.path = options.mountPath,
                     .name = options.name,
                     .readOnly = options.readOnly,
-                    .used = [follower = service->follower_] { follower->noteUse(); },
+                    .used =
+                        [follower = service->follower_, limiter = service->limiter_] {
+                          follower->noteUse();
+                          limiter->noteUse();
+                        },
                     .keep = [parts = KeepAction::Parts{.tree = *service->tree_,
                                                        .extension = *service->extension_,
                                                        .contents = service->contents_,
@@ -117,6 +122,7 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
                              .errors = service->errors_,
                              .follower = service->follower_,
                              .keeper = service->keeper_,
+                             .limiter = service->limiter_,
                              .edits = service->edits_,
                              .sender = service->sender_,
                              .extension = *service->extension_,
@@ -140,6 +146,17 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
   service->control_ = std::move(*control);
   LOG.log("mounted at %{public}@", options.mountPath);
   return service;
+}
+
+void Service::limitContents(const CacheLimits& limits, Files& files) {
+  limiter_ = std::make_shared<CacheLimiter>(limits, *replica_, contents_, files);
+  contents_->reserveWith([weak = std::weak_ptr(limiter_)](Inode inode, std::int64_t bytes, auto answer) {
+    if (const auto limiter = weak.lock()) return limiter->reserve(inode, bytes, std::move(answer));
+    std::move(answer)(failure(stopping()));
+  });
+  tree_->subscribe([limiter = limiter_](const auto&) { limiter->noteUse(); });
+  // The bounds may have been others before.
+  limiter_->noteUse();
 }
 
 Result<void> Service::openEdits(const ServiceOptions& options, const ServiceFolders& folders,

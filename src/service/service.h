@@ -11,6 +11,7 @@
 #include "fileprovider/domain.h"
 #include "fileprovider/replicated_extension.h"
 #include "platform/platform.h"
+#include "service/contents/cache_limiter.h"
 #include "service/contents/content_store.h"
 #include "service/contents/edited_contents.h"
 #include "service/control/control_commands.h"
@@ -36,6 +37,7 @@ struct ServiceOptions {
   bool readOnly = false;
   // Patterns of new files that stay here; see ServiceSettings.
   std::optional<std::vector<std::string>> localOnly = {};
+  CacheLimits cache = {};
 };
 
 // The file-provider service of one account: the tree, the contents, what programs change and its way to the server, the
@@ -69,6 +71,7 @@ class Service {
   };
 
   Service() = default;
+  void limitContents(const CacheLimits& limits, Files& files);
   // What programs change, also for a folder that is for reading alone: what is left of earlier runs still goes up.
   Result<void> openEdits(const ServiceOptions& options, const ServiceFolders& folders, const Platform& platform);
 
@@ -79,6 +82,7 @@ class Service {
   std::unique_ptr<Tree> tree_;
   std::shared_ptr<ReplicatedExtension> extension_;
   std::shared_ptr<ContentStore> contents_;
+  std::shared_ptr<CacheLimiter> limiter_;
   std::shared_ptr<LocalEdits> edits_;
   std::shared_ptr<EditedContents> edited_;
   std::shared_ptr<EditSender> sender_;

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "base/byte_size.h"
 #include "base/json.h"
 
 namespace vondle {
@@ -23,6 +24,13 @@ std::optional<std::vector<std::string>> textsOf(const json::Value& value) {
     texts.emplace_back(each.get_string());
   }
   return texts;
+}
+
+// Of a number of bytes, or a text.
+std::optional<std::int64_t> sizeOf(const json::Value& value) {
+  if (value.is_string()) return parseByteSize(std::string_view(value.get_string()));
+  const auto bytes = json::integer(value);
+  return bytes && *bytes >= 0 ? bytes : std::nullopt;
 }
 
 }  // namespace
@@ -56,6 +64,20 @@ Result<ServiceSettings> ServiceSettings::load(const std::string& path, const std
     auto patterns = textsOf(*value);
     if (!patterns) return failure(invalid(path, "\"local_only\" must be a list of texts"));
     settings.localOnly = std::move(*patterns);
+  }
+  if (const auto* value = json::find(*object, "cache_limit")) {
+    const auto size = sizeOf(*value);
+    if (!size || *size == 0)
+      return failure(
+          invalid(path, R"("cache_limit" must be a size above zero: a number of bytes, or a text such as "20 GiB")"));
+    settings.cache.limit = *size;
+  }
+  if (const auto* value = json::find(*object, "disk_reserve")) {
+    const auto size = sizeOf(*value);
+    if (!size)
+      return failure(
+          invalid(path, R"("disk_reserve" must be a size: a number of bytes, or a text such as "5 GiB"; 0 for none)"));
+    settings.cache.reserve = *size;
   }
   return settings;
 }

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "base/error.h"
+#include "service/contents/cache_rules.h"
 
 namespace vondle {
 
@@ -14,12 +15,17 @@ namespace vondle {
 //   "name"       text    what file managers call the account ("Vondle")
 //   "local_only" texts   patterns of names (*, ?, [a-z]) of new files that stay on this machine; in place of those that
 //                        TemporaryNames has
+//   "cache_limit"        what downloaded files may take, but for those that are to be kept downloaded (10 GiB)
+//   "disk_reserve"       what downloading leaves free on the disk (a twentieth of the disk, but no more than 2 GiB)
+// The last two are sizes: a number of bytes, or a text such as "20 GiB" (see parseByteSize); the limit is above 0. See
+// CacheLimits for what they bind.
 // Other keys are left alone. No file: the defaults.
 struct ServiceSettings {
   std::optional<std::string> mount;
   bool readOnly = false;
   std::string name = "Vondle";
   std::optional<std::vector<std::string>> localOnly;
+  CacheLimits cache;
 
   // A file that cannot be read, is not a JSON object, or gives a key another type is an error that names the file and
   // the key: a setting that is silently not obeyed would be worse.

@@ -34,16 +34,22 @@ TEST_F(ServiceSettingsTest, NoFileGivesTheDefaults) {
   EXPECT_FALSE(settings->readOnly);
   EXPECT_EQ(settings->name, "Vondle");
   EXPECT_EQ(settings->localOnly, std::nullopt);
+  EXPECT_EQ(settings->cache.limit, 10 * GIBIBYTE);
+  EXPECT_EQ(settings->cache.reserve, std::nullopt);
 }
 
 TEST_F(ServiceSettingsTest, ReadsEveryKeyAndLeavesOthersAlone) {
   const auto settings = load(R"({"mount": "~/Cloud", "read_only": true, "name": "Work",
-                                   "local_only": ["*.part", "~*"], "later": [1]})");
+                                   "local_only": ["*.part", "~*"], "cache_limit": "1.5 GiB", "disk_reserve": 0,
+                                   "later": [1]})");
   ASSERT_TRUE(settings);
   EXPECT_EQ(settings->mount, "/home/ann/Cloud");
   EXPECT_TRUE(settings->readOnly);
   EXPECT_EQ(settings->name, "Work");
   EXPECT_EQ(settings->localOnly, (std::vector<std::string>{"*.part", "~*"}));
+  EXPECT_EQ(settings->cache.limit, GIBIBYTE + GIBIBYTE / 2);
+  EXPECT_EQ(settings->cache.reserve, 0);
+  EXPECT_EQ(load(R"({"cache_limit": 5368709120})")->cache.limit, 5 * GIBIBYTE);
 }
 
 TEST_F(ServiceSettingsTest, ASettingThatCannotBeObeyedIsAnErrorThatNamesIt) {
@@ -61,7 +67,18 @@ TEST_F(ServiceSettingsTest, ASettingThatCannotBeObeyedIsAnErrorThatNamesIt) {
                {R"({"name": null})", "\"name\""},
                {R"({"local_only": "*.part"})", "\"local_only\""},
                {R"({"local_only": [""]})", "\"local_only\""},
-               {R"({"local_only": ["a", 1]})", "\"local_only\""}};
+               {R"({"local_only": ["a", 1]})", "\"local_only\""},
+               {R"({"cache_limit": 0})", "\"cache_limit\""},
+               {R"({"cache_limit": -1})", "\"cache_limit\""},
+               {R"({"cache_limit": true})", "\"cache_limit\""},
+               {R"({"cache_limit": null})", "\"cache_limit\""},
+               {R"({"cache_limit": 1e30})", "\"cache_limit\""},
+               {R"({"cache_limit": "0"})", "\"cache_limit\""},
+               {R"({"cache_limit": "plenty"})", "\"cache_limit\""},
+               {R"({"cache_limit": "-5 GiB"})", "\"cache_limit\""},
+               {R"({"disk_reserve": -1})", "\"disk_reserve\""},
+               {R"({"disk_reserve": ["1 GiB"]})", "\"disk_reserve\""},
+               {R"({"disk_reserve": "5 %"})", "\"disk_reserve\""}};
   for (const auto& each : cases) {
     const auto settings = load(each.text);
     ASSERT_FALSE(settings) << each.text;

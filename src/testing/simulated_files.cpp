@@ -196,6 +196,11 @@ Result<std::unique_ptr<ReadableFile>> SimulatedFiles::open(const std::string& pa
   return std::make_unique<Reader>(*this, path, *std::move(node));
 }
 
+Result<DiskSpace> SimulatedFiles::space(const std::string& path) {
+  if (auto node = find(path); !node) return failure(node.error());
+  return DiskSpace{.size = diskSize_, .free = std::min(freeSpace_.value_or(diskSize_), diskSize_)};
+}
+
 std::optional<std::string> SimulatedFiles::applicationGroupContainer(std::string_view group) {
   if (!containerAvailable_ || group.empty() || group.starts_with('.') || group.contains('/')) return std::nullopt;
   makeFolders(containerPath(group));

@@ -51,6 +51,7 @@ class SimulatedFiles final : public Files {
   Result<void> createFolder(const std::string& path) override;
   Result<std::unique_ptr<WritableFile>> create(const std::string& path) override;
   Result<std::unique_ptr<ReadableFile>> open(const std::string& path) override;
+  Result<DiskSpace> space(const std::string& path) override;
   std::string temporaryFolder() override { return TEMPORARY_FOLDER; }
   std::optional<std::string> applicationGroupContainer(std::string_view group) override;
 
@@ -66,6 +67,7 @@ class SimulatedFiles final : public Files {
   void fail(FileOperation operation, const std::string& path, int errorNumber, int times = 1);
   // After that many more bytes every write fails with ENOSPC; none: room without end.
   void setFreeSpace(std::optional<std::int64_t> bytes) { freeSpace_ = bytes; }
+  void setDiskSize(std::int64_t bytes) { diskSize_ = bytes; }
   void setContainerAvailable(bool available) { containerAvailable_ = available; }
 
   [[nodiscard]] int count(FileOperation operation, const std::string& path) const;
@@ -98,6 +100,7 @@ class SimulatedFiles final : public Files {
   std::map<Key, Fault> faults_;
   std::map<Key, int> counts_;
   std::optional<std::int64_t> freeSpace_;
+  std::int64_t diskSize_ = std::int64_t{1} << 40;
   bool containerAvailable_ = true;
 };
 

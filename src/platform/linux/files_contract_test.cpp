@@ -303,6 +303,15 @@ TYPED_TEST(FilesContract, ReadsOnFromAFileThatHasNoNameAnyMore) {
   EXPECT_EQ((*file)->readAt(0, buffer), 10U);
 }
 
+TYPED_TEST(FilesContract, TellsHowMuchRoomThereIs) {
+  const auto space = this->files_.space(this->disk_.folder());
+  ASSERT_TRUE(space);
+  EXPECT_GT(space->size, 0);
+  EXPECT_GT(space->free, 0);
+  EXPECT_LE(space->free, space->size);
+  EXPECT_EQ(this->errorOf(this->files_.space(this->path("missing"))), ENOENT);
+}
+
 TYPED_TEST(FilesContract, HasATemporaryFolder) {
   const std::string folder = this->files_.temporaryFolder();
   EXPECT_TRUE(this->files_.attributes(folder)->isFolder);

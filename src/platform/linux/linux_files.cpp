@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -213,6 +214,14 @@ Result<std::unique_ptr<ReadableFile>> LinuxFiles::open(const std::string& path) 
   auto file = openForReading(path);
   if (!file) return failure(file.error());
   return std::make_unique<Reader>(*std::move(file), path);
+}
+
+Result<DiskSpace> LinuxFiles::space(const std::string& path) {
+  struct statvfs found;
+  if (::statvfs(path.c_str(), &found) != 0) return lastError(path);
+  const auto block = static_cast<std::int64_t>(found.f_frsize);
+  return DiskSpace{.size = block * static_cast<std::int64_t>(found.f_blocks),
+                   .free = block * static_cast<std::int64_t>(found.f_bavail)};
 }
 
 std::string LinuxFiles::temporaryFolder() {

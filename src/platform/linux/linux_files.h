@@ -27,6 +27,7 @@ class LinuxFiles final : public Files {
   Result<void> createFolder(const std::string& path) override;
   Result<std::unique_ptr<WritableFile>> create(const std::string& path) override;
   Result<std::unique_ptr<ReadableFile>> open(const std::string& path) override;
+  Result<DiskSpace> space(const std::string& path) override;
   std::string temporaryFolder() override;
   std::optional<std::string> applicationGroupContainer(std::string_view group) override;
 

@@ -6,6 +6,8 @@
 
 #include <cerrno>
 #include <charconv>
+#include <cmath>
+#include <ctime>
 #include <filesystem>
 #include <utility>
 
@@ -43,6 +45,12 @@ Error noSuchItem() {
 }
 Error broken(std::string description) {
   return {COCOA_ERROR_DOMAIN, FILE_READ_UNKNOWN, std::move(description)};
+}
+
+void saveUse(const ContentFile& file, Timestamp now) {
+  const auto whole = static_cast<std::time_t>(now.secondsSince1970);
+  const timespec times[] = {{.tv_sec = whole, .tv_nsec = 0}, {.tv_sec = 0, .tv_nsec = UTIME_OMIT}};
+  ::futimens(file.descriptor(), times);
 }
 
 // 0 or the error number.
@@ -96,24 +104,20 @@ class ContentStore::Fetch final : public std::enable_shared_from_this<Fetch> {
     if (!attributes || attributes->isFolder || !identifier) return finish(failure(noSuchItem()));
     tagAtStart_ = attributes->contentTag;
     identifier_ = *identifier;
-    Request request;
     {
       MutexLock hold(lock_);
-      request = request_;
       isReplaced_ = false;
       progress_ = nullptr;
       ++attempts_;
     }
-    auto progress = store_->extension_.fetchContents(
-        *identifier, std::nullopt, request,
-        [self = shared_from_this()](Result<FetchedContents> result) { self->answered(std::move(result)); });
-    bool isUnwanted = false;
-    {
-      MutexLock hold(lock_);
-      progress_ = progress;
-      isUnwanted = isAbandoned_;
-    }
-    if (isUnwanted && progress) progress->cancel();
+    room_ = nullptr;
+    store_->reserve(inode_, attributes->size, [self = shared_from_this()](Result<Room> room) {
+      if (!room) return self->finish(failure(std::move(room.error())));
+      self->room_ = std::move(*room);
+      // Not on a queue that others wait for, nor on the kernel's thread: the extension reads the keyring before it
+      // sends anything.
+      self->store_->scheduler_.global().post([self] { self->ask(); });
+    });
   }
 
   // Nobody waits any more.
@@ -130,10 +134,12 @@ class ContentStore::Fetch final : public std::enable_shared_from_this<Fetch> {
   // A program waits for it now.
   void hurry(Request request) EXCLUDES(lock_) {
     const auto running = progress();
-    if (!running || running->fractionCompleted() >= WORTH_KEEPING) return;
+    if (running && running->fractionCompleted() >= WORTH_KEEPING) return;
     {
       MutexLock hold(lock_);
-      if (request_.isFileViewerRequest || progress_ != running) return;
+      // Not begun yet.
+      if (!running && !progress_) request_ = request;
+      if (!running || request_.isFileViewerRequest || progress_ != running) return;
       request_ = request;
       isReplaced_ = true;
     }
@@ -147,6 +153,26 @@ class ContentStore::Fetch final : public std::enable_shared_from_this<Fetch> {
 
  private:
   Replica& replica() { return store_->tree_.replica(); }
+
+  void ask() EXCLUDES(lock_) {
+    Request request;
+    bool isUnwanted = false;
+    {
+      MutexLock hold(lock_);
+      request = request_;
+      isUnwanted = isAbandoned_;
+    }
+    if (isUnwanted) return finish(failure({COCOA_ERROR_DOMAIN, USER_CANCELLED}));
+    auto progress = store_->extension_.fetchContents(
+        identifier_, std::nullopt, request,
+        [self = shared_from_this()](Result<FetchedContents> result) { self->answered(std::move(result)); });
+    {
+      MutexLock hold(lock_);
+      progress_ = progress;
+      isUnwanted = isAbandoned_;
+    }
+    if (isUnwanted && progress) progress->cancel();
+  }
 
   void answered(Result<FetchedContents> result) EXCLUDES(lock_) {
     if (result) {
@@ -232,12 +258,14 @@ class ContentStore::Fetch final : public std::enable_shared_from_this<Fetch> {
       isAbandoned = isAbandoned_;
     }
     store_->finished(inode_, shared_from_this(), request, isAbandoned, result);
+    room_ = nullptr;
   }
 
   const std::shared_ptr<ContentStore> store_;
   const Inode inode_;
   // Touched by one step at a time.
   ItemIdentifier identifier_;
+  Room room_;
   std::uint64_t tagAtStart_ = 0;
   FetchedContents contents_;
   std::uint64_t tag_ = 0;
@@ -284,13 +312,19 @@ Result<void> ContentStore::scan() {
     if (!files->is_regular_file(failed) || files->is_symlink(failed)) continue;
     const auto name = parseName(files->path().filename().native());
     const auto attributes = name ? tree_.replica().attributes(name->inode) : std::nullopt;
-    const auto size = static_cast<std::int64_t>(files->file_size(failed));
+    struct stat status{};
+    const bool isThere = ::lstat(files->path().c_str(), &status) == 0;
     // The size shows a file that power loss has cut short.
-    if (attributes && !attributes->isFolder && attributes->contentTag == name->tag && attributes->size == size) {
+    if (attributes && !attributes->isFolder && attributes->contentTag == name->tag && isThere &&
+        attributes->size == status.st_size) {
+      const Timestamp lastUse{static_cast<double>(status.st_atim.tv_sec)};
       MutexLock hold(lock_);
-      records_[name->inode] = {
-          .state = ContentState::clean, .tag = name->tag, .size = size, .file = {}, .fetch = {}, .privatePath = {}};
-      bytesHere_ += size;
+      auto& record = records_[name->inode];
+      record.state = ContentState::clean;
+      record.tag = name->tag;
+      record.size = status.st_size;
+      record.lastUse = record.savedUse = lastUse;
+      bytesHere_ += record.size;
     } else if (name || files->path().native().ends_with(UNFINISHED)) {
       std::filesystem::remove(files->path(), failed);
     }
@@ -305,26 +339,46 @@ std::string ContentStore::pathOf(Inode inode, std::uint64_t tag) const {
 std::shared_ptr<const ContentFile> ContentStore::current(Inode inode) {
   const auto attributes = tree_.replica().attributes(inode);
   if (!attributes) return nullptr;
+  const auto now = clock_.now();
+  bool isUseNews = false;
+  std::shared_ptr<const ContentFile> file;
   {
     MutexLock hold(lock_);
     const auto found = records_.find(inode);
     if (found == records_.end() || found->second.state != ContentState::clean ||
         found->second.tag != attributes->contentTag)
       return nullptr;
-    if (auto file = found->second.file.lock()) return file;
+    isUseNews = noteUse(found->second, now);
+    file = found->second.file.lock();
   }
-  auto file = ContentFile::open(pathOf(inode, attributes->contentTag), attributes->contentTag);
+  if (!file) file = openCurrent(inode, attributes->contentTag);
+  if (file && isUseNews) saveUse(*file, now);
+  return file;
+}
+
+std::shared_ptr<const ContentFile> ContentStore::openCurrent(Inode inode, std::uint64_t tag) {
+  const auto file = ContentFile::open(pathOf(inode, tag), tag);
   MutexLock hold(lock_);
   const auto found = records_.find(inode);
-  const bool isAsBefore = found != records_.end() && found->second.state == ContentState::clean &&
-                          found->second.tag == attributes->contentTag;
-  if (!file) {
-    slog.error("contents that should be here are not: %{public}@", file.error().localizedDescription());
-    if (isAsBefore) move(inode, ContentEvent::evicted);
-    return nullptr;
+  const bool isAsBefore =
+      found != records_.end() && found->second.state == ContentState::clean && found->second.tag == tag;
+  if (file) {
+    if (isAsBefore) found->second.file = *file;
+    return *file;
   }
-  if (isAsBefore) found->second.file = *file;
-  return *file;
+  // Otherwise they have just been dropped.
+  if (isAsBefore) {
+    slog.error("contents that should be here are not: %{public}@", file.error().localizedDescription());
+    move(inode, ContentEvent::evicted);
+  }
+  return nullptr;
+}
+
+bool ContentStore::noteUse(Record& record, Timestamp now) {
+  record.lastUse = now;
+  const bool isNews = std::abs(now.secondsSince1970 - record.savedUse.secondsSince1970) >= inSeconds(USE_ACCURACY);
+  if (isNews) record.savedUse = now;
+  return isNews;
 }
 
 void ContentStore::require(Inode inode, Request request, const std::shared_ptr<Progress>& wait, ContentAnswer answer) {
@@ -363,8 +417,7 @@ void ContentStore::begin(Inode inode, Request request) {
   }
   if (!stale.empty()) removeLater(std::move(stale));
   if (!isBegun) return waiting_->settle(inode, ContentFile::open(edited, 0));
-  // Not on the caller's thread, which may be the kernel's: the extension reads the keyring before it sends anything.
-  scheduler_.global().post([fetch] { fetch->start(); });
+  fetch->start();
   if (waiting_->waitingFor(inode) == 0) fetch->abandon();
 }
 
@@ -376,6 +429,21 @@ void ContentStore::checkServerWith(ServerCheck check) {
 ContentStore::ServerCheck ContentStore::serverCheck() const {
   MutexLock hold(lock_);
   return checkServer_;
+}
+
+void ContentStore::reserveWith(Reserve reserve) {
+  MutexLock hold(lock_);
+  reserve_ = std::move(reserve);
+}
+
+void ContentStore::reserve(Inode inode, std::int64_t bytes, Completion<Result<Room>> answer) {
+  Reserve reserve;
+  {
+    MutexLock hold(lock_);
+    reserve = reserve_;
+  }
+  if (reserve) return reserve(inode, bytes, std::move(answer));
+  std::move(answer)(Room());
 }
 
 void ContentStore::abandoned(Inode inode) {
@@ -394,6 +462,7 @@ bool ContentStore::take(Inode inode, const std::shared_ptr<Fetch>& fetch,
   auto& record = found->second;
   record.tag = (*result)->tag();
   record.size = (*result)->size();
+  record.lastUse = record.savedUse = clock_.now();  // the file is new
   record.file = *result;
   record.fetch = nullptr;
   bytesHere_ += record.size;
@@ -429,6 +498,33 @@ std::optional<Error> ContentStore::evict(Inode inode) {
   }
   removeLater(std::move(path));
   return std::nullopt;
+}
+
+std::vector<CachedFile> ContentStore::cachedFiles() const {
+  std::vector<CachedFile> files;
+  MutexLock hold(lock_);
+  files.reserve(records_.size());
+  for (const auto& [inode, record] : records_) {
+    if (record.state == ContentState::clean)
+      files.push_back(
+          {.inode = inode, .bytes = record.size, .lastUse = record.lastUse, .isOpen = !record.file.expired()});
+  }
+  return files;
+}
+
+bool ContentStore::evictUnused(Inode inode, Timestamp lastUse) {
+  std::string path;
+  {
+    MutexLock hold(lock_);
+    const auto found = records_.find(inode);
+    if (found == records_.end() || found->second.state != ContentState::clean || found->second.lastUse != lastUse ||
+        !found->second.file.expired())
+      return false;
+    path = pathOf(inode, found->second.tag);
+    move(inode, ContentEvent::evicted);
+  }
+  removeLater(std::move(path));
+  return true;
 }
 
 void ContentStore::giveAway(Inode inode, std::string path, GivenAway completion) {
@@ -487,11 +583,13 @@ void ContentStore::takeBack(Inode inode, std::uint64_t tag, std::string path, Co
             auto& record = self->records_[inode];
             record.tag = tag;
             record.size = (*file)->size();
+            static_cast<void>(self->noteUse(record, self->clock_.now()));
             record.file = *file;
             record.privatePath.clear();
             self->bytesHere_ += record.size;
           }
         }
+        if (isTaken) saveUse(**file, self->clock_.now());
         // They are on the server, and can be had again from there.
         if (!isTaken) {
           ::unlink(place.c_str());
@@ -510,8 +608,9 @@ void ContentStore::becomeEdited(Inode inode, std::string path) {
   move(inode, ContentEvent::edited);
   auto& record = records_[inode];
   // A fetch that is under way brings something to those who wait for it, and nothing else.
-  record = {
-      .state = ContentState::edited, .tag = 0, .size = 0, .file = {}, .fetch = {}, .privatePath = std::move(path)};
+  record = Record();
+  record.state = ContentState::edited;
+  record.privatePath = std::move(path);
 }
 
 std::optional<std::string> ContentStore::privatePathOf(Inode inode) const {
@@ -551,6 +650,19 @@ ContentState ContentStore::state(Inode inode) const {
 std::int64_t ContentStore::bytesHere() const {
   MutexLock hold(lock_);
   return bytesHere_;
+}
+
+std::int64_t ContentStore::bytesHere(Inode inode) const {
+  std::string edited;
+  {
+    MutexLock hold(lock_);
+    const auto found = records_.find(inode);
+    if (found == records_.end()) return 0;
+    if (found->second.state == ContentState::clean) return found->second.size;
+    edited = found->second.privatePath;
+  }
+  struct stat status{};
+  return !edited.empty() && ::stat(edited.c_str(), &status) == 0 ? status.st_size : 0;
 }
 
 std::size_t ContentStore::filesHere() const {

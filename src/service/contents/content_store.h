@@ -10,10 +10,12 @@
 
 #include "base/completion.h"
 #include "base/mutex.h"
+#include "base/time.h"
 #include "fileprovider/replicated_extension.h"
 #include "platform/clock.h"
 #include "platform/progress.h"
 #include "platform/scheduler.h"
+#include "service/contents/cache_rules.h"
 #include "service/contents/content_file.h"
 #include "service/contents/content_state.h"
 #include "service/last_errors.h"
@@ -39,6 +41,8 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
 
   // How often a fetch is begun anew because the contents changed on the server meanwhile.
   static constexpr int MAX_ATTEMPTS = 5;
+  // The file system remembers to this accuracy when a file was used last, for the next start.
+  static constexpr Duration USE_ACCURACY = seconds(600);
   // How the name of a copy that is not whole ends.
   static constexpr std::string_view UNFINISHED = ".part";
 
@@ -49,6 +53,12 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
   // The contents if they are here in the version the replica knows; opens a local file, so it never waits for the
   // network. Null otherwise, and when they are edited.
   [[nodiscard]] std::shared_ptr<const ContentFile> current(Inode inode) EXCLUDES(lock_);
+
+  // Room on the disk that a fetch has, as long as this lives.
+  using Room = std::shared_ptr<const void>;
+  using Reserve = std::function<void(Inode, std::int64_t bytes, Completion<Result<Room>>)>;
+  // Each fetch asks this for room before it begins, and fails with its error. Without it there is room for everything.
+  void reserveWith(Reserve reserve) EXCLUDES(lock_);
 
   // The contents, fetched first when they are not here; everyone who wants the same item shares one fetch, and when all
   // their waits are cancelled it is cancelled. A program's wait for what is fetched in the background begins the fetch
@@ -66,6 +76,13 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
   // Drops the local copy; open files keep theirs. Nothing to drop is success; one that is being fetched or is not on
   // the server yet is EBUSY.
   std::optional<Error> evict(Inode inode) EXCLUDES(lock_);
+
+  // Those that are here as the server has them; what is kept is not told.
+  [[nodiscard]] std::vector<CachedFile> cachedFiles() const EXCLUDES(lock_);
+  // Drops the local copy if nobody has it open or has used it since. False when it stays.
+  bool evictUnused(Inode inode, Timestamp lastUse) EXCLUDES(lock_);
+  // On which files come and go, in order.
+  [[nodiscard]] const std::shared_ptr<Queue>& queue() const { return queue_; }
 
   // What the changes mean for the contents; subscribe it to the Tree.
   void apply(const std::vector<ReplicaChange>& changes) EXCLUDES(lock_);
@@ -87,7 +104,9 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
   [[nodiscard]] const std::string& folder() const { return folder_; }
   [[nodiscard]] ContentState state(Inode inode) const EXCLUDES(lock_);
   [[nodiscard]] std::size_t waitersFor(Inode inode) const { return waiting_->waitingFor(inode); }
-  [[nodiscard]] std::int64_t bytesHere() const EXCLUDES(lock_);
+  [[nodiscard]] std::int64_t bytesHere() const EXCLUDES(lock_);  // without what is edited
+  // What one item has here, whether as on the server or edited.
+  [[nodiscard]] std::int64_t bytesHere(Inode inode) const EXCLUDES(lock_);
   [[nodiscard]] std::size_t filesHere() const EXCLUDES(lock_);
   [[nodiscard]] std::vector<ContentTransfer> transfers() const EXCLUDES(lock_);
   // Of a fetch under way; null otherwise.
@@ -102,6 +121,8 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
     ContentState state = ContentState::absent;
     std::uint64_t tag = 0;                  // of clean
     std::int64_t size = 0;                  // of clean
+    Timestamp lastUse;                      // of clean
+    Timestamp savedUse;                     // of clean: what the file system remembers of that
     std::weak_ptr<const ContentFile> file;  // of clean, while somebody has it open
     std::shared_ptr<Fetch> fetch;           // of fetching
     std::string privatePath;                // of edited and uploading
@@ -112,6 +133,11 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
   Result<void> scan() EXCLUDES(lock_);
   [[nodiscard]] std::string pathOf(Inode inode, std::uint64_t tag) const;
   [[nodiscard]] ServerCheck serverCheck() const EXCLUDES(lock_);
+  // Without a way to reserve, an answer without room.
+  void reserve(Inode inode, std::int64_t bytes, Completion<Result<Room>> answer) EXCLUDES(lock_);
+  std::shared_ptr<const ContentFile> openCurrent(Inode inode, std::uint64_t tag) EXCLUDES(lock_);
+  // Notes that the file is used now. True when the file system is to hear of it.
+  [[nodiscard]] bool noteUse(Record& record, Timestamp now) REQUIRES(lock_);
   void begin(Inode inode, Request request) EXCLUDES(lock_);
   void abandoned(Inode inode) EXCLUDES(lock_);
   void finished(Inode inode, const std::shared_ptr<Fetch>& fetch, Request request, bool wasAbandoned,
@@ -139,6 +165,7 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
   std::int64_t bytesHere_ GUARDED_BY(lock_) = 0;
   std::optional<Error> closed_ GUARDED_BY(lock_);
   ServerCheck checkServer_ GUARDED_BY(lock_);
+  Reserve reserve_ GUARDED_BY(lock_);
 };
 
 }  // namespace vondle

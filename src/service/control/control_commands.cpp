@@ -108,7 +108,8 @@ void ControlCommands::handle(const json::Object& request, const std::shared_ptr<
   const auto command = json::text(request, "command").value_or("");
   if (command == "status") return reply->finish(status());
   if (command == "sync") return sync(reply);
-  if (command == "info") return info(request, reply);
+  if (command == "info")  // of a folder, which may hold very much
+    return parts_.scheduler.global().post([this, request, reply] { info(request, reply); });
   if (command == "fetch") return fetch(request, reply);
   if (command == "evict") return evict(request, reply);
   if (command == "keep") return keep(KeepAction::Kind::keep, request, reply);
@@ -162,12 +163,22 @@ json::Object ControlCommands::status() const {
           {"items", replica.itemCount()},
           {"files_here", parts_.contents->filesHere()},
           {"bytes_here", parts_.contents->bytesHere()},
+          {"cache", cacheStatus()},
           {"kept", keptStatus(parts_.keeper->status())},
           {"edits", editStatus()},
           {"transfers", std::move(transfers)},
           {"names", std::move(names)},
           {"names_total", problems.size()},
           {"errors", std::move(errors)}};
+}
+
+json::Object ControlCommands::cacheStatus() const {
+  const auto status = parts_.limiter->status();
+  json::Object object{
+      {"bytes", status.bytes - status.keptBytes}, {"kept_bytes", status.keptBytes}, {"limit", status.limit}};
+  if (status.reserve) object["disk_reserve"] = *status.reserve;
+  if (status.diskFree) object["disk_free"] = *status.diskFree;
+  return object;
 }
 
 // Those that fail or are under way first, then those that wait.
@@ -223,6 +234,17 @@ void ControlCommands::trash(TrashOperation::Action action, const json::Object& r
       ->start();
 }
 
+void ControlCommands::tellWhatIsHere(Inode inode, bool isFolder, json::Object& object) const {
+  if (!isFolder) {
+    object["bytes_here"] = parts_.contents->bytesHere(inode);
+    return;
+  }
+  const auto share = parts_.keeper->shareOf({inode});
+  object["files"] = share.files;
+  object["files_here"] = share.filesHere;
+  object["bytes_here"] = share.bytesHere;
+}
+
 void ControlCommands::tellEdit(Inode inode, json::Object& object) const {
   const auto edit = parts_.edits->ofItem(inode);
   if (!edit) return;
@@ -263,6 +285,7 @@ void ControlCommands::info(const json::Object& request, const std::shared_ptr<Co
     object["state"] = stateText(state);
     if (const auto progress = parts_.contents->progressOf(inode)) object["fraction"] = progress->fractionCompleted();
   }
+  tellWhatIsHere(inode, attributes->isFolder, object);
   if (const auto item = replica.item(inode)) {
     object["identifier"] = controlText(item->itemIdentifier.text);
     object["server_name"] = controlText(item->filename);

@@ -7,6 +7,7 @@
 #include "base/json.h"
 #include "platform/clock.h"
 #include "platform/scheduler.h"
+#include "service/contents/cache_limiter.h"
 #include "service/contents/content_store.h"
 #include "service/control/control_server.h"
 #include "service/control/trash_operation.h"
@@ -47,6 +48,7 @@ class ControlCommands {
     LastErrors& errors;
     std::shared_ptr<Follower> follower;
     std::shared_ptr<Keeper> keeper;
+    std::shared_ptr<CacheLimiter> limiter;
     std::shared_ptr<LocalEdits> edits;
     std::shared_ptr<EditSender> sender;
     ReplicatedExtension& extension;
@@ -82,6 +84,9 @@ class ControlCommands {
   void trash(TrashOperation::Action action, const json::Object& request, bool isAll,
              const std::shared_ptr<ControlReply>& reply) const;
   [[nodiscard]] json::Object editStatus() const;
+  [[nodiscard]] json::Object cacheStatus() const;
+  // What of it, or of what is in it, is here.
+  void tellWhatIsHere(Inode inode, bool isFolder, json::Object& object) const;
   void tellEdit(Inode inode, json::Object& object) const;
 
   const Parts parts_;

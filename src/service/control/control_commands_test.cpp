@@ -88,6 +88,8 @@ class ControlCommandsTest : public testing::Test {
                           .clock = scheduler_,
                           .temporaryNames = TemporaryNames()});
     sender_->start();
+    limiter_ = std::make_shared<CacheLimiter>(CacheLimits{.reserve = 3 * GIBIBYTE}, *replica_, contents_, files_);
+    files_.put(contents_->folder() + "/there", "");
     keeper_ = std::make_shared<Keeper>(*tree_, contents_, listing_, scheduler_);
     tree_->subscribe([this](const auto& changes) { keeper_->apply(changes); });
     commands_ = std::make_unique<ControlCommands>(ControlCommands::Parts{.tree = *tree_,
@@ -95,6 +97,7 @@ class ControlCommandsTest : public testing::Test {
                                                                          .errors = errors_,
                                                                          .follower = follower_,
                                                                          .keeper = keeper_,
+                                                                         .limiter = limiter_,
                                                                          .edits = edits_,
                                                                          .sender = sender_,
                                                                          .extension = *extension_,
@@ -119,6 +122,7 @@ class ControlCommandsTest : public testing::Test {
     scheduler_.runUntilIdle();
     commands_.reset();
     keeper_.reset();
+    limiter_.reset();
     sender_.reset();
     edited_.reset();
     edits_.reset();
@@ -169,6 +173,7 @@ class ControlCommandsTest : public testing::Test {
   std::shared_ptr<FolderListing> listing_;
   std::shared_ptr<Follower> follower_;
   std::shared_ptr<Keeper> keeper_;
+  std::shared_ptr<CacheLimiter> limiter_;
   std::unique_ptr<ControlCommands> commands_;
   int shown_ = 0;
   int stops_ = 0;

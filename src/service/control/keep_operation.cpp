@@ -50,11 +50,13 @@ void KeepOperation::wait() {
 }
 
 void KeepOperation::note(Inode inode, const Error& error) {
-  failures_.push_back(itemFailure(parts_.tree.replica(), inode, error));
+  ++failed_;
+  if (failures_.size() < MAX_FAILURES) failures_.push_back(itemFailure(parts_.tree.replica(), inode, error));
 }
 
 void KeepOperation::finish() {
   result_["failures"] = std::move(failures_);
+  result_["failed"] = failed_;
   reply_->finish(result_);
 }
 

@@ -19,6 +19,9 @@ class KeepOperation : public std::enable_shared_from_this<KeepOperation> {
   KeepOperation(KeepAction::Parts parts, std::shared_ptr<Keeper> keeper, KeepAction::Kind kind,
                 std::vector<Inode> inodes, bool waits, std::shared_ptr<ControlReply> reply);
 
+  // Failures that are named; the result also says how many there are.
+  static constexpr std::size_t MAX_FAILURES = 100;
+
   void start();
 
  private:
@@ -38,6 +41,7 @@ class KeepOperation : public std::enable_shared_from_this<KeepOperation> {
   std::vector<Inode> inodes_;  // all, then those that are done
   bool isAbandoned_ = false;
   json::Array failures_;
+  std::size_t failed_ = 0;
   json::Object result_;
 };
 

@@ -120,13 +120,14 @@ void Keeper::ended(Inode inode, const std::optional<Error>& error) {
 
 void Keeper::failed(Inode inode, const Error& error) {
   if (stopped_) return;
-  LOG.info("keeping %{public}@ downloaded: %{public}@", replica().pathOf(inode).value_or("?"),
-           error.localizedDescription());
   {
     MutexLock hold(lock_);
     failures_.insert_or_assign(inode, error);
   }
   if (timer_ != 0) return;
+  // The others that fail until then mostly do so for the same reason, and there may be very many.
+  LOG.info("keeping %{public}@ downloaded: %{public}@", replica().pathOf(inode).value_or("?"),
+           error.localizedDescription());
   timer_ = queue_->after(retryDelay_, [weak = weak_from_this()] {
     const auto self = weak.lock();
     if (!self) return;

@@ -434,6 +434,8 @@ void Filesystem::tellContents(Inode inode) {
 
 void Filesystem::contentsSettled(Inode inode, std::optional<std::uint64_t> tag) {
   if (!tag) return tellContents(inode);
+  // Those who have it open go on with the downloaded copy, which is in use from here on.
+  if (isOpen(inode)) static_cast<void>(fileFor(inode));
   MutexLock hold(lock_);
   const auto cached = cachedTags_.find(inode);
   if (cached != cachedTags_.end() && cached->second == EDITED) cached->second = *tag;
