@@ -1,10 +1,13 @@
 // vondle-preview picture MAXPIXELS QUALITY
 // vondle-preview video MAXWIDTH MAXHEIGHT QUALITY
+// vondle-preview thumbnails SIDE...
 //
 // Reads a picture or video on standard input, which must be able to seek, and writes its preview as a JPEG to standard
 // output. Started by the extension's process for each preview, so that a file made to break a decoder breaks only this
 // process, which holds nothing but that file. Exit status 0: the preview is there; 1: there is none; 2: called wrongly.
 // It says nothing else.
+//
+// The third form makes PNGs of many small pictures, which come one after the other; see thumbnails.h.
 
 #include <unistd.h>
 #include <vips/vips.h>
@@ -15,9 +18,11 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/linux/preview_helper/picture.h"
 #include "platform/linux/preview_helper/sandbox.h"
+#include "platform/linux/preview_helper/thumbnails.h"
 #include "platform/linux/preview_helper/video.h"
 
 namespace vondle {
@@ -25,6 +30,7 @@ namespace {
 
 constexpr int PICTURE_PROCESSOR_SECONDS = 20;
 constexpr int VIDEO_PROCESSOR_SECONDS = 60;
+constexpr int THUMBNAILS_PROCESSOR_SECONDS = 120;
 constexpr int BACKGROUND_NICENESS = 10;
 
 enum ExitStatus { DONE = 0, NO_PREVIEW = 1, CALLED_WRONGLY = 2 };
@@ -63,10 +69,25 @@ bool writeAll(std::string_view bytes) {
   return true;
 }
 
+int runThumbnails(const char* program, std::span<char*> arguments) {
+  constexpr int MAX_SIDE = 1024;
+  std::vector<int> sides;
+  for (const char* argument : arguments) {
+    const auto side = number(argument, MAX_SIDE);
+    if (!side || (!sides.empty() && *side <= sides.back())) return CALLED_WRONGLY;
+    sides.push_back(*side);
+  }
+  if (sides.empty()) return CALLED_WRONGLY;
+  nice(BACKGROUND_NICENESS);
+  if (!startLibraries(program) || !enterSandbox(THUMBNAILS_PROCESSOR_SECONDS)) return NO_PREVIEW;
+  return makeThumbnails(STDIN_FILENO, STDOUT_FILENO, sides) ? DONE : NO_PREVIEW;
+}
+
 int run(std::span<char*> arguments) {
   constexpr int MAX_SIDE = 65500;  // of a JPEG
   constexpr int MAX_QUALITY = 100;
   const std::string_view kind = arguments.size() > 1 ? arguments[1] : "";
+  if (kind == "thumbnails") return runThumbnails(arguments[0], arguments.subspan(2));
   if (!(kind == "picture" && arguments.size() == 4) && !(kind == "video" && arguments.size() == 5))
     return CALLED_WRONGLY;
   const auto width = number(arguments[2], MAX_SIDE);
