@@ -148,7 +148,9 @@ int run(int argc, char** argv) {
                .name = settings->name,
                .readOnly = arguments.readOnly || settings->readOnly,
                .localOnly = settings->localOnly,
-               .cache = settings->cache},
+               .cache = settings->cache,
+               .thumbnails = settings->thumbnails,
+               .thumbnailFailures = settings->thumbnailFailures},
               arguments.statusDescriptor);
   }
   if (const auto made = folders.create(); !made) {

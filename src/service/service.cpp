@@ -1,10 +1,12 @@
 #include "service/service.h"
 
+#include <cstdlib>
 #include <utility>
 
 #include <fmt/format.h>
 
 #include "config/paths.h"
+#include "platform/linux/helper_picture_scaler.h"
 #include "platform/log.h"
 #include "service/leftovers.h"
 #include "service/stable_hash.h"
@@ -82,6 +84,8 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
       std::make_shared<Keeper>(*service->tree_, service->contents_, service->listing_, platform.scheduler);
   service->tree_->subscribe([keeper = service->keeper_](const auto& changes) { keeper->apply(changes); });
 
+  if (options.thumbnails) service->makeThumbnails(options, folders, platform);
+
   // It starts when the folder is mounted.
   service->follower_ = std::make_shared<Follower>(*service->extension_, *service->tree_, platform.scheduler,
                                                   platform.clock, platform.files, folders.anchorFile(),
@@ -94,6 +98,10 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
                         [follower = service->follower_, limiter = service->limiter_] {
                           follower->noteUse();
                           limiter->noteUse();
+                        },
+                    .listed =
+                        [thumbnails = service->thumbnails_](Inode folder) {
+                          if (thumbnails) thumbnails->folderListed(folder);
                         },
                     .keep = [parts = KeepAction::Parts{.tree = *service->tree_,
                                                        .extension = *service->extension_,
@@ -181,8 +189,27 @@ Result<void> Service::openEdits(const ServiceOptions& options, const ServiceFold
   return {};
 }
 
+void Service::makeThumbnails(const ServiceOptions& options, const ServiceFolders& folders, const Platform& platform) {
+  const char* cacheHome = std::getenv("XDG_CACHE_HOME");
+  scaler_ = std::make_unique<HelperPictureScaler>();
+  thumbnails_ = std::make_shared<Thumbnails>(
+      Thumbnails::Parts{.tree = *tree_,
+                        .extension = *extension_,
+                        .isEdited = [edited = edited_](Inode inode) { return edited->find(inode) != nullptr; },
+                        .scaler = *scaler_,
+                        .cache = {ThumbnailCache::folderOf(
+                                      folders.home, cacheHome ? std::optional<std::string>(cacheHome) : std::nullopt),
+                                  platform.bundle.text("CFBundleShortVersionString").value_or("0")},
+                        .scheduler = platform.scheduler,
+                        .clock = platform.clock,
+                        .mountPath = options.mountPath,
+                        .keepsFailures = options.thumbnailFailures});
+  tree_->subscribe([thumbnails = thumbnails_](const auto& changes) { thumbnails->apply(changes); });
+}
+
 void Service::stop() {
   control_.reset();
+  if (thumbnails_) thumbnails_->stop();
   sender_->stop();
   keeper_->stop();
   follower_->stop();

@@ -10,6 +10,7 @@
 #include "base/mutex.h"
 #include "fileprovider/domain.h"
 #include "fileprovider/replicated_extension.h"
+#include "platform/picture_scaler.h"
 #include "platform/platform.h"
 #include "service/contents/cache_limiter.h"
 #include "service/contents/content_store.h"
@@ -28,6 +29,7 @@
 #include "service/replica/replica.h"
 #include "service/replica/tree.h"
 #include "service/service_folders.h"
+#include "service/thumbnails/thumbnails.h"
 
 namespace vondle {
 
@@ -38,6 +40,8 @@ struct ServiceOptions {
   // Patterns of new files that stay here; see ServiceSettings.
   std::optional<std::vector<std::string>> localOnly = {};
   CacheLimits cache = {};
+  bool thumbnails = true;          // for file managers
+  bool thumbnailFailures = false;  // also where there are none
 };
 
 // The file-provider service of one account: the tree, the contents, what programs change and its way to the server, the
@@ -74,6 +78,7 @@ class Service {
   void limitContents(const CacheLimits& limits, Files& files);
   // What programs change, also for a folder that is for reading alone: what is left of earlier runs still goes up.
   Result<void> openEdits(const ServiceOptions& options, const ServiceFolders& folders, const Platform& platform);
+  void makeThumbnails(const ServiceOptions& options, const ServiceFolders& folders, const Platform& platform);
 
   std::vector<InstanceLock> locks_;
   LastErrors errors_;
@@ -88,6 +93,8 @@ class Service {
   std::shared_ptr<EditSender> sender_;
   std::shared_ptr<FolderListing> listing_;
   std::shared_ptr<Keeper> keeper_;
+  std::unique_ptr<PictureScaler> scaler_;
+  std::shared_ptr<Thumbnails> thumbnails_;  // null when they are not wanted
   std::unique_ptr<Mount> mount_;
   std::shared_ptr<Follower> follower_;
   std::unique_ptr<ControlCommands> commands_;

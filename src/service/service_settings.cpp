@@ -79,6 +79,14 @@ Result<ServiceSettings> ServiceSettings::load(const std::string& path, const std
           invalid(path, R"("disk_reserve" must be a size: a number of bytes, or a text such as "5 GiB"; 0 for none)"));
     settings.cache.reserve = *size;
   }
+  if (const auto* value = json::find(*object, "thumbnails")) {
+    if (!value->is_bool()) return failure(invalid(path, "\"thumbnails\" must be true or false"));
+    settings.thumbnails = value->get_bool();
+  }
+  if (const auto* value = json::find(*object, "thumbnail_failures")) {
+    if (!value->is_bool()) return failure(invalid(path, "\"thumbnail_failures\" must be true or false"));
+    settings.thumbnailFailures = value->get_bool();
+  }
   return settings;
 }
 

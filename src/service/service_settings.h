@@ -15,6 +15,8 @@ namespace vondle {
 //   "name"       text    what file managers call the account ("Vondle")
 //   "local_only" texts   patterns of names (*, ?, [a-z]) of new files that stay on this machine; in place of those that
 //                        TemporaryNames has
+//   "thumbnails" boolean give the server's thumbnails to file managers (true)
+//   "thumbnail_failures" boolean also write down there which files have none (false)
 //   "cache_limit"        what downloaded files may take, but for those that are to be kept downloaded (10 GiB)
 //   "disk_reserve"       what downloading leaves free on the disk (a twentieth of the disk, but no more than 2 GiB)
 // The last two are sizes: a number of bytes, or a text such as "20 GiB" (see parseByteSize); the limit is above 0. See
@@ -26,6 +28,8 @@ struct ServiceSettings {
   std::string name = "Vondle";
   std::optional<std::vector<std::string>> localOnly;
   CacheLimits cache;
+  bool thumbnails = true;
+  bool thumbnailFailures = false;
 
   // A file that cannot be read, is not a JSON object, or gives a key another type is an error that names the file and
   // the key: a setting that is silently not obeyed would be worse.

@@ -36,11 +36,14 @@ TEST_F(ServiceSettingsTest, NoFileGivesTheDefaults) {
   EXPECT_EQ(settings->localOnly, std::nullopt);
   EXPECT_EQ(settings->cache.limit, 10 * GIBIBYTE);
   EXPECT_EQ(settings->cache.reserve, std::nullopt);
+  EXPECT_TRUE(settings->thumbnails);
+  EXPECT_FALSE(settings->thumbnailFailures);
 }
 
 TEST_F(ServiceSettingsTest, ReadsEveryKeyAndLeavesOthersAlone) {
   const auto settings = load(R"({"mount": "~/Cloud", "read_only": true, "name": "Work",
                                    "local_only": ["*.part", "~*"], "cache_limit": "1.5 GiB", "disk_reserve": 0,
+                                   "thumbnails": false, "thumbnail_failures": true,
                                    "later": [1]})");
   ASSERT_TRUE(settings);
   EXPECT_EQ(settings->mount, "/home/ann/Cloud");
@@ -50,6 +53,8 @@ TEST_F(ServiceSettingsTest, ReadsEveryKeyAndLeavesOthersAlone) {
   EXPECT_EQ(settings->cache.limit, GIBIBYTE + GIBIBYTE / 2);
   EXPECT_EQ(settings->cache.reserve, 0);
   EXPECT_EQ(load(R"({"cache_limit": 5368709120})")->cache.limit, 5 * GIBIBYTE);
+  EXPECT_FALSE(settings->thumbnails);
+  EXPECT_TRUE(settings->thumbnailFailures);
 }
 
 TEST_F(ServiceSettingsTest, ASettingThatCannotBeObeyedIsAnErrorThatNamesIt) {
@@ -67,6 +72,8 @@ TEST_F(ServiceSettingsTest, ASettingThatCannotBeObeyedIsAnErrorThatNamesIt) {
                {R"({"name": null})", "\"name\""},
                {R"({"local_only": "*.part"})", "\"local_only\""},
                {R"({"local_only": [""]})", "\"local_only\""},
+               {R"({"thumbnails": "no"})", "\"thumbnails\""},
+               {R"({"thumbnail_failures": 1})", "\"thumbnail_failures\""},
                {R"({"local_only": ["a", 1]})", "\"local_only\""},
                {R"({"cache_limit": 0})", "\"cache_limit\""},
                {R"({"cache_limit": -1})", "\"cache_limit\""},

@@ -254,6 +254,7 @@ void Filesystem::readFolder(FuseRequest request, Inode folder, std::uint64_t han
       if (const auto open = self.openFolders_.find(handle); open != self.openFolders_.end()) open->second = children;
     }
     self.answerPage(std::move(listed), folder, children, offset, room);
+    if (self.programLists_) self.programLists_(folder);
   });
 }
 

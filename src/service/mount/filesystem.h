@@ -66,6 +66,8 @@ class Filesystem : public FuseHandler, public std::enable_shared_from_this<Files
   // of contents that a read or write waits for is held back until that is answered, for telling the kernel would wait
   // for it: `later` gets it then.
   std::vector<ReplicaChange> apply(const std::vector<ReplicaChange>& changes) EXCLUDES(lock_);
+  // A program lists a folder; must be cheap. Before the first request.
+  void onListed(std::function<void(Inode)> listed) { programLists_ = std::move(listed); }
   void onLater(std::function<void(std::vector<ReplicaChange>)> later) { later_ = std::move(later); }
 
   // What was edited is as on the server again, where the contents have this tag; or, with none, programs see what the
@@ -139,6 +141,7 @@ class Filesystem : public FuseHandler, public std::enable_shared_from_this<Files
   const Clock& clock_;
   const std::function<void()> used_;
   std::function<void(std::vector<ReplicaChange>)> later_;
+  std::function<void(Inode)> programLists_;
   std::atomic<std::int64_t> lastUse_;
   std::atomic<double> rootModified_;  // when what is in it changed last, or it was mounted
   std::atomic<bool> isClosed_ = false;

@@ -63,6 +63,7 @@ Result<std::unique_ptr<Mount>> Mount::start(const MountOptions& options, Tree& t
                                                               std::move(changes.edits), clock, options.used);
   if (options.keep)
     mount->filesystem_->showAttributes(std::make_shared<ExtendedAttributes>(tree, contents, scheduler, options.keep));
+  mount->filesystem_->onListed(options.listed);
   auto mountPoint = MountPoint::mount(options.path, options.name, readOnly);
   if (!mountPoint) return std::unexpected(mountPoint.error());
   mount->mountPoint_ = std::move(*mountPoint);

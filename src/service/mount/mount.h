@@ -22,6 +22,8 @@ struct MountOptions {
   bool readOnly = false;
   // Called for each request of a program's, on the threads that answer: must be cheap. May be empty.
   std::function<void()> used = {};
+  // Called when a program lists a folder, as `used` is.
+  std::function<void(Inode)> listed = {};
   // What a program asks for by an extended attribute; without, there are none.
   ExtendedAttributes::Keep keep = {};
 };
