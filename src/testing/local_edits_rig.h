@@ -91,6 +91,18 @@ class LocalEditsRig : public testing::Test {
     open();
   }
 
+  // In place of the queue's database, of what follows from news and from sending.
+  void keepsEditsWith(Replica::EditKeeper keeper) {
+    replica_->keepEdits(std::move(keeper), [] { return Edit(); });
+  }
+  // What `make` does is written to the tree; then the process ends.
+  template <class Make>
+  void endsBeforeTheEditsAreWritten(Make make) {
+    keepsEditsWith([](const EditBatch&) {});
+    make();
+    restart();
+  }
+
   // Calls and waits; the number for errno, 0 when it worked.
   template <class Call>
   int errorOf(Call call) {

@@ -453,6 +453,27 @@ TEST_F(EditSenderTest, WhatTheServerHasNoMoreCountsAsDeleted) {
   EXPECT_EQ(syncs_, 1);
 }
 
+TEST_F(EditSenderTest, WhatIsToGoToAFolderThatHasGoneDoesNotWaitForItForEver) {
+  extension_->addFolder("d", ROOT, "d");
+  extension_->addFolder("e", ROOT, "e");
+  extension_->addFile("1", ROOT, "a", "x");
+  extension_->addFile("2", ROOT, "b", "y");
+  begin();
+  list("d");
+  list("e");
+  extension_->addFolder("d", TRASH_CONTAINER.text, "d");
+  extension_->remove("e");
+  extension_->failChanges(Error(FILE_PROVIDER_ERROR_DOMAIN, NO_SUCH_ITEM));
+  move("a", "d/a");
+  move("b", "e/b");
+  settle();
+  // The move counts: it is made anew.
+  EXPECT_TRUE(isLocal(*replica_->identifierOf(at("d"))));
+  EXPECT_TRUE(isLocal(*replica_->identifierOf(at("e"))));
+  EXPECT_NE(at("d/a"), 0U);
+  EXPECT_NE(at("e/b"), 0U);
+}
+
 TEST_F(EditSenderTest, ADeletionIsNotTakenAsDoneWhileTheServerIsOutOfReach) {
   extension_->addFile("1", ROOT, "a.txt", "x");
   begin();

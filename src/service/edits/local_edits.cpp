@@ -142,9 +142,9 @@ Result<void> LocalEdits::commit(const Plan& plan, bool isByProgram) {
   return {};
 }
 
-void LocalEdits::apply(const std::function<void(TreeEdit&)>& make) {
+void LocalEdits::apply(const std::function<void(TreeEdit&)>& make, Replica::FirstWritten first) {
   isOwnChange_ = true;
-  const auto changes = replica_.change(make);
+  const auto changes = replica_.change(make, first);
   isOwnChange_ = false;
   tree_.tell(changes);
   tellChanged();
@@ -255,6 +255,7 @@ Result<void> LocalEdits::moveTo(const ItemAttributes& item, const std::string& f
   }
 
   Plan plan;
+  bool isUndone = false;
   Edit edit = editFor(item);
   auto former = replaced ? std::optional(editFor(*replaced)) : mayTakeOver(edit) ? heritageAt(place) : std::nullopt;
   if (former && !isCreated(*former) && mayTakeOver(edit)) {
@@ -266,13 +267,15 @@ Result<void> LocalEdits::moveTo(const ItemAttributes& item, const std::string& f
     if (replaced) planDeletion(plan, *replaced);
     setPlace(edit, place);
     noteChange(edit);
-    if (edit.fields == 0)
-      plan.edits.removals.push_back(edit.id);
-    else
-      plan.edits.edits.push_back(edit);
+    isUndone = edit.fields == 0;
+    // As long as the tree does not say so, the edit does.
+    if (isUndone) edit.fields = EDIT_PLACED;
+    plan.edits.edits.push_back(edit);
   }
   plan.moves.push_back({item.inode, place, toName});
-  return commit(plan);
+  if (auto done = commit(plan); !done || !isUndone) return done;
+  apply([&](TreeEdit& tree) { tree.dropEdit(edit.id); }, Replica::FirstWritten::tree);
+  return {};
 }
 
 void LocalEdits::removeFile(Inode folder, std::string name, Done completion) {
@@ -526,10 +529,12 @@ void LocalEdits::dropAttempt(EditID id) {
   auto edit = find(id);
   if (!edit || !edit->attempt) return;
   const auto folder = std::exchange(edit->attempt, std::nullopt)->place.folder;
-  apply([&](TreeEdit& tree) {
-    tree.putEdit(*edit);
-    if (isLocal(edit->item)) tree.relist(folder);
-  });
+  apply(
+      [&](TreeEdit& tree) {
+        tree.putEdit(*edit);
+        if (isLocal(edit->item)) tree.relist(folder);
+      },
+      Replica::FirstWritten::tree);
 }
 
 void LocalEdits::listAgain(ItemIdentifier folder) {
@@ -551,10 +556,12 @@ LocalEdits::Outcome LocalEdits::settle(const Edit& sent, std::uint32_t fields, c
   const auto found = replica_.edit(sent.id);
   if (found && isDeleted(*found)) return settleDeleted(*found, saved);
   std::int64_t contents = 0;
-  apply([&](TreeEdit& tree) {
-    if (found) contents = settleEdit(tree, *found, sent, fields, saved);
-    tree.takeUpdate(item);
-  });
+  apply(
+      [&](TreeEdit& tree) {
+        if (found) contents = settleEdit(tree, *found, sent, fields, saved);
+        tree.takeUpdate(item);
+      },
+      Replica::FirstWritten::tree);
   const auto inode = replica_.inodeOf(item.itemIdentifier).value_or(0);
   const auto attributes = replica_.attributes(inode);
   return {.inode = inode,
@@ -592,7 +599,8 @@ std::int64_t LocalEdits::settleEdit(TreeEdit& tree, Edit edit, const Edit& sent,
   edit.attempt.reset();
   if (edit.isFolder && tree.state().edits.hasHidden(edit.id)) tree.relist(item.itemIdentifier);
   edit.serverPlace = serverPlace;
-  if (!isPlaced) edit.place = serverPlace;
+  // What has been put in the trash meanwhile stays in sight, when it is to be made anew.
+  if (!isPlaced && serverPlace.folder != TRASH_CONTAINER) edit.place = serverPlace;
   edit.fields = (isPlaced ? EDIT_PLACED : 0U) | (areContentsLeft ? EDIT_CONTENTS : 0U);
   if (!areContentsLeft) edit.contents = 0;
   // When others stand there by now, newer ones of ours are still a change of what the user saw then: of nothing that
@@ -607,6 +615,12 @@ std::int64_t LocalEdits::settleEdit(TreeEdit& tree, Edit edit, const Edit& sent,
   return edit.contents;
 }
 
+// What was done to the item before it was known to be one of this machine's. New contents become an item of their own.
+void LocalEdits::giveUpOther(TreeEdit& tree, const ItemIdentifier& identifier) {
+  if (const Edit* other = tree.state().edits.ofItem(identifier.text))
+    (other->fields & EDIT_CONTENTS) ? tree.makeLocal(identifier) : tree.dropEdit(other->id);
+}
+
 // The item of the edit, which only this machine had, is this one for the server.
 void LocalEdits::takeIdentifier(TreeEdit& tree, Edit& edit, const ItemIdentifier& identifier) {
   const Inode inode = tree.inodeOf(edit.item);
@@ -614,7 +628,7 @@ void LocalEdits::takeIdentifier(TreeEdit& tree, Edit& edit, const ItemIdentifier
     // The news was faster.
     if (inode != 0) tree.merge(other, inode);
   }
-  if (const Edit* rest = tree.state().edits.ofItem(identifier.text)) tree.dropEdit(rest->id);
+  giveUpOther(tree, identifier);
   if (inode != 0)
     tree.identify(inode, identifier);
   else
@@ -639,11 +653,10 @@ LocalEdits::Outcome LocalEdits::settleDeleted(Edit edit, const SavedItem& saved)
   const Item& item = saved.item;
   apply([&](TreeEdit& tree) {
     if (edit.item != item.itemIdentifier) {
-      if (const Edit* other = tree.state().edits.ofItem(item.itemIdentifier.text))
-        (other->fields & EDIT_CONTENTS) ? tree.makeLocal(item.itemIdentifier) : tree.dropEdit(other->id);
-      edit.baseVersion = item.itemVersion;
+      giveUpOther(tree, item.itemIdentifier);
       edit.item = item.itemIdentifier;
     }
+    // What another has put there meanwhile was not seen here.
     if (saved.hasGivenContents) edit.baseVersion = item.itemVersion;
     edit.attempt.reset();
     edit.serverPlace = Place{item.parentItemIdentifier, item.filename};
@@ -726,6 +739,18 @@ void LocalEdits::settleVanished(const Edit& edit) {
   });
 }
 
+void LocalEdits::folderVanished(const Edit& sent, Done completion) {
+  perform(std::move(completion), [sent](LocalEdits& self) -> Result<void> {
+    self.replica_.setSending(sent.id, false);
+    const auto edit = self.find(sent.id);
+    const auto& folder = sent.place.folder;
+    if (!edit || edit->place.folder != folder || isLocal(folder) || folder == ROOT_CONTAINER) return {};
+    self.replica_.noteNews({}, {folder});
+    self.apply([&](TreeEdit& tree) { tree.takeDeletion(folder); });
+    return {};
+  });
+}
+
 void LocalEdits::renameAside(const Edit& sent, Done completion) {
   perform(std::move(completion), [sent](LocalEdits& self) -> Result<void> {
     self.replica_.setSending(sent.id, false);
@@ -758,7 +783,7 @@ void LocalEdits::undoMove(const Edit& sent, Done completion) {
     self.replica_.setSending(sent.id, false);
     // Where programs have moved it meanwhile, it may go.
     if (const auto edit = self.find(sent.id); edit && edit->place == sent.place)
-      self.apply([&](TreeEdit& tree) { tree.undoMove(edit->id); });
+      self.apply([&](TreeEdit& tree) { tree.undoMove(edit->id); }, Replica::FirstWritten::tree);
     return {};
   });
 }
@@ -768,10 +793,12 @@ void LocalEdits::undelete(const Edit& sent, Done completion) {
     self.replica_.setSending(sent.id, false);
     const auto edit = self.find(sent.id);
     if (!edit || !isDeleted(*edit) || self.dropIfLost(sent.id)) return {};
-    self.apply([&](TreeEdit& tree) {
-      tree.dropEdit(edit->id);
-      if (edit->serverPlace) tree.relist(edit->serverPlace->folder);
-    });
+    self.apply(
+        [&](TreeEdit& tree) {
+          tree.dropEdit(edit->id);
+          if (edit->serverPlace) tree.relist(edit->serverPlace->folder);
+        },
+        Replica::FirstWritten::tree);
     return {};
   });
 }

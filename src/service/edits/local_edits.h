@@ -20,7 +20,9 @@ namespace vondle {
 
 // What programs change in the folder, and what of it is not on the server yet. Each change of a program's is checked
 // against the tree, recorded in the edit database and shown in the tree, in this order, on the tree's queue; then its
-// completion runs (there), so that a program never hears of a change that the end of this process could undo. News
+// completion runs (there), so that a program never hears of a change that the end of this process could undo. What
+// sending has brought about is recorded the other way round, first in the tree: an edit that the end of this process
+// leaves over finds that out again, but what neither knows of would be seen by nobody. News
 // from the server never undoes one either: the tree keeps what an edit says of an item (its place, its contents, that
 // it is gone) until the edit is done, and what the server has lost but an edit still needs is made anew there.
 //
@@ -104,6 +106,8 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
   // The server has the item no more: with contents it becomes a new one (the edit wins); without, the edit is dropped
   // and the item goes.
   void itemVanished(const Edit& sent, Done completion);
+  // The server has the folder no more that the item was to go to.
+  void folderVanished(const Edit& sent, Done completion);
   // The name is taken on the server: the item gets another one, "NAME (conflicted copy).EXT" or one with a number,
   // here too.
   void renameAside(const Edit& sent, Done completion);
@@ -140,7 +144,7 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
   Result<void> write(const EditBatch& batch);
   void keep(const EditBatch& batch);
   Result<void> commit(const Plan& plan, bool isByProgram = true);
-  void apply(const std::function<void(TreeEdit&)>& make);
+  void apply(const std::function<void(TreeEdit&)>& make, Replica::FirstWritten first = Replica::FirstWritten::edits);
   void tellChanged() const;
   void syncSoon();
   Result<void> sync();
@@ -154,6 +158,7 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
   Result<ItemAttributes> setAttributes(Inode inode, const std::function<void(LocalAttributes&)>& set);
   Outcome settle(const Edit& sent, std::uint32_t fields, const SavedItem& saved);
   std::int64_t settleEdit(TreeEdit& tree, Edit edit, const Edit& sent, std::uint32_t fields, const SavedItem& saved);
+  static void giveUpOther(TreeEdit& tree, const ItemIdentifier& identifier);
   static void takeIdentifier(TreeEdit& tree, Edit& edit, const ItemIdentifier& identifier);
   static void keepModified(TreeEdit& tree, Inode inode, const SavedItem& saved);
   Outcome settleDeleted(Edit edit, const SavedItem& saved);

@@ -618,16 +618,29 @@ TEST_F(LocalEditsTest, TheServerCannotNameItemsOfThisMachine) {
   news({}, {{std::string(LOCAL_IDENTIFIER_PREFIX) + "unknown"}});
 }
 
-TEST_F(LocalEditsTest, ADeletedFolderThatSomebodyFillsShowsUpAgain) {
+TEST_F(LocalEditsTest, ADeletedFolderThatSomebodyFillsShowsUpAgainWhenItIsLookedInto) {
   buildTree();
   removeFile("b", "y.txt");
   removeFolder(ROOT, "B");
+  const auto deletion = *beginSending(editOf("b")->id);
   news({file("n", "b", "n")});
+  EXPECT_TRUE(editOf("b"));
+  undelete(deletion);
   EXPECT_FALSE(editOf("b"));
   EXPECT_FALSE(replica_->isListed(ROOT_INODE));
   list(ROOT, {folder("a", ROOT, "A"), folder("b", ROOT, "B")});
   list("b", {file("n", "b", "n"), file("y", "b", "y.txt")});
   EXPECT_THAT(names("b"), ElementsAre("n"));
+}
+
+TEST_F(LocalEditsTest, NewsOlderThanADeletionDoesNotBringTheFolderBack) {
+  buildTree();
+  removeFile("b", "y.txt");
+  removeFolder(ROOT, "B");
+  deleted(*beginSending(editOf("y")->id));
+  news({file("y", "b", "y.txt", 2)});
+  EXPECT_EQ(editOf("b")->fields, EDIT_DELETED);
+  EXPECT_THAT(names(ROOT), ElementsAre("A"));
 }
 
 TEST_F(LocalEditsTest, AListingOlderThanASuccessDoesNotUndoIt) {
@@ -862,6 +875,35 @@ TEST_F(LocalEditsTest, AFileMadeAgainWhileTheFirstWasSentIsItsNewContents) {
   EXPECT_EQ(editOf("n")->contents, 8);
 }
 
+TEST_F(LocalEditsTest, WhatAnotherMadeOfTheFirstIsNotWhatTheSecondIsAChangeOf) {
+  buildTree();
+  createFile("a", "new", 7);
+  const auto sent = beginSending("/A/new");
+  removeFile("a", "new");
+  createFile("a", "new", 8);
+  succeeded(sent, NEW_FILE, saved(file("n", "a", "new", 2), false));
+  EXPECT_EQ(editOf("n")->contents, 8);
+  EXPECT_EQ(editOf("n")->baseVersion, ItemVersion());
+}
+
+TEST_F(LocalEditsTest, WhatOthersTrashedWhileItWasSentIsMadeAnewWithWhatWasWrittenMeanwhile) {
+  buildTree();
+  for (const bool isSeen : {true, false}) {
+    createFile("a", "new", 7);
+    const auto sent = beginSending("/A/new");
+    noteAttempt(sent);
+    editContents(at("/A/new"), 8);
+    if (!isSeen) restartWithoutReplica();
+    succeeded(sent, NEW_FILE, saved(file("n", TRASH_CONTAINER.text, "new")));
+    ASSERT_EQ(edits_->pendingCount(), 1U);
+    const auto left = edits_->pending().front();
+    EXPECT_EQ(left.fields, EDIT_CREATED);
+    EXPECT_EQ(left.contents, 8);
+    EXPECT_EQ(left.place, (Place{{"a"}, "new"}));
+    if (isSeen) removeFile("a", "new");
+  }
+}
+
 TEST_F(LocalEditsTest, AnItemDeletedWhileItsContentsAreSentIsStillDeleted) {
   buildTree();
   editContents(inode("x"), 7);
@@ -1060,6 +1102,18 @@ TEST_F(LocalEditsTest, NewsThatAFolderNotSeenYetIsGoneFreesWhatWasToBeInIt) {
   EXPECT_EQ(edits_->pendingCount(), 1U);
 }
 
+TEST_F(LocalEditsTest, WhatWasToGoToAFolderThatIsGoneForGoodStaysWhereTheServerHasIt) {
+  buildTree();
+  rename("a", "x.txt", "b", "x.txt");
+  restartWithoutReplica();
+  list(ROOT, {folder("a", ROOT, "A")});
+  list("a", {file("x", "a", "x.txt")});
+  const auto sent = *beginSending(editOf("x")->id);
+  EXPECT_EQ(errorOf([&](auto answer) { edits_->folderVanished(sent, std::move(answer)); }), 0);
+  EXPECT_EQ(edits_->pendingCount(), 0U);
+  EXPECT_EQ(pathOf("x"), "/A/x.txt");
+}
+
 TEST_F(LocalEditsTest, AFileWhoseFolderIsGoneForGoodComesToTheTop) {
   buildTree();
   createFile("b", "new", 7);
@@ -1090,6 +1144,48 @@ TEST_F(LocalEditsTest, AnOlderTreeIsBroughtInLineWithTheEdits) {
   EXPECT_EQ(attributes(inode("a")).modified.secondsSince1970, 3);
 }
 
+TEST_F(LocalEditsTest, AnOlderTreeShowsWhatReplacedAFileInItsPlace) {
+  buildTree();
+  rename("a", "x.txt", "a", "x.txt~");
+  createFile("a", "x.txt", 7);
+  const auto old = copyOfReplica();
+  removeFile("a", "x.txt~");
+  restartWith(old);
+  EXPECT_THAT(names("a"), ElementsAre("x.txt"));
+  EXPECT_EQ(edit("/A/x.txt").contents, 7);
+  EXPECT_EQ(pathOf("x"), "/A/x.txt");
+}
+
+TEST_F(LocalEditsTest, AnOlderTreeShowsWhatWasMadeAgain) {
+  buildTree();
+  removeFile("a", "x.txt");
+  const auto old = copyOfReplica();
+  createFile("a", "x.txt", 7);
+  restartWith(old);
+  EXPECT_THAT(names("a"), ElementsAre("x.txt"));
+  EXPECT_EQ(edits_->ofItem(inode("x"))->contents, 7);
+  EXPECT_FALSE(replica_->isListed(inode("a"))) << "so that all else of the item gets known";
+  list("a", {file("x", "a", "x.txt")});
+  EXPECT_THAT(names("a"), ElementsAre("x.txt"));
+}
+
+TEST_F(LocalEditsTest, ARenamingTakenBackIsInTheTreeBeforeTheEditGoes) {
+  buildTree();
+  rename("a", "x.txt", "a", "1");
+  const auto waiting = edit("/A/1");
+  std::vector<std::string> keptNames;
+  keepsEditsWith([&](const EditBatch& batch) {
+    EXPECT_THAT(batch.removals, ElementsAre(waiting.id));
+    keptNames.push_back(ReplicaStore::readItem(replicaPath(), inode("x"))->filename);
+  });
+  rename("a", "1", "a", "x.txt");
+  EXPECT_THAT(keptNames, ElementsAre("x.txt"));
+  // The process ends before the edit has gone.
+  restart();
+  EXPECT_EQ(edit("/A/x.txt").fields, EDIT_PLACED);
+  EXPECT_EQ(edit("/A/x.txt").place, (Place{{"a"}, "x.txt"}));
+}
+
 TEST_F(LocalEditsTest, ANewFileThatWasSentButNotKeptInTheTreeComesByNews) {
   buildTree();
   createFile("a", "new", 7);
@@ -1100,6 +1196,103 @@ TEST_F(LocalEditsTest, ANewFileThatWasSentButNotKeptInTheTreeComesByNews) {
   EXPECT_EQ(edits_->pendingCount(), 0U);
   news({file("n", "a", "new")});
   EXPECT_EQ(pathOf("n"), "/A/new");
+}
+
+TEST_F(LocalEditsTest, WhatSendingBroughtAboutIsInTheTreeBeforeTheEditGoes) {
+  buildTree();
+  createFile("a", "new", 7);
+  editContents(inode("x"), 8);
+  const Inode node = at("/A/new"), x = inode("x");
+  const auto made = beginSending("/A/new"), changed = beginSending("/A/x.txt");
+  int kept = 0;
+  keepsEditsWith([&](const EditBatch& batch) {
+    ++kept;
+    EXPECT_THAT(batch.removals, ElementsAre(kept == 1 ? made.id : changed.id));
+    EXPECT_EQ(ReplicaStore::readItem(replicaPath(), node)->itemIdentifier.text, "n");
+    EXPECT_EQ(ReplicaStore::readItem(replicaPath(), x)->itemVersion, file("x", "a", "x.txt", kept).itemVersion);
+  });
+  succeeded(made, NEW_FILE, saved(file("n", "a", "new")));
+  succeeded(changed, EDIT_CONTENTS, saved(file("x", "a", "x.txt", 2)));
+  EXPECT_EQ(kept, 2);
+}
+
+TEST_F(LocalEditsTest, AnEditLeftOverFindsOutAgainWhatTheTreeKnows) {
+  buildTree();
+  createFile("a", "new", 7);
+  editContents(inode("x"), 8);
+  createFolder("b", "folder");
+  createFile(identifierAt("/B/folder"), "in", 9);
+  const auto made = beginSending("/A/new"), changed = beginSending("/A/x.txt"), folderMade = beginSending("/B/folder");
+  for (const auto& sent : {made, changed, folderMade}) noteAttempt(sent);
+  endsBeforeTheEditsAreWritten([&] {
+    succeeded(made, NEW_FILE, saved(file("n", "a", "new")));
+    succeeded(changed, EDIT_CONTENTS, saved(file("x", "a", "x.txt", 2)));
+    succeeded(folderMade, NEW_FILE, saved(folder("f", "b", "folder")));
+  });
+  // As it was, whatever the server is heard to have meanwhile.
+  const auto isAsBefore = [&] {
+    EXPECT_THAT(names("a"), UnorderedElementsAre("x.txt", "new"));
+    EXPECT_EQ(edit("/A/new").attempt, (Attempt{made.place, 7, made.generation}));
+    EXPECT_EQ(edit("/A/x.txt").contents, 8);
+    EXPECT_THAT(names("b"), UnorderedElementsAre("y.txt", "folder"));
+    EXPECT_EQ(edit("/B/folder/in").contents, 9);
+  };
+  isAsBefore();
+  news({file("n", "a", "new"), file("x", "a", "x.txt", 2), folder("f", "b", "folder")});
+  isAsBefore();
+  succeeded(beginSending("/A/new"), NEW_FILE, saved(file("n", "a", "new")));
+  succeeded(beginSending("/A/x.txt"), EDIT_CONTENTS, saved(file("x", "a", "x.txt", 2)));
+  succeeded(beginSending("/B/folder"), NEW_FILE, saved(folder("f", "b", "folder")));
+  EXPECT_THAT(names("a"), UnorderedElementsAre("x.txt", "new"));
+  EXPECT_EQ(pathOf("n"), "/A/new");
+  ASSERT_EQ(edits_->pendingCount(), 1U);
+  EXPECT_EQ(edits_->pending().front().place, (Place{{"f"}, "in"}));
+  EXPECT_THAT(names("f"), ElementsAre("in"));
+}
+
+TEST_F(LocalEditsTest, WhatAnEditLeftOverHidIsListedAgainWhenItIsAnothers) {
+  buildTree();
+  createFile("a", "new", 7);
+  const auto made = beginSending("/A/new");
+  noteAttempt(made);
+  endsBeforeTheEditsAreWritten([&] { succeeded(made, NEW_FILE, saved(file("n", "a", "new"))); });
+  removeFile("a", "new");
+  EXPECT_THAT(names("a"), ElementsAre("x.txt"));
+  forgetAttempt(made.id);
+  EXPECT_EQ(edits_->pendingCount(), 0U);
+  EXPECT_FALSE(replica_->isListed(inode("a")));
+}
+
+TEST_F(LocalEditsTest, WhatIsTakenBackIsInTheTreeBeforeTheEditGoes) {
+  buildTree();
+  rename("a", "x.txt", "b", "z.txt");
+  removeFile("b", "y.txt");
+  const auto moved = beginSending("/B/z.txt");
+  const auto deletion = *beginSending(editOf("y")->id);
+  keepsEditsWith(
+      [&](const EditBatch&) { EXPECT_EQ(ReplicaStore::readItem(replicaPath(), inode("x"))->filename, "x.txt"); });
+  undoMove(moved);
+  EXPECT_EQ(pathOf("x"), "/A/x.txt");
+  undelete(deletion);
+  // The process ends before the edits have gone.
+  restart();
+  EXPECT_EQ(edits_->pendingCount(), 2U);
+  EXPECT_EQ(pathOf("x"), "/B/z.txt");
+  EXPECT_FALSE(replica_->isListed(inode("b")));
+}
+
+TEST_F(LocalEditsTest, ChangesOfAnItemThatTurnsOutToBeOursBecomeAnItemOfTheirOwn) {
+  buildTree();
+  createFile("a", "new", 7);
+  const auto made = beginSending("/A/new");
+  news({file("n", "a", "new")});
+  editContents(inode("n"), 8);
+  restartWithoutReplica();
+  noteAttempt(made);
+  succeeded(made, NEW_FILE, saved(file("n", "a", "new")));
+  ASSERT_EQ(edits_->pendingCount(), 1U);
+  EXPECT_EQ(edits_->pending().front().contents, 8);
+  EXPECT_EQ(edits_->pending().front().fields, EDIT_CREATED);
 }
 
 TEST_F(LocalEditsTest, AnEditedItemThatAnOlderTreeDoesNotKnowHasItsFolderListedAgain) {

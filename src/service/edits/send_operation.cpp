@@ -337,9 +337,35 @@ void SendOperation::itemChecked(Error error, const Result<Item>& item) {
   if (item && item->parentItemIdentifier == TRASH_CONTAINER) return gone();
   // It may be told from memory: a folder that could not be listed may have gone with one above it.
   const bool isListingRefused = task_.step == SendStep::remove && edit_.isFolder;
+  if (item && task_.step == SendStep::place && edit_.place.folder != ROOT_CONTAINER)
+    return lookForTarget(std::move(error));
   if (item ? !isListingRefused : sendFailureOf(item.error()) != SendFailure::noSuchItem)
     return failed(std::move(error));
   confirmThatGone(std::move(error));
+}
+
+// Perhaps the folder is missing that it is to go to. A lookup that failed on the way says the same; a listing tells
+// what went wrong.
+void SendOperation::lookForTarget(Error error) {
+  follow(services_.extension.itemForIdentifier(
+      edit_.place.folder, SYSTEM,
+      onQueue([error = std::move(error)](SendOperation& self, const Result<Item>& folder) mutable {
+        folder && folder->parentItemIdentifier == TRASH_CONTAINER ? self.targetGone()
+                                                                  : self.listTarget(std::move(error));
+      })));
+}
+
+void SendOperation::listTarget(Error error) {
+  listWhole(
+      services_.extension, edit_.place.folder, SYSTEM, [](const Item&) { return false; },
+      onQueue([error = std::move(error)](SendOperation& self, const Result<std::vector<Item>>& found) mutable {
+        if (found) return self.failed(std::move(error));
+        sendFailureOf(found.error()) == SendFailure::noSuchItem ? self.targetGone() : self.failed(found.error());
+      }));
+}
+
+void SendOperation::targetGone() {
+  services_.edits->folderVanished(result_.sent, whenRecorded());
 }
 
 // A lookup that failed on the way says the same; a listing tells what went wrong.

@@ -107,6 +107,9 @@ class SendOperation : public std::enable_shared_from_this<SendOperation> {
   void checkServer(Error error);
   void serverChecked(Error error, std::optional<Error> serverError);
   void itemChecked(Error error, const Result<Item>& item);
+  void lookForTarget(Error error);
+  void listTarget(Error error);
+  void targetGone();
   void confirmThatGone(Error error);
   void gone();
 

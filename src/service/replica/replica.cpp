@@ -305,7 +305,7 @@ std::vector<ReplicaChange> Replica::applyNews(const std::vector<Item>& updates,
   return changes;
 }
 
-std::vector<ReplicaChange> Replica::change(const std::function<void(TreeEdit&)>& make) {
+std::vector<ReplicaChange> Replica::change(const std::function<void(TreeEdit&)>& make, FirstWritten first) {
   reserveInodesFor(editCount() + 1);
   std::vector<ReplicaChange> changes;
   ReplicaStore::Batch batch;
@@ -316,7 +316,7 @@ std::vector<ReplicaChange> Replica::change(const std::function<void(TreeEdit&)>&
     make(edit);
     changes = edit.finish(batch, edits);
   }
-  write(batch, edits, false);
+  first == FirstWritten::edits ? write(batch, edits, false) : writeTreeFirst(batch, edits);
   return changes;
 }
 
@@ -325,6 +325,13 @@ std::vector<ReplicaChange> Replica::change(const std::function<void(TreeEdit&)>&
 void Replica::write(const ReplicaStore::Batch& batch, const EditBatch& edits, bool isNews) {
   if (keepEdits_ && (!edits.isEmpty() || (isNews && !batch.isEmpty()))) keepEdits_(edits);
   isNews ? store_.writeDurably(batch) : store_.write(batch);
+}
+
+// What the server has by now, and no edit tells of any more, is in the tree then. An edit that is left over finds out
+// at the next start what became of it.
+void Replica::writeTreeFirst(const ReplicaStore::Batch& batch, const EditBatch& edits) {
+  store_.write(batch);
+  if (keepEdits_ && !edits.isEmpty()) keepEdits_(edits);
 }
 
 void Replica::noteNews(const std::vector<Item>& updates, const std::vector<ItemIdentifier>& deletions) {

@@ -107,13 +107,15 @@ class Replica {
   // that goes. Deleting the root means that everything may have changed: it is listed again on next need.
   std::vector<ReplicaChange> applyNews(const std::vector<Item>& updates, const std::vector<ItemIdentifier>& deletions)
       EXCLUDES(lock_);
+  // Of a change of both: what stands when this process ends before the other is written.
+  enum class FirstWritten { edits, tree };
   // What `make` does to the tree and to the edits.
-  std::vector<ReplicaChange> change(const std::function<void(TreeEdit&)>& make) EXCLUDES(lock_);
+  std::vector<ReplicaChange> change(const std::function<void(TreeEdit&)>& make,
+                                    FirstWritten first = FirstWritten::edits) EXCLUDES(lock_);
   // What became of this item is news for folders that are being listed, too.
   void noteNews(const std::vector<Item>& updates, const std::vector<ItemIdentifier>& deletions) EXCLUDES(lock_);
-  // Given each change of the edits that follows from news or from change, when the tree has changed and before it is
-  // written; an empty one, too, before news is. The edits are made by `newEdit`: with an id, an identifier and the
-  // time.
+  // Given each change of the edits that follows from news or from change, when the tree has changed in memory; an empty
+  // one, too, before news is written. The edits are made by `newEdit`: with an id, an identifier and the time.
   using EditKeeper = std::function<void(const EditBatch&)>;
   void keepEdits(EditKeeper keeper, std::function<Edit()> newEdit) EXCLUDES(lock_);
   // Shows these edits, after which they are kept: before anything else is changed.
@@ -137,6 +139,7 @@ class Replica {
   Result<void> load();
   void reserveInodesFor(std::size_t items);
   void write(const ReplicaStore::Batch& batch, const EditBatch& edits, bool isNews);
+  void writeTreeFirst(const ReplicaStore::Batch& batch, const EditBatch& edits);
   void rememberNews(const std::vector<Item>& updates, const std::vector<ItemIdentifier>& deletions) REQUIRES(lock_);
 
   mutable Mutex lock_;

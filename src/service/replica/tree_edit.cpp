@@ -80,7 +80,6 @@ void TreeEdit::takeUpdate(const Item& item) {
   const Slot folder = index().findIdentifier(item.parentItemIdentifier.text);
   const bool isKept = folder != NONE && index().facts(folder).isListed;
   if (takeEdited(known, isKept ? folder : NONE, {item.parentItemIdentifier, item.filename}, item)) return;
-  showWhatHolds(item.parentItemIdentifier);
   if (known == NONE) {
     if (isKept) put(NONE, folder, item);
     return;
@@ -125,17 +124,6 @@ bool TreeEdit::takeEdited(Slot known, Slot folder, const Place& serverPlace, con
   takeFacts(known, item);
   show(edit.id);
   return true;
-}
-
-// A folder that the user deleted because nothing was in it shows up again when something is.
-void TreeEdit::showWhatHolds(const ItemIdentifier& folder) {
-  if (state_.edits.isEmpty()) return;
-  const Edit* edit = state_.edits.ofItem(folder.text);
-  if (!edit || !(edit->fields & EDIT_DELETED) || !edit->serverPlace) return;
-  const auto parent = edit->serverPlace->folder;
-  dropEdit(edit->id);
-  showWhatHolds(parent);
-  relist(parent);
 }
 
 void TreeEdit::takeDeletion(const ItemIdentifier& identifier) {
@@ -552,10 +540,15 @@ bool TreeEdit::show(EditID id, bool isMade) {
     return true;
   }
   refresh(index().inode(slot));
-  if (!(edit.fields & (EDIT_CREATED | EDIT_PLACED)) || !isUsableFolder(folder)) return false;
+  return (edit.fields & (EDIT_CREATED | EDIT_PLACED)) != 0 && bring(slot, edit);
+}
+
+bool TreeEdit::bring(Slot slot, const Edit& edit) {
+  const Slot folder = index().findIdentifier(edit.place.folder.text);
+  if (!isUsableFolder(folder)) return false;
   if (index().parent(slot) == folder && state_.serverNameOf(slot) == edit.place.name) return false;
   if (index().isAtOrAbove(slot, folder)) {
-    state_.edits.setBlocked(id);
+    state_.edits.setBlocked(edit.id);
     return false;
   }
   homeless_.erase(index().inode(slot));
@@ -711,18 +704,49 @@ void TreeEdit::restore(const std::vector<Inode>& localItems) {
     const Slot slot = index().find(inode);
     if (slot != NONE && !editOf(slot)) removeTree(slot);
   }
-  std::vector<EditID> deletions, others;
-  for (const auto& [id, edit] : state_.edits.all()) (edit.fields & EDIT_DELETED ? deletions : others).push_back(id);
+  std::vector<EditID> deletions, others, overtaken;
+  for (const auto& [id, edit] : state_.edits.all()) {
+    const bool isDeleted = (edit.fields & EDIT_DELETED) != 0;
+    (isDeleted ? deletions : others).push_back(id);
+    if (!isDeleted && edit.attempt && isLocal(edit.item) && inodeOf(edit.item) == 0) overtaken.push_back(id);
+  }
   // One can be in the way of another: a folder that goes to below one that is in it so far.
   for (bool isMoving = true; isMoving;) {
     isMoving = false;
     for (const EditID id : others) isMoving = show(id) || isMoving;
   }
+  for (const EditID id : others) showContents(id);
+  for (const EditID id : overtaken) hideOvertaking(id);
   for (const EditID id : deletions) show(id);
   for (const EditID id : others)
     if (const Edit* edit = state_.edits.find(id); edit->serverPlace && inodeOf(edit->item) == 0)
       relist(edit->serverPlace->folder);
   for (const auto& [item, attributes] : state_.edits.allAttributes()) refresh(inodeOf({item}));
+}
+
+// The process ended when the queue, but not yet the tree, had it that the item stays where the server has it, or takes
+// the place of another: it is where it was seen to be.
+void TreeEdit::showContents(EditID id) {
+  const Edit edit = *state_.edits.find(id);
+  if (edit.fields != EDIT_CONTENTS) return;
+  const Slot slot = index().findIdentifier(edit.item.text);
+  const Slot folder = index().findIdentifier(edit.place.folder.text);
+  if (slot != NONE)
+    bring(slot, edit);
+  else if (isUsableFolder(folder) && index().facts(folder).isListed)
+    show(id, true), relist(edit.place.folder);
+}
+
+// The process ended when the tree, but not yet the queue, had the new item as the server's. It is shown again when that
+// has been found out (see EditTable::hides).
+void TreeEdit::hideOvertaking(EditID id) {
+  const Edit edit = *state_.edits.find(id);
+  const Slot folder = index().findIdentifier(edit.place.folder.text);
+  if (folder == NONE) return;
+  for (Slot child = index().firstChild(folder); child != NONE; child = index().nextSibling(child)) {
+    if (isEdited(child) || state_.serverNameOf(child) != edit.place.name) continue;
+    return hide(index().inode(child));
+  }
 }
 
 }  // namespace vondle

@@ -93,7 +93,6 @@ class TreeEdit {
   void takeAbove(Slot known, const Place& place, const Item& item);
   bool staysUnlisted(Slot child, const std::set<std::string>& spared);
   bool takeEdited(Slot known, Slot folder, const Place& serverPlace, const Item& item);
-  void showWhatHolds(const ItemIdentifier& folder);
   void takeDeletionOfUnseen(const ItemIdentifier& identifier);
   void put(Slot known, Slot folder, const Item& item);
   Slot insert(Slot folder, std::string_view serverName, const ItemIdentifier& identifier, ItemIndex::Facts facts,
@@ -110,6 +109,9 @@ class TreeEdit {
   void breakCycle(const std::vector<Inode>& chain);
   bool undoMoveAbove(Inode inode);
   bool isEdited(Slot top);
+  bool bring(Slot slot, const Edit& edit);
+  void showContents(EditID id);
+  void hideOvertaking(EditID id);
   void removeTree(Slot top);
   std::set<Inode> survivors(Slot top, const std::vector<Slot>& doomed);
   bool isBelowOnServer(Slot slot, Slot top);
