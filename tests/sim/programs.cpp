@@ -121,7 +121,7 @@ std::vector<Programs::Target> Programs::targets(bool areFolders) const {
   for (const auto folder : folders()) {
     std::map<std::string, ItemAttributes> sorted;
     for (const auto& entry : machine_.tree().entries(folder, machine_.tree().children(folder)))
-      if (entry.attributes.isFolder == areFolders && !isTwin(entry.name)) sorted.emplace(entry.name, entry.attributes);
+      if (entry.attributes.isFolder == areFolders) sorted.emplace(entry.name, entry.attributes);
     for (auto& [name, item] : sorted) found.push_back({folder, name, item});
   }
   return found;
@@ -131,7 +131,6 @@ Listing Programs::folder() const {
   Listing all;
   std::function<void(Inode, const std::string&)> collect = [&](Inode folder, const std::string& path) {
     for (const auto& entry : machine_.tree().entries(folder, machine_.tree().children(folder))) {
-      if (isTwin(entry.name)) continue;
       const auto here = path + "/" + entry.name;
       const auto inode = entry.attributes.inode;
       const bool isFolder = entry.attributes.isFolder;
@@ -143,12 +142,6 @@ Listing Programs::folder() const {
   return all;
 }
 
-// A name that is there twice for a moment: the server has what was sent already, and the service has yet to find out
-// that it is the same.
-bool Programs::isTwin(const std::string& name) const {
-  return model_ && name.starts_with("%=");
-}
-
 std::set<std::string> Programs::unsurePaths() const {
   std::set<std::string> paths;
   for (const auto& script : running_)
@@ -156,7 +149,15 @@ std::set<std::string> Programs::unsurePaths() const {
   return paths;
 }
 
+void Programs::alignModel() {
+  modelFolders_.clear();
+  if (!model_) return;
+  for (const auto folder : folders())
+    if (const auto node = modelOf(folder)) modelFolders_[folder] = node;
+}
+
 ModelTree::NodePtr Programs::modelOf(Inode folder) const {
+  if (const auto known = modelFolders_.find(folder); known != modelFolders_.end()) return known->second;
   const auto path = machine_.tree().pathOf(folder);
   return model_ && path ? model_->at(*path) : nullptr;
 }
@@ -255,19 +256,32 @@ void Programs::create(const ScriptPtr& script, Inode folder, const std::string& 
 // What the item shows, and what its edit is recorded to be made on, may be replaced from now on.
 void Programs::noteReplaced(Inode inode) {
   if (const auto print = shown(inode)) oracle_.mayGo(*print);
-  if (const auto edit = machine_.edits().ofItem(inode); edit && !isLocal(edit->item))
-    if (const auto print = storage_.printOf(edit->item.text, numberOf(edit->baseVersion.contentVersion)))
-      oracle_.mayGo(*print);
+  if (const auto item = machine_.tree().identifierOf(inode)) noteBase(*item);
+}
+
+void Programs::noteBase(const ItemIdentifier& item) {
+  const auto edit = machine_.tree().editOf(item);
+  if (!edit || isLocal(item)) return;
+  if (const auto print = storage_.printOf(item.text, numberOf(edit->baseVersion.contentVersion))) oracle_.mayGo(*print);
+}
+
+// Inode 0: nothing stands there yet.
+Place Programs::beginRemoval(Inode inode, Inode folder, const std::string& name) {
+  auto place = machine_.tree().placeOf(inode).value_or(
+      Place{machine_.tree().identifierOf(folder).value_or(ItemIdentifier()), name});
+  oracle_.removalBegins(machine_.tree().identifierOf(inode).value_or(ItemIdentifier()), machine_.edits().ofItem(inode),
+                        place);
+  return place;
 }
 
 void Programs::openEmptied(const ScriptPtr& script) {
   script->add([this](const ScriptPtr& self) {
     const auto print = shown(self->inode);
-    const auto how = print ? oracle_.mayGo(*print) : std::nullopt;
+    if (print) oracle_.mayGo(*print);
     machine_.kernel().open(self->inode, {.writes = true, .truncates = true},
-                           [this, self, print, how](const KernelAnswer& answer) {
+                           [this, self, print](const KernelAnswer& answer) {
                              if (answer.error != 0) {
-                               if (print && shown(self->inode) == print) oracle_.takeBack(*print, how);
+                               if (print && shown(self->inode) == print) oracle_.takeBack(*print);
                                return self->failed("open", answer.error);
                              }
                              self->isOpen = true;
@@ -295,6 +309,11 @@ void Programs::writeAll(const ScriptPtr& script, const std::string& bytes) {
   }
 }
 
+void Programs::acknowledged(const Script& script, const std::string& print, const std::string& what) {
+  oracle_.saved(print, fmt::format("program {}’s {}", script.number, what));
+  if (const auto item = machine_.tree().identifierOf(script.inode)) oracle_.madeAgain(*item);
+}
+
 // `bytes`: all that the file is to have; empty: what is there now.
 void Programs::close(const ScriptPtr& script, std::string what, const std::string& bytes) {
   if (random_.oneIn(5))
@@ -309,7 +328,7 @@ void Programs::close(const ScriptPtr& script, std::string what, const std::strin
             fmt::format("program {} saved {} ({}), but sees {}", self->number, what, print, now.value_or("nothing")));
       // Gone, or no longer its own: others have removed or changed the file that it still had open.
       if (now && (print == EMPTY || now == print) && machine_.tree().attributes(self->inode))
-        oracle_.saved(*now, fmt::format("program {}’s {}", self->number, what));
+        acknowledged(*self, *now, what);
       trace_.add("prog {}: saved {} as {} (inode {})", self->number, what, now.value_or("nothing"), self->inode);
       self->next();
     });
@@ -326,20 +345,23 @@ void Programs::rename(const ScriptPtr& script, Inode folder, const std::string& 
     const auto replaced = machine_.tree().lookup(toFolder, toName);
     const auto moved = machine_.tree().lookup(folder, name);
     const bool isItself = replaced && moved && replaced->inode == moved->inode;
-    std::optional<std::string> print, how;
-    if (replaced && mayReplace && !isItself) {
-      const auto id = machine_.tree().identifierOf(replaced->inode).value_or(ItemIdentifier()).text;
-      print = shown(replaced->inode);
-      if (print) how = oracle_.mayGo(*print);
-      oracle_.removedByProgram(id, toName, print.value_or(""));
-    }
+    std::optional<std::string> print;
+    std::optional<Place> place;
+    const auto id = machine_.tree().identifierOf(replaced ? replaced->inode : 0).value_or(ItemIdentifier());
+    // What comes to the name until the call is done is replaced, too.
+    if (mayReplace && !isItself) place = beginRemoval(replaced ? replaced->inode : 0, toFolder, toName);
+    if (replaced && place) print = shown(replaced->inode);
+    if (print) oracle_.mayGo(*print);
     machine_.kernel().rename(
         folder, name, toFolder, toName, mayReplace,
-        [this, self, folder, name, toFolder, toName, print, how, replaced](const KernelAnswer& answer) {
+        [this, self, folder, name, toFolder, toName, print, replaced, place, id](const KernelAnswer& answer) {
+          oracle_.removalEnds(place, machine_.edits().pending());
           if (answer.error != 0) {
-            if (print && shown(replaced->inode) == print) oracle_.takeBack(*print, how);
+            if (print && shown(replaced->inode) == print) oracle_.takeBack(*print);
             return self->failed("rename", answer.error);
           }
+          // It may have become newer since.
+          if (place) noteBase(id);
           if (model_) {
             const auto from = modelOf(folder), to = modelOf(toFolder);
             if (from && to && ModelTree::child(from, name) && !(from == to && name == toName))
@@ -353,19 +375,22 @@ void Programs::rename(const ScriptPtr& script, Inode folder, const std::string& 
 void Programs::unlink(const ScriptPtr& script, Inode folder, const std::string& name) {
   script->add([this, folder, name](const ScriptPtr& self) {
     const auto item = machine_.tree().lookup(folder, name);
-    std::optional<std::string> print, how;
+    std::optional<std::string> print;
+    std::optional<Place> place;
+    const auto id = machine_.tree().identifierOf(item ? item->inode : 0).value_or(ItemIdentifier());
     if (item) {
       print = shown(item->inode);
-      if (print) how = oracle_.mayGo(*print);
-      oracle_.removedByProgram(machine_.tree().identifierOf(item->inode).value_or(ItemIdentifier()).text, name,
-                               print.value_or(""));
+      if (print) oracle_.mayGo(*print);
+      place = beginRemoval(item->inode, folder, name);
     }
     machine_.kernel().removeFile(folder, name,
-                                 [this, self, folder, name, item, print, how](const KernelAnswer& answer) {
+                                 [this, self, folder, name, item, print, place, id](const KernelAnswer& answer) {
+                                   oracle_.removalEnds(place, machine_.edits().pending());
                                    if (answer.error != 0) {
-                                     if (print && shown(item->inode) == print) oracle_.takeBack(*print, how);
+                                     if (print && shown(item->inode) == print) oracle_.takeBack(*print);
                                      return self->failed("unlink", answer.error);
                                    }
+                                   noteBase(id);
                                    if (const auto parent = modelOf(folder)) ModelTree::remove(parent, name);
                                    self->next();
                                  });
@@ -437,10 +462,10 @@ void Programs::editInPlace() {
   });
   script->add([this](const ScriptPtr& self) {
     const auto print = shown(self->inode);
-    const auto how = print ? oracle_.mayGo(*print) : std::nullopt;
-    machine_.kernel().write(self->inode, bytesOf(12), 0, [this, self, print, how](const KernelAnswer& answer) {
+    if (print) oracle_.mayGo(*print);
+    machine_.kernel().write(self->inode, bytesOf(12), 0, [this, self, print](const KernelAnswer& answer) {
       if (answer.error != 0) {
-        if (print && shown(self->inode) == print) oracle_.takeBack(*print, how);
+        if (print && shown(self->inode) == print) oracle_.takeBack(*print);
         return self->failed("write", answer.error);
       }
       noteReplaced(self->inode);
@@ -451,7 +476,12 @@ void Programs::editInPlace() {
   if (random_.oneIn(2)) {
     const auto size = static_cast<std::int64_t>(12 + random_.below(5'000));
     script->add([this, size](const ScriptPtr& self) {
-      machine_.kernel().change(self->inode, {.permissions = {}, .size = size, .modified = {}}, self->thenNext("size"));
+      machine_.kernel().change(self->inode, {.permissions = {}, .size = size, .modified = {}},
+                               [this, self](const KernelAnswer& answer) {
+                                 if (answer.error != 0) return self->failed("size", answer.error);
+                                 noteReplaced(self->inode);
+                                 self->next();
+                               });
     });
   }
   close(script, target.name, "");
@@ -528,9 +558,9 @@ void Programs::removeFolder() {
   for (const auto& [name, item] : below)
     if (!item.isFolder) unlink(script, folder, name);
   script->add([this, target](const ScriptPtr& self) {
-    oracle_.removedByProgram(machine_.tree().identifierOf(target.item.inode).value_or(ItemIdentifier()).text,
-                             target.name, "");
-    machine_.kernel().removeFolder(target.folder, target.name, [this, self, target](const KernelAnswer& answer) {
+    const auto place = beginRemoval(target.item.inode, target.folder, target.name);
+    machine_.kernel().removeFolder(target.folder, target.name, [this, self, target, place](const KernelAnswer& answer) {
+      oracle_.removalEnds(place, machine_.edits().pending());
       if (answer.error != 0) return self->failed("rmdir", answer.error);
       if (const auto parent = modelOf(target.folder)) ModelTree::remove(parent, target.name);
       self->next();
@@ -550,7 +580,7 @@ void Programs::makeFolder() {
   script->add([this, folder, name](const ScriptPtr& self) {
     machine_.kernel().makeFolder(folder, name, [this, self, folder, name](const KernelAnswer& answer) {
       if (answer.error != 0) return self->failed("mkdir", answer.error);
-      if (const auto parent = modelOf(folder)) model_->make(parent, name, true);
+      if (const auto parent = modelOf(folder)) modelFolders_[answer.node.inode] = model_->make(parent, name, true);
       self->next();
     });
   });
@@ -670,6 +700,10 @@ void Programs::evict() {
 void Programs::listAll() {
   for (const auto folder : folders())
     if (!machine_.tree().isListed(folder)) list(folder);
+}
+
+bool Programs::isAllListed() const {
+  return std::ranges::all_of(folders(), [this](Inode folder) { return machine_.tree().isListed(folder); });
 }
 
 void Programs::readAll() {

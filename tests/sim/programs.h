@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -38,10 +39,14 @@ class Programs {
   void startLarge();
   // Looks into every folder.
   void listAll();
+  [[nodiscard]] bool isAllListed() const;
   // Reads every file, and compares it with what the folder shows.
   void readAll();
   // Removes what stays on this machine for ever.
   void removeLockFiles();
+  // The folder and the model are the same now: from here on the model's folders are found by their inodes, for the
+  // paths of the one may be ahead of those of the other by the answers that are on their way.
+  void alignModel();
   [[nodiscard]] bool areIdle() const { return running_.empty(); }
 
   // Paths that calls were changing when the process died.
@@ -62,7 +67,6 @@ class Programs {
   };
 
   [[nodiscard]] std::vector<Inode> folders() const;
-  [[nodiscard]] bool isTwin(const std::string& name) const;
   [[nodiscard]] std::vector<Target> targets(bool areFolders) const;
   std::string newName();
   std::string bytesOf(std::size_t size);
@@ -98,7 +102,9 @@ class Programs {
   void pause(const ScriptPtr& script);
   void begin(const ScriptPtr& script);
   void noteReplaced(Inode inode);
-  void saved(Script& script, const std::string& what);
+  void noteBase(const ItemIdentifier& item);
+  Place beginRemoval(Inode inode, Inode folder, const std::string& name);
+  void acknowledged(const Script& script, const std::string& print, const std::string& what);
 
   Installation& machine_;
   SimulatedStorage& storage_;
@@ -111,6 +117,7 @@ class Programs {
   std::set<ScriptPtr> running_;  // NOLINT: never in an order that matters
   std::set<std::pair<Inode, std::string>> busyNames_;
   std::set<Inode> busyInodes_;
+  std::map<Inode, ModelTree::NodePtr> modelFolders_;
   int lastScript_ = 0;
 };
 

@@ -59,6 +59,7 @@ SimulatedNetwork::Fate SimulatedNetwork::draw(const URLRequest& request) {
 }
 
 void SimulatedNetwork::travel(std::shared_ptr<ScriptedTask> task) {
+  if (onDeparture) onDeparture();
   URLRequest request = task->originalRequest();
   if (!task->uploadPath().empty() || request.body) request.body = task->sentBody();
   auto fate = draw(request);
@@ -135,11 +136,13 @@ void SimulatedNetwork::processDied() {
     if (random_.oneIn(2)) ghosts_.emplace(number, std::move(request));
 }
 
-void SimulatedNetwork::deliverGhost() {
-  if (ghosts_.empty()) return;
+bool SimulatedNetwork::deliverGhost() {
+  if (ghosts_.empty()) return false;
   const auto ghost =
       ghosts_.extract(std::next(ghosts_.begin(), static_cast<std::ptrdiff_t>(random_.below(ghosts_.size()))));
-  arrive(ghost.mapped(), ", for a process that is dead");
+  const auto& request = ghost.mapped();
+  const bool isDone = arrive(request, ", for a process that is dead").status == 200;
+  return isDone && request.method == "POST" && !request.url.ends_with("-urls") && !request.url.ends_with("-url");
 }
 
 }  // namespace vondle::sim

@@ -32,8 +32,8 @@ class SimulatedNetwork {
   void serve(ScriptedURLLoading& loading, Scheduler& scheduler);
   // It died: what was on its way to the server gets there, or does not, some time later.
   void processDied();
-  // One of those gets there now.
-  void deliverGhost();
+  // One of those gets there now. True when it changes the account.
+  bool deliverGhost();
   void forgetGhosts() { ghosts_.clear(); }
 
   Weather weather;
@@ -43,7 +43,8 @@ class SimulatedNetwork {
   // Also says that what is there is not, or that what can be done cannot, and takes a request twice and answers the
   // second. What it says counts, so that the folder may differ from the account afterwards; nothing may be lost.
   bool isLying = false;
-  // Told of every request that reaches the server, before it does.
+  // Told of every request when it leaves, and when it reaches the server, before it does.
+  std::function<void()> onDeparture;
   std::function<void(const URLRequest&)> onArrival;
 
  private:

@@ -23,6 +23,7 @@ namespace {
 constexpr int STEPS = 160;
 constexpr int STEPS_BETWEEN_CHECKS = 10;
 constexpr std::size_t MAX_ITEMS = 60;
+constexpr int MAX_DEPTH = 100;
 constexpr std::uint64_t LARGE_ONE_IN = 100;
 
 // As they are, links among them and times of modification, too.
@@ -67,6 +68,7 @@ Simulation::Simulation(const Settings& settings, std::string folder)
   trace_.setClock(&clock_);
   network_.areCommitsSafe = isAlone_;
   network_.isLying = isLying_;
+  network_.onDeparture = [this] { oracle_.noteDeletions(machine_->edits().pending()); };
   network_.onArrival = [this](const URLRequest& request) { arrived(request); };
 }
 
@@ -138,7 +140,9 @@ void Simulation::beginLife() {
     processDied();
   }
   if (deaths_ == 0) return;
+  oracle_.removalsEnd(machine_->edits().pending());
   if (isAlone_) checkFolder(std::exchange(unsure_, {}));
+  programs_->alignModel();
   checkPromise();
 }
 
@@ -157,6 +161,7 @@ void Simulation::explore() {
     if (!passUntil([this] { return programs_->areIdle(); }, std::chrono::hours(1)))
       throw Violation("listing takes for ever");
   } while (machine_->tree().itemCount() != known);
+  programs_->alignModel();
 }
 
 void Simulation::processDied() {
@@ -207,7 +212,7 @@ void Simulation::step() {
   } else if (kind < 53) {
     changeWeather();
   } else if (kind < 55) {
-    network_.deliverGhost();
+    deliverGhost();
   } else if (kind < 56) {
     live([this] { machine_->kernel().interruptAll(); });
   } else if (kind < 57) {
@@ -222,6 +227,11 @@ void Simulation::step() {
     const auto time = random_.smallOf(random_.oneIn(12) ? 900 : random_.oneIn(4) ? 60 : 6);
     live([this, time] { machine_->scheduler.advance(seconds(time)); });
   }
+}
+
+// What a dead process asked for may undo what programs have done since.
+void Simulation::deliverGhost() {
+  if (network_.deliverGhost()) model_.giveUp();
 }
 
 void Simulation::changeWeather() {
@@ -342,13 +352,27 @@ void Simulation::arrived(const URLRequest& request) {
 }
 
 void Simulation::checkRemovals(const URLRequest& request) {
+  const auto all = storage_.everything();
+  const auto childrenOf = [&](const std::string& folder) {
+    std::vector<SimulatedStorage::Stored> children;
+    for (const auto& item : all)
+      if (!item.isInTrash && item.parent == folder) children.push_back(item);
+    return children;
+  };
+  constexpr std::string_view LISTING = "/api/browse?id=";
+  if (const auto at = request.url.find(LISTING); at != std::string::npos) {
+    const auto folder = request.url.substr(at + LISTING.size(), request.url.find('&') - at - LISTING.size());
+    std::set<std::string> seen;
+    for (const auto& child : childrenOf(folder)) seen.insert(child.id);
+    return oracle_.listed(folder, std::move(seen));
+  }
   const bool areFiles = request.url.ends_with("/api/delete-files");
   if (!areFiles && !request.url.ends_with("/api/delete-folder")) return;
-  for (const auto& item : storage_.everything()) {
+  for (const auto& item : all) {
     if (item.isInTrash) continue;
     const bool isMeant = areFiles ? !item.isFolder && request.body->find('"' + item.key + '"') != std::string::npos
                                   : item.isFolder && request.body->find('"' + item.path + "/\"") != std::string::npos;
-    if (isMeant) oracle_.checkRemoval(item);
+    if (isMeant) oracle_.checkRemoval(item, childrenOf(item.id));
   }
 }
 
@@ -357,28 +381,27 @@ void Simulation::removeRows() {
   if (database) static_cast<void>(database->execute("DELETE FROM edit WHERE contents != 0"));
 }
 
-void Simulation::checkPromise() {
-  std::set<std::string> inQueue;
+std::set<std::string> Simulation::printsInQueue() const {
+  std::set<std::string> prints;
   for (const auto& edit : machine_->edits().pending()) {
     if (edit.contents == 0) continue;
     const int file =
         ::open(fmt::format("{}/{}", machine_->folders().editedFiles(), edit.contents).c_str(), O_RDONLY | O_CLOEXEC);
     if (file < 0) continue;
-    inQueue.insert(printOfFile(file));
+    prints.insert(printOfFile(file));
     ::close(file);
   }
-  oracle_.check(storage_.everything(), inQueue);
+  return prints;
+}
+
+void Simulation::checkPromise() {
+  oracle_.check(storage_.everything(), printsInQueue());
 }
 
 // Alone, the folder is as the programs' calls have left it.
 void Simulation::checkFolder(const std::set<std::string>& except) {
   if (!model_.isTrusted()) return;
   const auto found = programs_->folder();
-  // A new file whose answer came just before the end is known to the server, no longer to the queue, and to the tree
-  // with the next news.
-  for (const auto& item : storage_.everything())
-    if (const auto known = model_.at("/" + item.path); known && !item.isInTrash && !found.contains("/" + item.path))
-      return model_.giveUp();
   const auto wrong = difference(model_.listing(), found, except);
   if (!wrong.empty()) throw Violation("in the folder, " + wrong);
   model_.become(found);
@@ -397,31 +420,59 @@ bool Simulation::passUntil(const std::function<bool()>& condition, Duration limi
 }
 
 void Simulation::drain() {
-  while (random_.oneIn(2)) network_.deliverGhost();
+  while (random_.oneIn(2)) deliverGhost();
   network_.forgetGhosts();
   network_.weather = {};
   trace_.add("all faults end");
-  const auto idle = [this] { return programs_->areIdle(); };
-  do {
-    if (!passUntil(idle, std::chrono::hours(2))) throw Violation("a program waits for ever");
-    live([this] { programs_->listAll(); });
-    if (!passUntil(idle, std::chrono::hours(2))) throw Violation("listing takes for ever");
-    live([this] { programs_->removeLockFiles(); });
-  } while (!programs_->areIdle());
-  if (isAlone_) checkFolder({});
-  const auto isEmpty = [this] { return machine_->edits().pendingCount() == 0; };
-  if (!passUntil(isEmpty, DRAIN_LIMIT)) {
-    std::string left;
-    for (const auto& edit : machine_->edits().pending())
-      left += fmt::format("\n  {} {} fields {} at {}/{}: {}", edit.id, edit.item.text, edit.fields,
-                          edit.place.folder.text, edit.place.name, edit.lastError);
-    throw Violation("the queue does not become empty:" + left);
+  letProgramsEnd();
+  // A service that dies meanwhile may have lost what was listed, or the end of a program.
+  for (int life = -1; life != deaths_;) {
+    life = deaths_;
+    tidyUp();
+    if (life != deaths_) continue;
+    if (isAlone_) checkFolder({});
+    programs_->alignModel();
+    const auto isOver = [this, life] { return deaths_ != life || isQueueEmpty(); };
+    if (!passUntil(isOver, DRAIN_LIMIT)) failToDrain();
   }
   trace_.add("the queue is empty");
   CrashPoints::arm(0);
   for (int i = 0; i < 4; ++i) {
-    live([this] { programs_->listAll(); });
+    tidyUp();
     live([this] { machine_->scheduler.advance(std::chrono::minutes(6)); });
+  }
+}
+
+// But for what stays on this machine because of its name, in a folder that has gone: nobody can see it to remove it.
+bool Simulation::isQueueEmpty() const {
+  if (machine_->edits().pendingCount() == 0) return true;
+  return std::ranges::all_of(machine_->sender().report(), [this](const EditSender::Report& one) {
+    return one.state == SendState::staysHere && !one.until && machine_->edits().inodeOf(one.edit.id) == 0;
+  });
+}
+
+void Simulation::failToDrain() {
+  std::string left;
+  for (const auto& edit : machine_->edits().pending())
+    left += fmt::format("\n  {} {} fields {} at {}/{}: {}", edit.id, edit.item.text, edit.fields,
+                        edit.place.folder.text, edit.place.name, edit.lastError);
+  throw Violation("the queue does not become empty:" + left);
+}
+
+void Simulation::letProgramsEnd() {
+  if (!passUntil([this] { return programs_->areIdle(); }, std::chrono::hours(2)))
+    throw Violation("a program waits for ever");
+}
+
+// All folders are looked into, and what stays on this machine for ever goes.
+void Simulation::tidyUp() {
+  for (int depth = 0;; ++depth) {
+    live([this] { programs_->listAll(); });
+    letProgramsEnd();
+    live([this] { programs_->removeLockFiles(); });
+    letProgramsEnd();
+    if (programs_->isAllListed()) return;
+    if (depth > MAX_DEPTH) throw Violation("listing takes for ever");
   }
 }
 
@@ -435,14 +486,17 @@ void Simulation::verify() {
         item.name.starts_with(".goutputstream-"))
       throw Violation("a stray on the server: " + item.path);
   }
-  oracle_.checkAtEnd(all);
+  oracle_.checkAtEnd(all, printsInQueue());
   if (const auto wrong = difference(server, programs_->folder(), {}); !wrong.empty() && !isLying_)
     throw Violation("in the folder, not as on the server, " + wrong);
   if (isAlone_ && model_.isTrusted())
     if (const auto wrong = difference(model_.listing(), server, {}); !wrong.empty())
       throw Violation("on the server, not as the programs left it, " + wrong);
+  std::set<std::string> left;
+  for (const auto& edit : machine_->edits().pending()) left.insert(std::to_string(edit.contents));
   for (const auto& file : std::filesystem::recursive_directory_iterator(machine_->folders().editedFiles()))
-    if (file.is_regular_file() && file.path().parent_path().filename() != "lost+found")
+    if (file.is_regular_file() && file.path().parent_path().filename() != "lost+found" &&
+        !left.contains(file.path().filename()))
       throw Violation("a private file is left: " + file.path().native());
   live([this] { programs_->readAll(); });
   if (!passUntil([this] { return programs_->areIdle(); }, std::chrono::hours(1)))

@@ -53,6 +53,11 @@ class Simulation {
   void work();
   void step();
   void drain();
+  void tidyUp();
+  void letProgramsEnd();
+  [[nodiscard]] bool isQueueEmpty() const;
+  [[noreturn]] void failToDrain();
+  void deliverGhost();
   void verify();
 
   // Runs it in the process that lives; when that dies, another one begins, and false is answered.
@@ -62,6 +67,7 @@ class Simulation {
   void processDied();
   void copyHome();
   void checkFolder(const std::set<std::string>& except);
+  [[nodiscard]] std::set<std::string> printsInQueue() const;
   void checkPromise();
   bool passUntil(const std::function<bool()>& condition, Duration limit);
 
