@@ -172,6 +172,36 @@ TEST_F(HostileServerTest, ContentsComeFromPlainWebAddressesOnly) {
   expectNothingLeft();
 }
 
+TEST_F(HostileServerTest, ThumbnailsComeFromPlainWebAddressesOnly) {
+  const std::string secret = home.path + "/secret";
+  std::ofstream(secret) << "secret";
+  api.handle("/vondle/api/item", [](HttpTestExchange& exchange) {
+    exchange.reply(200, R"({"id": "7", "name": "a.jpg", "size": 5, "has_thumb": true})");
+  });
+  store.handle("/thumb", [](HttpTestExchange& exchange) { exchange.reply(200, "image"); });
+  store.handle("/elsewhere",
+               [&](HttpTestExchange& exchange) { exchange.reply(302, "", {{"Location", "file://" + secret}}); });
+  const std::pair<std::string, std::optional<std::string>> cases[] = {
+      {store.url("/thumb"), "image"},          {"file://" + secret, std::nullopt},
+      {"file:" + secret, std::nullopt},        {"FILE://localhost" + secret, std::nullopt},
+      {store.url("/elsewhere"), std::nullopt}, {"data:image/png,x", std::nullopt}};
+  for (const auto& [url, image] : cases) {
+    api.handle("/vondle/api/thumb-urls", [&](HttpTestExchange& exchange) {
+      exchange.reply(200, json::serialize(json::Object{{"urls", json::Object{{"7", url}}}}));
+    });
+    std::optional<std::string> given;
+    std::promise<void> done;
+    extension->fetchThumbnails(
+        {{"7"}}, {},
+        [&](const ItemIdentifier&, Result<std::optional<std::string>> result) {
+          if (result) given = std::move(*result);
+        },
+        [&](const std::optional<Error>&) { done.set_value(); });
+    ASSERT_EQ(done.get_future().wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    EXPECT_EQ(given, image) << url;
+  }
+}
+
 TEST_F(HostileServerTest, ASizeThatIsALieChangesNothingOfTheContents) {
   store.handle("/", [](HttpTestExchange& exchange) { exchange.reply(200, "hello"); });
   for (const std::int64_t size :

@@ -13,6 +13,8 @@
 #include <string_view>
 #include <system_error>
 
+#include <fmt/format.h>
+
 #include "platform/linux/helper_process.h"
 #include "service/thumbnails/thumbnail_png.h"
 
@@ -174,7 +176,7 @@ Result<void> ThumbnailCache::write(const std::string& subfolder, const std::stri
   if (!top) return failure(top.error());
   const auto folder = openPrivateFolder(top->get(), subfolder);
   if (!folder) return failure(folder.error());
-  const auto path = folder_ + "/" + subfolder + "/" + name;
+  const auto path = fmt::format("{}/{}/{}", folder_, subfolder, name);
   const auto unfinished = std::string(UNFINISHED) + name;
   const Descriptor file(::openat(folder->get(), unfinished.c_str(),
                                  O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, PRIVATE_FILE));

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 #include <span>
 
 #include "platform/log.h"
@@ -68,14 +69,19 @@ void Thumbnails::beginLook() {
   look_ = Look{.folder = {.inode = folder, .files = filesIn(folder)}};
 }
 
+// From the last name to the first, with which file managers begin: the end of the list goes first.
 std::vector<Thumbnails::File> Thumbnails::filesIn(Inode folder) const {
-  std::vector<File> files;
+  std::vector<std::pair<std::string, File>> named;
   const auto children = replica().children(folder);
   for (std::size_t i = 0; i < children.size(); i += AT_ONCE) {
     const auto some = std::span(children).subspan(i, std::min(AT_ONCE, children.size() - i));
     for (const auto& [name, item] : replica().entries(folder, some))
-      if (!item.isFolder && item.size > 0 && canHaveThumbnail(name)) files.push_back({item.inode, item.contentTag});
+      if (!item.isFolder && item.size > 0 && canHaveThumbnail(name))
+        named.push_back({name, {item.inode, item.contentTag}});
   }
+  std::ranges::sort(named, std::greater(), &std::pair<std::string, File>::first);
+  std::vector<File> files;
+  for (const auto& [name, file] : named) files.push_back(file);
   return files;
 }
 
@@ -104,9 +110,10 @@ void Thumbnails::endLook(Look look) {
     waiting_.erase(same);
   }
   if (look.lacking.empty()) return;
-  if (look.lacking.size() > MAX_WAITING) look.lacking.resize(MAX_WAITING);
-  waitingCount_ += look.lacking.size();
-  waiting_.push_back({.inode = look.folder.inode, .files = std::move(look.lacking)});
+  auto& lacking = look.lacking;
+  if (lacking.size() > MAX_WAITING) lacking.erase(lacking.begin(), lacking.end() - MAX_WAITING);
+  waitingCount_ += lacking.size();
+  waiting_.push_back({.inode = look.folder.inode, .files = std::move(lacking)});
   for (; waitingCount_ > MAX_WAITING; waiting_.pop_front()) waitingCount_ -= waiting_.front().files.size();
   work();
 }

@@ -331,6 +331,12 @@ TEST_F(ThumbnailsTest, NothingMoreIsAskedForWhilePicturesPileUp) {
   EXPECT_THAT(gallery_.requests, SizeIs(3));
 }
 
+TEST_F(ThumbnailsTest, FilesGoInTheOrderOfTheirNames) {
+  list("b", {file("2", "b", "b.jpg"), file("1", "b", "a.jpg"), file("3", "b", "c.jpg")});
+  look("b");
+  EXPECT_THAT(gallery_.requests.at(0), ElementsAre(ItemIdentifier{"1"}, ItemIdentifier{"2"}, ItemIdentifier{"3"}));
+}
+
 TEST_F(ThumbnailsTest, TheFolderListedLastGoesFirst) {
   fill("b", 150);
   gallery_.isHolding = true;
