@@ -26,6 +26,17 @@ expect 'the mounted tree has the names, sizes and times of the imported one' sam
 expect 'every byte is the same' same_bytes
 expect 'a second reading downloads nothing' same_bytes_without_downloads
 
+# What stays on the disk.
+files_here() { in_world vondle status --json | sed -n 's/.*"files_here":\([0-9]*\).*/\1/p'; }
+nothing_is_here() { in_world vondle evict "$MOUNT" 2>/dev/null && [ "$(files_here)" = 0 ]; }
+is_kept() { in_world vondle keep "$MOUNT/Notes" 2>/dev/null && [ "$(files_here)" = 300 ]; }
+stays_kept() { ! in_world vondle evict "$MOUNT/Notes" 2>/dev/null && [ "$(files_here)" = 300 ]; }
+is_given_up() { in_world vondle unkeep "$MOUNT/Notes" 2>/dev/null && [ "$(files_here)" = 0 ]; }
+expect 'local copies are dropped' nothing_is_here
+expect 'a folder is kept downloaded' is_kept
+expect 'what is kept is not dropped' stays_kept
+expect 'until it is kept no more' is_given_up
+
 is_gone 'From elsewhere' || differs 'a folder that was not made yet is already there'
 other_device mkdir 'From elsewhere' >/dev/null
 other_device put "$IMPORT/Welcome.txt" 'From elsewhere/Copied.txt' >/dev/null

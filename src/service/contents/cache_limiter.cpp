@@ -32,18 +32,28 @@ CacheLimiter::CacheLimiter(CacheLimits limits, const Replica& replica, std::shar
                            Files& files)
     : limits_(limits), replica_(replica), contents_(std::move(contents)), files_(files), queue_(contents_->queue()) {}
 
-void CacheLimiter::reserve(Inode inode, std::int64_t bytes, Completion<Result<ContentStore::Room>> answer) {
+void CacheLimiter::reserve(Inode inode, std::int64_t bytes, RoomAnswer answer) {
   queue_->post([self = shared_from_this(), inode, bytes, answer = std::move(answer)]() mutable {
-    const bool isKept = self->replica_.keptBy(inode).has_value();
-    if (!self->makeRoom(bytes, isKept)) {
-      self->noteUse();
-      return std::move(answer)(failure(noRoomError(self->limits_, self->useWith(self->keptBytes_), bytes, isKept)));
-    }
+    self->tryToReserve(inode, bytes, false, std::move(answer));
+  });
+}
+
+void CacheLimiter::tryToReserve(Inode inode, std::int64_t bytes, bool isLastTry, RoomAnswer answer) {
+  const bool isKept = replica_.keptBy(inode).has_value();
+  if (makeRoom(bytes, isKept)) {
     // What goes is removed on the same queue.
-    self->queue_->post([room = self->setAside(inode, bytes, isKept), answer = std::move(answer)]() mutable {
+    return queue_->post([room = setAside(inode, bytes, isKept), answer = std::move(answer)]() mutable {
       std::move(answer)(std::move(room));
     });
-  });
+  }
+  if (!isLastTry && !isKept) {
+    queue_->after(CLOSING_TIME, [self = shared_from_this(), inode, bytes, answer = std::move(answer)]() mutable {
+      self->tryToReserve(inode, bytes, true, std::move(answer));
+    });
+    return;
+  }
+  noteUse();
+  std::move(answer)(failure(noRoomError(limits_, useWith(keptBytes_), bytes, isKept)));
 }
 
 bool CacheLimiter::makeRoom(std::int64_t bytes, bool isKept) {

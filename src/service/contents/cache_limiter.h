@@ -32,6 +32,8 @@ class CacheLimiter : public std::enable_shared_from_this<CacheLimiter> {
   // reserve faster than that finds the disk full.
   static constexpr Duration LOOK_DELAY = seconds(2);
   static constexpr Duration LOOK_AGAIN_DELAY = seconds(60);
+  // The kernel tells a moment later that a program has closed a file: who finds no room looks again after this time.
+  static constexpr Duration CLOSING_TIME = seconds(0.1);
   // What goes beyond what must, as a part of the limit: choosing goes through all that is here.
   static constexpr std::int64_t MARGIN = 32;
 
@@ -39,7 +41,8 @@ class CacheLimiter : public std::enable_shared_from_this<CacheLimiter> {
 
   // Sets room aside for a fetch of an item's contents, for as long as the answer lives; what goes for it is gone from
   // the disk by then. ENOSPC, with a text for the user, when there is none. For ContentStore::reserveWith.
-  void reserve(Inode inode, std::int64_t bytes, Completion<Result<ContentStore::Room>> answer);
+  using RoomAnswer = Completion<Result<ContentStore::Room>>;
+  void reserve(Inode inode, std::int64_t bytes, RoomAnswer answer);
 
   // Something happened that may take room on the disk. Cheap, so it may be said of each request of a program's.
   void noteUse();
@@ -68,6 +71,7 @@ class CacheLimiter : public std::enable_shared_from_this<CacheLimiter> {
   };
 
   // On the queue.
+  void tryToReserve(Inode inode, std::int64_t bytes, bool isLastTry, RoomAnswer answer);
   bool makeRoom(std::int64_t bytes, bool isKept) EXCLUDES(lock_);
   void look() EXCLUDES(lock_);
   void evict(const Eviction& eviction);

@@ -113,6 +113,7 @@ class CacheLimiterTest : public testing::Test {
   Result<File> read(const std::string& identifier) {
     scheduler_.advance(seconds(0.01));
     const auto answer = begin(identifier);
+    if (!*answer) pass(CacheLimiter::CLOSING_TIME);
     EXPECT_TRUE(*answer);
     return answer->value_or(Result<File>(nullptr));
   }
@@ -217,6 +218,18 @@ TEST_F(CacheLimiterTest, WhatIsBeingFetchedStaysAndCounts) {
   EXPECT_FALSE(read("b")) << "a is open";
   first->reset();
   EXPECT_TRUE(read("b"));
+  EXPECT_THAT(here(), ElementsAre("b"));
+}
+
+TEST_F(CacheLimiterTest, AFileThatIsJustBeingClosedMakesRoom) {
+  start({.limit = 10, .reserve = 0});
+  auto open = read("a");
+  const auto answer = begin("b");
+  EXPECT_FALSE(*answer);
+  open = File();
+  pass(CacheLimiter::CLOSING_TIME);
+  ASSERT_TRUE(*answer);
+  EXPECT_TRUE(answer->value());
   EXPECT_THAT(here(), ElementsAre("b"));
 }
 
