@@ -3,6 +3,7 @@
 namespace vondle {
 
 void LastErrors::note(Inode inode, Error error, Timestamp when) {
+  if (heard_) heard_(error);
   MutexLock hold(lock_);
   if (const auto found = byInode_.find(inode); found != byInode_.end()) {
     order_.erase(found->second);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <list>
 #include <optional>
 #include <unordered_map>
@@ -24,6 +25,8 @@ class LastErrors {
     Timestamp when;
   };
 
+  // Hears of every failure that is noted; before the first.
+  void onNote(std::function<void(const Error&)> heard) { heard_ = std::move(heard); }
   void note(Inode inode, Error error, Timestamp when) EXCLUDES(lock_);
   void forget(Inode inode) EXCLUDES(lock_);
   [[nodiscard]] std::optional<Entry> of(Inode inode) const EXCLUDES(lock_);
@@ -33,6 +36,7 @@ class LastErrors {
  private:
   using Order = std::list<std::pair<Inode, Entry>>;  // oldest first
 
+  std::function<void(const Error&)> heard_;
   mutable Mutex lock_;
   Order order_ GUARDED_BY(lock_);
   std::unordered_map<Inode, Order::iterator> byInode_ GUARDED_BY(lock_);

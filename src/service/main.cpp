@@ -14,6 +14,7 @@
 #include <systemd/sd-daemon.h>
 
 #include "platform/bundle.h"
+#include "platform/linux/dbus_desktop_notices.h"
 #include "platform/linux/linux_user_database.h"
 #include "platform/visible_text.h"
 #include "service/service_folders.h"
@@ -150,7 +151,8 @@ int run(int argc, char** argv) {
                .localOnly = settings->localOnly,
                .cache = settings->cache,
                .thumbnails = settings->thumbnails,
-               .thumbnailFailures = settings->thumbnailFailures},
+               .thumbnailFailures = settings->thumbnailFailures,
+               .desktop = settings->notices ? std::make_shared<DBusDesktopNotices>() : nullptr},
               arguments.statusDescriptor);
   }
   if (const auto made = folders.create(); !made) {

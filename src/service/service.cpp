@@ -70,6 +70,7 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
                                       [managers = service->managers_](const Domain& domain) {
                                         return domain.identifier == DOMAIN_IDENTIFIER ? managers->get() : nullptr;
                                       });
+  service->tellOnDesktop(options, platform);
   auto contents = ContentStore::open(folders.contentFiles(), *service->tree_, *service->extension_, service->errors_,
                                      platform.scheduler, platform.clock);
   if (!contents) return failure(contents.error());
@@ -116,6 +117,10 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
   service->mount_->onUnmountedByOthers(stop);
   service->managers_->set(std::make_shared<ServiceManager>(options.mountPath, *service->tree_, service->contents_,
                                                            service->follower_, platform.scheduler));
+  if (service->notices_)
+    service->follower_->onRun([notices = service->notices_](const std::optional<Error>& error) {
+      error ? notices->failed(*error) : notices->answered();
+    });
   service->follower_->start();
   service->sender_->start();
   service->keeper_->start();
@@ -167,6 +172,12 @@ void Service::limitContents(const CacheLimits& limits, Files& files) {
   limiter_->noteUse();
 }
 
+void Service::tellOnDesktop(const ServiceOptions& options, const Platform& platform) {
+  if (!options.desktop) return;
+  notices_ = std::make_shared<Notices>(options.desktop, options.name, platform.scheduler, platform.clock);
+  errors_.onNote([notices = notices_](const Error& error) { notices->failed(error); });
+}
+
 Result<void> Service::openEdits(const ServiceOptions& options, const ServiceFolders& folders,
                                 const Platform& platform) {
   auto edits = LocalEdits::open(folders.editDatabase(), *tree_, platform.clock, platform.random);
@@ -185,7 +196,8 @@ Result<void> Service::openEdits(const ServiceOptions& options, const ServiceFold
                         .tree = *tree_,
                         .errors = errors_,
                         .clock = platform.clock,
-                        .temporaryNames = options.localOnly ? TemporaryNames(*options.localOnly) : TemporaryNames()});
+                        .temporaryNames = options.localOnly ? TemporaryNames(*options.localOnly) : TemporaryNames(),
+                        .notices = notices_});
   return {};
 }
 

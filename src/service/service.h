@@ -10,6 +10,7 @@
 #include "base/mutex.h"
 #include "fileprovider/domain.h"
 #include "fileprovider/replicated_extension.h"
+#include "platform/desktop_notices.h"
 #include "platform/picture_scaler.h"
 #include "platform/platform.h"
 #include "service/contents/cache_limiter.h"
@@ -26,6 +27,7 @@
 #include "service/listing/folder_listing.h"
 #include "service/manager/service_manager.h"
 #include "service/mount/mount.h"
+#include "service/notices/notices.h"
 #include "service/replica/replica.h"
 #include "service/replica/tree.h"
 #include "service/service_folders.h"
@@ -40,8 +42,9 @@ struct ServiceOptions {
   // Patterns of new files that stay here; see ServiceSettings.
   std::optional<std::vector<std::string>> localOnly = {};
   CacheLimits cache = {};
-  bool thumbnails = true;          // for file managers
-  bool thumbnailFailures = false;  // also where there are none
+  bool thumbnails = true;                        // for file managers
+  bool thumbnailFailures = false;                // also where there are none
+  std::shared_ptr<DesktopNotices> desktop = {};  // null: the user is told nothing there
 };
 
 // The file-provider service of one account: the tree, the contents, what programs change and its way to the server, the
@@ -76,6 +79,7 @@ class Service {
 
   Service() = default;
   void limitContents(const CacheLimits& limits, Files& files);
+  void tellOnDesktop(const ServiceOptions& options, const Platform& platform);
   // What programs change, also for a folder that is for reading alone: what is left of earlier runs still goes up.
   Result<void> openEdits(const ServiceOptions& options, const ServiceFolders& folders, const Platform& platform);
   void makeThumbnails(const ServiceOptions& options, const ServiceFolders& folders, const Platform& platform);
@@ -90,6 +94,7 @@ class Service {
   std::shared_ptr<CacheLimiter> limiter_;
   std::shared_ptr<LocalEdits> edits_;
   std::shared_ptr<EditedContents> edited_;
+  std::shared_ptr<Notices> notices_;  // null when the user is to be told nothing
   std::shared_ptr<EditSender> sender_;
   std::shared_ptr<FolderListing> listing_;
   std::shared_ptr<Keeper> keeper_;

@@ -87,6 +87,10 @@ Result<ServiceSettings> ServiceSettings::load(const std::string& path, const std
     if (!value->is_bool()) return failure(invalid(path, "\"thumbnail_failures\" must be true or false"));
     settings.thumbnailFailures = value->get_bool();
   }
+  if (const auto* value = json::find(*object, "notices")) {
+    if (!value->is_bool()) return failure(invalid(path, "\"notices\" must be true or false"));
+    settings.notices = value->get_bool();
+  }
   return settings;
 }
 

@@ -15,6 +15,7 @@ namespace vondle {
 //   "name"       text    what file managers call the account ("Vondle")
 //   "local_only" texts   patterns of names (*, ?, [a-z]) of new files that stay on this machine; in place of those that
 //                        TemporaryNames has
+//   "notices"    boolean tell on the desktop when the account is full, the key refused or a file kept twice (true)
 //   "thumbnails" boolean give the server's thumbnails to file managers (true)
 //   "thumbnail_failures" boolean also write down there which files have none (false)
 //   "cache_limit"        what downloaded files may take, but for those that are to be kept downloaded (10 GiB)
@@ -30,6 +31,7 @@ struct ServiceSettings {
   CacheLimits cache;
   bool thumbnails = true;
   bool thumbnailFailures = false;
+  bool notices = true;
 
   // A file that cannot be read, is not a JSON object, or gives a key another type is an error that names the file and
   // the key: a setting that is silently not obeyed would be worse.

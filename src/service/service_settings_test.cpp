@@ -38,13 +38,14 @@ TEST_F(ServiceSettingsTest, NoFileGivesTheDefaults) {
   EXPECT_EQ(settings->cache.reserve, std::nullopt);
   EXPECT_TRUE(settings->thumbnails);
   EXPECT_FALSE(settings->thumbnailFailures);
+  EXPECT_TRUE(settings->notices);
 }
 
 TEST_F(ServiceSettingsTest, ReadsEveryKeyAndLeavesOthersAlone) {
   const auto settings = load(R"({"mount": "~/Cloud", "read_only": true, "name": "Work",
                                    "local_only": ["*.part", "~*"], "cache_limit": "1.5 GiB", "disk_reserve": 0,
                                    "thumbnails": false, "thumbnail_failures": true,
-                                   "later": [1]})");
+                                   "notices": false, "later": [1]})");
   ASSERT_TRUE(settings);
   EXPECT_EQ(settings->mount, "/home/ann/Cloud");
   EXPECT_TRUE(settings->readOnly);
@@ -55,6 +56,7 @@ TEST_F(ServiceSettingsTest, ReadsEveryKeyAndLeavesOthersAlone) {
   EXPECT_EQ(load(R"({"cache_limit": 5368709120})")->cache.limit, 5 * GIBIBYTE);
   EXPECT_FALSE(settings->thumbnails);
   EXPECT_TRUE(settings->thumbnailFailures);
+  EXPECT_FALSE(settings->notices);
 }
 
 TEST_F(ServiceSettingsTest, ASettingThatCannotBeObeyedIsAnErrorThatNamesIt) {
@@ -69,6 +71,7 @@ TEST_F(ServiceSettingsTest, ASettingThatCannotBeObeyedIsAnErrorThatNamesIt) {
                {R"({"mount": "Cloud"})", "\"mount\""},
                {R"({"read_only": "yes"})", "\"read_only\""},
                {R"({"read_only": 1})", "\"read_only\""},
+               {R"({"notices": "no"})", "\"notices\""},
                {R"({"name": null})", "\"name\""},
                {R"({"local_only": "*.part"})", "\"local_only\""},
                {R"({"local_only": [""]})", "\"local_only\""},

@@ -205,6 +205,7 @@ void EditSender::ended(SendResult result) {
 void EditSender::failed(const SendResult& result) {
   const auto& sent = result.sent;
   const auto now = parts_.clock.now();
+  if (parts_.notices) parts_.notices->failed(*result.error, sent.id);
   std::optional<Timestamp> nextTry;
   if (sendFailureOf(*result.error) == SendFailure::outOfReach) {
     std::uint64_t number = 0;
@@ -258,12 +259,14 @@ void EditSender::noteOutage(std::uint64_t numberAtStart, const Error& error) {
 }
 
 void EditSender::noteServerAnswered() {
+  if (parts_.notices) parts_.notices->answered();
   const MutexLock hold(lock_);
   facts_.outage.reset();
 }
 
 void EditSender::noteClash(const SendResult& result) {
   LOG.log("“%{public}@” was changed on the server too; both are kept", result.sent.place.name);
+  if (parts_.notices) parts_.notices->conflicted(result.sent.place.name);
   if (result.inode != 0) {
     parts_.errors.note(
         result.inode,
@@ -308,6 +311,7 @@ std::size_t EditSender::runningCount() const {
 // `pending` is ordered.
 void EditSender::forgetThoseThatWent(const std::vector<Edit>& pending) {
   const auto hasGone = [&](EditID id) { return !std::ranges::binary_search(pending, id, {}, &Edit::id); };
+  if (parts_.notices) parts_.notices->went(hasGone);
   const MutexLock hold(lock_);
   std::erase_if(facts_.delayed, hasGone);
   std::erase_if(facts_.restUntil, [&](const auto& each) { return hasGone(each.first); });

@@ -18,6 +18,7 @@
 #include "service/edits/send_plan.h"
 #include "service/edits/temporary_names.h"
 #include "service/last_errors.h"
+#include "service/notices/notices.h"
 
 namespace vondle {
 
@@ -48,6 +49,7 @@ class EditSender : public std::enable_shared_from_this<EditSender> {
     LastErrors& errors;
     const Clock& clock;
     TemporaryNames temporaryNames;
+    std::shared_ptr<Notices> notices = nullptr;  // null: the user is not told
   };
 
   struct Report {

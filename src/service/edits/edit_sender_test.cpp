@@ -21,6 +21,7 @@
 #include "service/listing/folder_listing.h"
 #include "testing/captured_log.h"
 #include "testing/fake_extension.h"
+#include "testing/simulated_desktop_notices.h"
 #include "testing/simulated_random.h"
 #include "testing/virtual_scheduler.h"
 
@@ -79,7 +80,8 @@ class EditSenderTest : public testing::Test {
                                 .tree = *tree_,
                                 .errors = errors_,
                                 .clock = scheduler_,
-                                .temporaryNames = TemporaryNames()});
+                                .temporaryNames = TemporaryNames(),
+                                .notices = std::make_shared<Notices>(desktop_, "Vondle", scheduler_, scheduler_)});
     sender_->start();
     scheduler_.runUntilIdle();
     list(ROOT);
@@ -229,6 +231,7 @@ class EditSenderTest : public testing::Test {
   SimulatedRandom random_;
   LastErrors errors_;
   CapturedLog log_;
+  std::shared_ptr<SimulatedDesktopNotices> desktop_ = std::make_shared<SimulatedDesktopNotices>();
   std::unique_ptr<FakeExtension> extension_;
   std::unique_ptr<Replica> replica_;
   std::unique_ptr<Tree> tree_;
@@ -580,9 +583,12 @@ TEST_F(EditSenderTest, AFailureIsTriedAgainWithGrowingDelaysForEver) {
   scheduler_.runUntilIdle();
   EXPECT_EQ(edits_->pending()[0].attempts, 12);
   EXPECT_EQ(sender_->report()[0].state, SendState::waitingToRetry);
+  EXPECT_THAT(desktop_->shown, ElementsAre("Vondle is full."));
+  EXPECT_EQ(desktop_->visible.size(), 1U);
   extension_->failChanges(std::nullopt);
   scheduler_.advance(seconds(301));
   EXPECT_THAT(server(), ElementsAre("a.txt=x"));
+  EXPECT_THAT(desktop_->visible, IsEmpty());
 }
 
 TEST_F(EditSenderTest, TheDelaysAreFiveSecondsDoubledUpToFiveMinutes) {
@@ -938,6 +944,8 @@ TEST_F(EditSenderTest, ContentsThatClashAreKeptBesideAndSeenAtOnce) {
   ASSERT_TRUE(errors_.of(at("a.txt")));
   EXPECT_THAT(errors_.of(at("a.txt"))->error.description, HasSubstr("conflicted copy"));
   EXPECT_EQ(contents_->current(at("a.txt")), nullptr) << "ours is no copy of theirs";
+  scheduler_.advance(Notices::GATHER_TIME);
+  EXPECT_THAT(desktop_->shown, ElementsAre(HasSubstr("“a.txt” was changed on the server too")));
 }
 
 TEST_F(EditSenderTest, NewContentsWhoseAnswerWasLostDoNotClashWithThemselves) {

@@ -248,6 +248,7 @@ void Follower::finishRun(std::optional<Error> error) {
     status.lastError = error;
     if (!error) status.lastSuccess = clock_.now();
   });
+  if (heard_) heard_(error);
   for (auto& completion : std::exchange(waitingForThis_, {})) std::move(completion)(error);
   if (again_ || !waiting_.empty()) return beginRun();
   if (error) return scheduleNext(retry_);

@@ -53,6 +53,8 @@ class Follower : public std::enable_shared_from_this<Follower> {
   Follower(ReplicatedExtension& extension, Tree& tree, Scheduler& scheduler, const Clock& clock, Files& files,
            std::string anchorPath, std::function<MonotonicTime()> lastUse);
 
+  // Hears how each run ended; before start.
+  void onRun(std::function<void(const std::optional<Error>&)> heard) { heard_ = std::move(heard); }
   // The first run; once.
   void start();
   // News is there: reads soon.
@@ -90,6 +92,7 @@ class Follower : public std::enable_shared_from_this<Follower> {
   Files& files_;
   const std::string anchorPath_;
   const std::function<MonotonicTime()> lastUse_;
+  std::function<void(const std::optional<Error>&)> heard_;
   const std::shared_ptr<Queue> queue_;
 
   // Used on the queue alone.
