@@ -81,6 +81,19 @@ expect 'rsync finds nothing to do the second time' copies_nothing
 expect 'what git keeps is sound' in_git fsck --full --strict
 expect 'the server has every byte of what was changed here' server_has_it_all
 
+# The desktop's trash.
+TRASH=$MOUNT/.Trash-$(id -u)
+server_trash_has() { in_world vondle trash list --json | grep -qF "\"$1\""; }
+mv "$MOUNT/Copied notes" "$TRASH/files/"
+expect 'what is moved to the trash is there at once' test -e "$TRASH/files/Copied notes"
+expect 'and tells where it was' grep -qx 'Path=Copied%20notes' "$TRASH/info/Copied notes.trashinfo"
+sync_now
+expect 'the server has it in its trash' server_trash_has 'Copied notes'
+expect 'and nowhere else' server_has_it_all
+mv "$TRASH/files/Copied notes" "$MOUNT/Copied notes"
+expect 'it comes back with everything in it' test "$(ls "$MOUNT/Copied notes" | wc -l)" = 300
+expect 'on the server, too' server_has_it_all
+
 stop_storage
 expect 'without the server, what is here is still read' contents_are Welcome.txt 'Changed elsewhere.'
 expect 'without the server, known folders are still listed' test "$(ls "$MOUNT/Notes" | wc -l)" = 298

@@ -34,7 +34,7 @@ Outcome<void> checkNothingIsLost(const CommandContext& context) {
   for (std::size_t i = 0; i < std::min(edits.size(), MAX_NAMED); ++i) {
     const auto& edit = edits[i];
     context.console.say(
-        fmt::format("not on the server yet: {}{}", edit.place.name, edit.fields & EDIT_DELETED ? " (deleted)" : ""));
+        fmt::format("not on the server yet: {}{}", edit.place.name, isHidden(edit.fields) ? " (deleted)" : ""));
   }
   return fail(ExitCode::workLeft,
               fmt::format("{} would be lost; send them with \"vondle mount\" and \"vondle sync --wait\", or give them "

@@ -83,6 +83,8 @@ struct Item {
   ContentPolicy contentPolicy = ContentPolicy::inherited;
   ItemVersion itemVersion;
   std::optional<std::vector<std::string>> decorations;
+  // Of what lies in the trash: where restoring would put it, below the root; absent when that is not known.
+  std::optional<std::string> restorePath;
 
   [[nodiscard]] bool isFolder() const;
 };

@@ -89,6 +89,10 @@ std::optional<std::vector<std::string>> VondleItem::decorations() const {
   return std::vector{std::string(SHARED_DECORATION)};
 }
 
+std::optional<std::string> VondleItem::restorePath() const {
+  return entry_.deleted ? std::optional(entry_.path) : std::nullopt;
+}
+
 Item VondleItem::item() const {
   return {.itemIdentifier = itemIdentifier(),
           .parentItemIdentifier = parentItemIdentifier(),
@@ -104,7 +108,8 @@ Item VondleItem::item() const {
           .contentModificationDate = contentModificationDate(),
           .contentPolicy = contentPolicy(),
           .itemVersion = itemVersion(),
-          .decorations = decorations()};
+          .decorations = decorations(),
+          .restorePath = restorePath()};
 }
 
 std::vector<Item> makeItems(std::vector<Entry> entries, Pins& pins) {

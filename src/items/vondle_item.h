@@ -39,6 +39,7 @@ class VondleItem {
   [[nodiscard]] ContentPolicy contentPolicy() const;
   [[nodiscard]] ItemVersion itemVersion() const;
   [[nodiscard]] std::optional<std::vector<std::string>> decorations() const;
+  [[nodiscard]] std::optional<std::string> restorePath() const;
 
   // All of them.
   [[nodiscard]] Item item() const;

@@ -123,6 +123,14 @@ TEST_F(VondleItemTest, ShowsSharingForFoldersOnly) {
   }
 }
 
+TEST_F(VondleItemTest, TellsWhereRestoringPutsItOnlyInTheTrash) {
+  Entry made = entry("7", "a");
+  made.path = "docs/a";
+  EXPECT_EQ(item(made).restorePath, std::nullopt);
+  made.deleted = true;
+  EXPECT_EQ(item(made).restorePath, "docs/a");
+}
+
 TEST_F(VondleItemTest, HasDatesOnlyAfterTheEpoch) {
   const struct {
     double seconds;

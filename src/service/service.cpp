@@ -109,7 +109,9 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
                                                        .contents = service->contents_,
                                                        .scheduler = platform.scheduler}](
                                 Inode inode, KeepAction::Kind kind,
-                                auto completion) { KeepAction::start(parts, kind, inode, std::move(completion)); }},
+                                auto completion) { KeepAction::start(parts, kind, inode, std::move(completion)); },
+                    .extension = service->extension_.get(),
+                    .sendNow = [sender = service->sender_] { sender->sendNow(); }},
                    *service->tree_, *service->listing_, *service->contents_, platform.scheduler, platform.clock,
                    {.edits = service->edits_, .contents = service->edited_});
   if (!mount) return failure(mount.error());

@@ -43,8 +43,7 @@ class FakeExtension::FolderEnumerator final : public Enumerator {
       : extension_(extension), container_(std::move(container)) {}
 
   void enumerateItems(std::shared_ptr<EnumerationObserver> observer, Page startingAt) override {
-    extension_.giveOrHold([&extension = extension_, container = container_, observer = std::move(observer),
-                           page = std::move(startingAt)] { extension.list(container, observer, page); });
+    extension_.giveListing(container_, std::move(observer), std::move(startingAt));
   }
   void enumerateChanges(std::shared_ptr<ChangeObserver> observer, SyncAnchor from) override {
     observer->finishEnumeratingChangesUpToSyncAnchor(std::move(from), false);
@@ -149,6 +148,28 @@ void FakeExtension::loseNextAnswer(Error error) {
   lostAnswer_ = std::move(error);
 }
 
+void FakeExtension::trashWholeFolders() {
+  MutexLock hold(lock_);
+  trashesWholeFolders_ = true;
+}
+
+std::vector<std::string> FakeExtension::trash() const {
+  MutexLock hold(lock_);
+  std::vector<std::string> names;
+  for (const auto& [identifier, stored] : items_)
+    if (stored.item.parentItemIdentifier == TRASH_CONTAINER) names.push_back(stored.item.filename);
+  std::ranges::sort(names);
+  return names;
+}
+
+std::string FakeExtension::pathOf(const Item& item) const {
+  auto path = item.filename;
+  for (auto found = items_.find(item.parentItemIdentifier.text); found != items_.end();
+       found = items_.find(found->second.item.parentItemIdentifier.text))
+    path = found->second.item.filename + "/" + path;
+  return path;
+}
+
 void FakeExtension::cutContents(bool cut) {
   MutexLock hold(lock_);
   cutContents_ = cut;
@@ -169,10 +190,15 @@ void FakeExtension::holdActions() {
   isHoldingActions_ = true;
 }
 
+void FakeExtension::holdListings() {
+  MutexLock hold(lock_);
+  isHoldingListings_ = true;
+}
+
 void FakeExtension::letAnswersGo() {
   {
     MutexLock hold(lock_);
-    isHolding_ = isHoldingActions_ = false;
+    isHolding_ = isHoldingActions_ = isHoldingListings_ = false;
   }
   while (letOneGo()) {
   }
@@ -298,7 +324,24 @@ std::shared_ptr<Enumerator> FakeExtension::enumeratorForContainer(ItemIdentifier
   return std::make_shared<FolderEnumerator>(*this, std::move(container.text));
 }
 
-void FakeExtension::list(const std::string& container, const std::shared_ptr<EnumerationObserver>& observer,
+void FakeExtension::giveListing(std::string container, std::shared_ptr<EnumerationObserver> observer, Page page) {
+  bool isHeld = false;
+  {
+    MutexLock hold(lock_);
+    isHeld = isHoldingListings_;
+  }
+  if (!isHeld) {
+    giveOrHold([this, container = std::move(container), observer = std::move(observer), page = std::move(page)] {
+      list(container, observer, page)();
+    });
+    return;
+  }
+  auto answer = list(container, std::move(observer), page);
+  MutexLock hold(lock_);
+  held_.push_back({++lastNumber_, std::move(answer)});
+}
+
+Task FakeExtension::list(const std::string& container, std::shared_ptr<EnumerationObserver> observer,
                          const Page& page) {
   std::vector<Item> items;
   std::optional<Error> error;
@@ -317,9 +360,12 @@ void FakeExtension::list(const std::string& container, const std::shared_ptr<Enu
                items.begin() + static_cast<std::ptrdiff_t>(std::min(start + pageSize_, items.size()))};
     }
   }
-  if (error) return observer->finishEnumeratingWithError(std::move(*error));
-  observer->didEnumerateItems(std::move(items));
-  observer->finishEnumeratingUpToPage(std::move(next));
+  return [observer = std::move(observer), error = std::move(error), items = std::move(items),
+          next = std::move(next)]() mutable {
+    if (error) return observer->finishEnumeratingWithError(std::move(*error));
+    observer->didEnumerateItems(std::move(items));
+    observer->finishEnumeratingUpToPage(std::move(next));
+  };
 }
 
 std::shared_ptr<Progress> FakeExtension::fetchContents(ItemIdentifier identifier, std::optional<ItemVersion>,
@@ -553,10 +599,20 @@ Result<SavedItem> FakeExtension::place(const Item& item, std::uint32_t fields) {
   if (parent == TRASH_CONTAINER.text) {
     if (stored.parentItemIdentifier == TRASH_CONTAINER) return failure(clash());
     for (const auto& [child, inside] : items_) {
-      if (inside.item.parentItemIdentifier.text == identifier)
+      if (inside.item.parentItemIdentifier.text == identifier && !trashesWholeFolders_)
         mistakes_.push_back("the folder " + stored.filename + " was trashed with " + inside.item.filename + " in it");
     }
+    origins_[identifier] = stored.parentItemIdentifier.text;
+    stored.restorePath = pathOf(stored);
     stored.parentItemIdentifier = TRASH_CONTAINER;
+    return SavedItem{.item = stored};
+  }
+  if (const auto origin = origins_.find(identifier);
+      origin != origins_.end() && stored.parentItemIdentifier == TRASH_CONTAINER) {
+    if (isTaken(origin->second, stored.filename)) return failure(clash());
+    stored.restorePath.reset();
+    stored.parentItemIdentifier.text = origin->second;
+    origins_.erase(origin);
     return SavedItem{.item = stored};
   }
   const auto name = fields & FIELD_FILENAME ? item.filename : stored.filename;

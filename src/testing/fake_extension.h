@@ -52,6 +52,10 @@ class FakeExtension final : public ReplicatedExtension {
   void failNextChanges(int count, Error error) EXCLUDES(lock_);
   // The next change is made, but its answer is the error.
   void loseNextAnswer(Error error) EXCLUDES(lock_);
+  // Folders may go to the trash with what is in them.
+  void trashWholeFolders() EXCLUDES(lock_);
+  // The names of what lies in the trash.
+  [[nodiscard]] std::vector<std::string> trash() const EXCLUDES(lock_);
   // Fetches deliver a file that lacks its last byte.
   void cutContents(bool cut) EXCLUDES(lock_);
   // Runs when a fetch has been decided and before it is answered.
@@ -59,6 +63,8 @@ class FakeExtension final : public ReplicatedExtension {
 
   // Answers are kept from now on; what they say is decided when they are let go.
   void holdAnswers() EXCLUDES(lock_);
+  // The same for listings alone, and what they say is decided when they are asked for.
+  void holdListings() EXCLUDES(lock_);
   // The same for actions, which holdAnswers leaves alone.
   void holdActions() EXCLUDES(lock_);
   // Those kept are given, and later ones come at once.
@@ -117,8 +123,10 @@ class FakeExtension final : public ReplicatedExtension {
   // Gives the answer now, or keeps it; the number takes it back.
   std::uint64_t giveOrHold(Task answer) EXCLUDES(lock_);
   bool takeBack(std::uint64_t number) EXCLUDES(lock_);
-  void list(const std::string& container, const std::shared_ptr<EnumerationObserver>& observer, const Page& page)
+  // The answer as it is now.
+  Task list(const std::string& container, std::shared_ptr<EnumerationObserver> observer, const Page& page)
       EXCLUDES(lock_);
+  void giveListing(std::string container, std::shared_ptr<EnumerationObserver> observer, Page page) EXCLUDES(lock_);
   Result<FetchedContents> contentsOf(const std::string& identifier) EXCLUDES(lock_);
 
   // Gives or holds the answer of a change, which a cancellation takes back.
@@ -133,19 +141,23 @@ class FakeExtension final : public ReplicatedExtension {
   [[nodiscard]] bool isFolder(const std::string& identifier) const REQUIRES(lock_);
   [[nodiscard]] bool isTaken(const std::string& parent, const std::string& name) const REQUIRES(lock_);
   [[nodiscard]] bool isBelow(std::string identifier, const std::string& folder) const REQUIRES(lock_);
+  [[nodiscard]] std::string pathOf(const Item& item) const REQUIRES(lock_);
   [[nodiscard]] std::string nameOf(const std::string& identifier) const EXCLUDES(lock_);
   std::string newIdentifier() REQUIRES(lock_);
 
   const std::string temporaryFolder_;
   mutable Mutex lock_;
   std::map<std::string, Stored> items_ GUARDED_BY(lock_);
-  std::set<std::string> removed_ GUARDED_BY(lock_);  // which cannot be listed
+  std::set<std::string> removed_ GUARDED_BY(lock_);               // which cannot be listed
+  std::map<std::string, std::string> origins_ GUARDED_BY(lock_);  // the folders of what was trashed
+  bool trashesWholeFolders_ GUARDED_BY(lock_) = false;
   std::map<std::string, int> listings_ GUARDED_BY(lock_);
   std::map<std::string, int> fetches_ GUARDED_BY(lock_);
   std::map<std::string, std::string> thumbnails_ GUARDED_BY(lock_);
   std::list<Held> held_ GUARDED_BY(lock_);
   std::uint64_t lastNumber_ GUARDED_BY(lock_) = 0;
   bool isHolding_ GUARDED_BY(lock_) = false;
+  bool isHoldingListings_ GUARDED_BY(lock_) = false;
   bool isHoldingActions_ GUARDED_BY(lock_) = false;
   std::size_t pageSize_ GUARDED_BY(lock_) = 0;
   std::optional<Error> listingError_ GUARDED_BY(lock_);

@@ -119,8 +119,9 @@ std::optional<Error> MountRig::tryToStart() {
           Inode inode, KeepAction::Kind kind, auto completion) {
         KeepAction::start(parts, kind, inode, std::move(completion));
       };
-  auto started = Mount::start({.path = mountPoint_, .keep = std::move(keep)}, *tree, *listing, *contents, *scheduler_,
-                              clock_, {edits, edited});
+  MountOptions options{.path = mountPoint_, .readOnly = isReadOnly_, .keep = std::move(keep)};
+  if (showsTrash_) options.extension = &extension;
+  auto started = Mount::start(options, *tree, *listing, *contents, *scheduler_, clock_, {edits, edited});
   if (started) {
     mount = std::move(*started);
     return std::nullopt;

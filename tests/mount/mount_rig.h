@@ -81,6 +81,9 @@ class MountRig {
 
   // Programs can change the folder from the next start on. What they write lies in `edits` below the scratch folder.
   void makeWritable() { isWritable_ = true; }
+  // The trash is shown from the next start on.
+  void showTrash() { showsTrash_ = true; }
+  void makeReadOnly() { isReadOnly_ = true; }
   // Stops the service and starts it again on the same state.
   void restart();
   void start();
@@ -111,6 +114,8 @@ class MountRig {
   LinuxClock clock_;
   LinuxRandom random_;
   bool isWritable_ = false;
+  bool isReadOnly_ = false;
+  bool showsTrash_ = false;
   std::unique_ptr<AsioScheduler> scheduler_;
   std::unique_ptr<LastErrors> errors_;
   int programs_ = 0;

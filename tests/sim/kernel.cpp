@@ -115,6 +115,10 @@ void FuseRequest::answerRange(int descriptor, std::int64_t, std::int64_t offset,
   channel_->answer(take(), {.bytes = std::move(bytes)});
 }
 
+void FuseRequest::answerBytes(std::string_view bytes) && {
+  channel_->answer(take(), {.bytes = std::string(bytes)});
+}
+
 void FuseRequest::answerWritten(std::size_t bytes) && {
   channel_->answer(take(), {.written = bytes});
 }

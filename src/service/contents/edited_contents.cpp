@@ -619,22 +619,64 @@ void EditedContents::startAll(const std::vector<std::shared_ptr<Claim>>& claims)
 void EditedContents::apply(const std::vector<ReplicaChange>& changes) {
   for (const auto& change : changes) {
     if (change.kind != ReplicaChange::Kind::itemRemoved) continue;
-    std::shared_ptr<EditedFile> file;
+    const auto file = takeOut(change.inode);
+    if (!file) continue;
+    contents_->noteAbandoned(change.inode);
+    if (keepIfNeeded(file)) continue;
     bool isBeingSent = false;
     {
       MutexLock hold(lock_);
-      auto found = files_.extract(change.inode);
-      if (!found) continue;
-      file = std::move(found.mapped());
-      inodes_.erase(file->number());
       isBeingSent = sending_.contains(file->number());
-      count_ = files_.size();
     }
-    contents_->noteAbandoned(change.inode);
     file->markDoneWith();
     if (!isBeingSent) removeLater(file);
   }
   dropUnasked();
+}
+
+std::shared_ptr<EditedFile> EditedContents::takeOut(Inode inode) {
+  MutexLock hold(lock_);
+  auto found = files_.extract(inode);
+  if (!found) return nullptr;
+  inodes_.erase(found.mapped()->number());
+  count_ = files_.size();
+  return std::move(found.mapped());
+}
+
+// The user put it, or a folder above it, into the trash: it still goes up.
+bool EditedContents::keepIfNeeded(const std::shared_ptr<EditedFile>& file) {
+  if (std::ranges::none_of(edits_->pending(), [&](const Edit& edit) { return edit.contents == file->number(); }))
+    return false;
+  MutexLock hold(lock_);
+  hidden_[file->number()] = file;
+  hasHidden_ = true;
+  return true;
+}
+
+std::shared_ptr<EditedFile> EditedContents::findNumber(std::int64_t number) {
+  MutexLock hold(lock_);
+  if (const auto hidden = hidden_.find(number); hidden != hidden_.end()) return hidden->second;
+  const auto found = inodes_.find(number);
+  return found == inodes_.end() ? nullptr : files_.at(found->second);
+}
+
+void EditedContents::dropUnnamed() {
+  std::set<std::int64_t> named;
+  for (const auto& edit : edits_->pending()) named.insert(edit.contents);
+  std::vector<std::shared_ptr<EditedFile>> files;
+  {
+    MutexLock hold(lock_);
+    std::erase_if(hidden_, [&](const auto& hidden) {
+      const bool isNamed = named.contains(hidden.first);
+      if (!isNamed && !sending_.contains(hidden.first)) files.push_back(hidden.second);
+      return !isNamed;
+    });
+    hasHidden_ = !hidden_.empty();
+  }
+  for (const auto& file : files) {
+    file->markDoneWith();
+    removeLater(file);
+  }
 }
 
 void EditedContents::removeLater(const std::shared_ptr<EditedFile>& file) {

@@ -97,6 +97,11 @@ class EditedContents : public std::enable_shared_from_this<EditedContents> {
   // Suspended ones go whose edits were dropped, for nobody will ask after them any more.
   void dropUnasked() EXCLUDES(lock_);
 
+  // Of an edit whose item may be out of sight; null when there is none.
+  [[nodiscard]] std::shared_ptr<EditedFile> findNumber(std::int64_t number) EXCLUDES(lock_);
+  // What was written to items that are out of sight goes when no edit names it any more.
+  void dropUnnamed() EXCLUDES(lock_);
+
   // Called on any thread when the contents of an item are the server's again: with their tag when they are what was
   // here, without it when programs see others from now on.
   using Settled = std::function<void(Inode inode, std::optional<std::uint64_t> tag)>;
@@ -126,6 +131,8 @@ class EditedContents : public std::enable_shared_from_this<EditedContents> {
   Result<std::set<std::int64_t>> readFolder();
   Result<void> openEdits() EXCLUDES(lock_);
   void apply(const std::vector<ReplicaChange>& changes) EXCLUDES(lock_);
+  std::shared_ptr<EditedFile> takeOut(Inode inode) EXCLUDES(lock_);
+  bool keepIfNeeded(const std::shared_ptr<EditedFile>& file) EXCLUDES(lock_);
   [[nodiscard]] std::string pathOf(std::int64_t number) const;
   // Of an item that is shown by now.
   std::shared_ptr<EditedFile> findHidden(Inode inode) EXCLUDES(lock_);
@@ -162,7 +169,7 @@ class EditedContents : public std::enable_shared_from_this<EditedContents> {
   mutable Mutex lock_;
   std::unordered_map<Inode, std::shared_ptr<EditedFile>> files_ GUARDED_BY(lock_);
   std::unordered_map<std::int64_t, Inode> inodes_ GUARDED_BY(lock_);  // of files_, by number
-  // By number: of items that the tree did not show when they were opened.
+  // By number: of items that the tree does not show (yet, or any more).
   std::unordered_map<std::int64_t, std::shared_ptr<EditedFile>> hidden_ GUARDED_BY(lock_);
   std::unordered_map<std::int64_t, Sending> sending_ GUARDED_BY(lock_);  // by number
   std::unordered_map<Inode, std::size_t> writers_ GUARDED_BY(lock_);     // programs that have it open for writing

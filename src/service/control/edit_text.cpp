@@ -34,6 +34,7 @@ std::string_view placedText(const Edit& edit) {
 
 std::string whatText(const Edit& edit) {
   if (edit.fields & EDIT_DELETED) return "deleted";
+  if (edit.fields & EDIT_TRASHED) return "moved to the trash";
   if (edit.fields & EDIT_CREATED) return edit.isFolder ? "new folder" : "new file";
   std::string text = edit.fields & EDIT_CONTENTS ? "new contents" : "";
   if (edit.fields & EDIT_PLACED) {

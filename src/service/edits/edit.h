@@ -21,7 +21,14 @@ enum EditedFields : std::uint32_t {
   EDIT_CONTENTS = 4,  // new contents
   EDIT_DELETED = 8,   // alone: the user sees the item no more. A local one may have been sent before it was deleted:
                       // should it turn out to be on the server, it is to be deleted there.
+  EDIT_TRASHED = 16,  // with any but DELETED: the user put the item into the trash, with all that is in it. He sees it
+                      // there alone; once the server has the rest of what was changed, it goes to the trash there.
 };
+
+// The user does not see the item in its folder.
+[[nodiscard]] inline bool isHidden(std::uint32_t fields) {
+  return (fields & (EDIT_DELETED | EDIT_TRASHED)) != 0;
+}
 
 // A folder and the server name of something in it.
 struct Place {
@@ -52,7 +59,7 @@ struct Edit {
   ItemIdentifier item;
   bool isFolder = false;
   std::uint32_t fields = 0;  // EditedFields
-  // Where the user sees it, or saw it last when it is deleted.
+  // Where the user sees it, or saw it last when it is deleted or trashed.
   Place place;
   // Where the server has it, as far as is known; none for one that it does not know.
   std::optional<Place> serverPlace;

@@ -341,12 +341,18 @@ std::vector<QueuedEdit> EditSender::queued(std::vector<Edit> edits, const Facts&
   return result;
 }
 
+// In the trash there are no temporary files: what was put there is to be had again, from any machine.
+std::optional<Duration> EditSender::stayOf(const Edit& edit) const {
+  if (edit.fields & EDIT_TRASHED || parts_.services.edits->inodeOf(edit.id) == 0) return std::nullopt;
+  return parts_.temporaryNames.stay(edit.place.name);
+}
+
 SendTime EditSender::timeOf(const Edit& edit, const Facts& facts, Timestamp now) const {
   const auto settleTime = facts.isDraining || edit.changedAt <= facts.hurriedAt ? Duration(0) : SETTLE_TIME;
   SendTimeFacts times{.now = now,
                       .settleTime = settleTime,
                       .busyUntil = {},
-                      .stay = parts_.temporaryNames.stay(edit.place.name),
+                      .stay = stayOf(edit),
                       .isDelayed = facts.delayed.contains(edit.id),
                       .lastRetry = LAST_RETRY};
   if (hasContentsToSend(edit)) {

@@ -127,6 +127,7 @@ class EditSender : public std::enable_shared_from_this<EditSender> {
   [[nodiscard]] Facts facts() const EXCLUDES(lock_);
   [[nodiscard]] std::size_t runningCount() const EXCLUDES(lock_);
   [[nodiscard]] std::vector<QueuedEdit> queued(std::vector<Edit> edits, const Facts& facts) const;
+  [[nodiscard]] std::optional<Duration> stayOf(const Edit& edit) const;
   [[nodiscard]] SendTime timeOf(const Edit& edit, const Facts& facts, Timestamp now) const;
   [[nodiscard]] std::size_t capacity(const Facts& facts) const;
   [[nodiscard]] std::optional<ItemIdentifier> parentOf(const ItemIdentifier& item) const;

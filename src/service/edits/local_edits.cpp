@@ -299,6 +299,82 @@ Result<void> LocalEdits::remove(Inode folder, const std::string& name, bool isFo
   return commit(plan);
 }
 
+void LocalEdits::trash(Inode folder, std::string name, Completion<Result<Edit>> completion) {
+  perform(std::move(completion),
+          [folder, name = std::move(name)](LocalEdits& self) { return self.moveToTrash(folder, name); });
+}
+
+Result<Edit> LocalEdits::moveToTrash(Inode folder, const std::string& name) {
+  const auto item = replica_.lookup(folder, name);
+  if (!item) return refused(ENOENT);
+  if (!allows(*item, ALLOWS_TRASHING)) return refused(EACCES);
+  Edit edit = editFor(*item);
+  edit.fields |= EDIT_TRASHED;
+  noteChange(edit);
+  auto kept = isCreated(edit) ? Result<Item>(Item()) : replica_.keptItem(item->inode);
+  Plan plan;
+  plan.gone.push_back(item->inode);
+  plan.edits.edits.push_back(edit);
+  if (auto done = commit(plan); !done) return failure(done.error());
+  if (kept && !isCreated(edit)) trashed_.insert_or_assign(edit.id, std::move(*kept));
+  return edit;
+}
+
+void LocalEdits::untrash(EditID id, std::optional<Item> item, Completion<Result<Inode>> completion) {
+  perform(std::move(completion),
+          [id, item = std::move(item)](LocalEdits& self) mutable { return self.takeFromTrash(id, std::move(item)); });
+}
+
+Result<Inode> LocalEdits::takeFromTrash(EditID id, std::optional<Item> item) {
+  auto edit = find(id);
+  if (!edit || !(edit->fields & EDIT_TRASHED)) return refused(ENOENT);
+  if (replica_.isSending(id)) return refused(EBUSY);
+  if (const auto known = trashed_.find(id); known != trashed_.end()) item = known->second;
+  if (!isCreated(*edit) && !item) return refused(ENODATA);
+  edit->fields &= ~EDIT_TRASHED;
+  noteChange(*edit);
+  if (item && edit->serverPlace) {
+    item->parentItemIdentifier = edit->serverPlace->folder;
+    item->filename = edit->serverPlace->name;
+  }
+  apply(
+      [&](TreeEdit& tree) {
+        edit->fields == 0 ? tree.dropEdit(id) : tree.putEdit(*edit);
+        isCreated(*edit) ? static_cast<void>(tree.show(id, true)) : tree.takeUpdate(*item);
+      },
+      Replica::FirstWritten::tree);
+  trashed_.erase(id);
+  return replica_.inodeOf(edit->item).value_or(0);
+}
+
+void LocalEdits::purgeTrashed(EditID id, Done completion) {
+  perform(std::move(completion), [id](LocalEdits& self) { return self.dropFromTrash(id); });
+}
+
+// With everything new in it. What the server has elsewhere and was moved there goes to the trash of itself.
+Result<void> LocalEdits::dropFromTrash(EditID id) {
+  const auto top = find(id);
+  if (!top || !(top->fields & EDIT_TRASHED)) return refused(ENOENT);
+  EditBatch batch;
+  for (std::vector<Edit> left{*top}; !left.empty();) {
+    Edit edit = std::move(left.back());
+    left.pop_back();
+    if (edit.id != id && !isCreated(edit)) {
+      edit.fields = (edit.fields & EDIT_CONTENTS) | EDIT_TRASHED;
+      edit.place = edit.serverPlace.value_or(edit.place);
+      noteChange(edit);
+      batch.edits.push_back(std::move(edit));
+      continue;
+    }
+    if (!isCreated(edit) || mayBeOnServer(edit)) return refused(EBUSY);
+    batch.removals.push_back(edit.id);
+    if (edit.isFolder) std::ranges::move(replica_.editsPlacedIn(edit.item), std::back_inserter(left));
+  }
+  if (auto written = write(batch); !written) return written;
+  apply([&](TreeEdit& tree) { tree.takeWritten(batch); });
+  return {};
+}
+
 // The item goes. A new file that stands where the server has the item takes its identity over: for the server it is the
 // same item with new contents.
 void LocalEdits::planDeletion(Plan& plan, const ItemAttributes& item) {
@@ -306,6 +382,7 @@ void LocalEdits::planDeletion(Plan& plan, const ItemAttributes& item) {
   plan.gone.push_back(item.inode);
   if (isCreated(edit) && !mayBeOnServer(edit)) {
     plan.edits.removals.push_back(edit.id);
+    if (edit.isFolder) planMovesUp(plan, edit);
     return;
   }
   if (!isCreated(edit) && !item.isFolder && edit.serverPlace)
@@ -316,6 +393,14 @@ void LocalEdits::planDeletion(Plan& plan, const ItemAttributes& item) {
   edit.contents = 0;
   noteChange(edit);
   plan.edits.edits.push_back(std::move(edit));
+}
+
+// What was trashed from a new folder before that goes itself would have been made in it.
+void LocalEdits::planMovesUp(Plan& plan, const Edit& folder) const {
+  for (Edit& edit : replica_.editsPlacedIn(folder.item)) {
+    edit.place.folder = folder.place.folder;
+    plan.edits.edits.push_back(std::move(edit));
+  }
 }
 
 // `former` is of the item that goes or has gone; the heir is a new file, whose contents it gets, at the place.
@@ -601,7 +686,7 @@ std::int64_t LocalEdits::settleEdit(TreeEdit& tree, Edit edit, const Edit& sent,
   edit.serverPlace = serverPlace;
   // What has been put in the trash meanwhile stays in sight, when it is to be made anew.
   if (!isPlaced && serverPlace.folder != TRASH_CONTAINER) edit.place = serverPlace;
-  edit.fields = (isPlaced ? EDIT_PLACED : 0U) | (areContentsLeft ? EDIT_CONTENTS : 0U);
+  edit.fields = (isPlaced ? EDIT_PLACED : 0U) | (areContentsLeft ? EDIT_CONTENTS : 0U) | (edit.fields & EDIT_TRASHED);
   if (!areContentsLeft) edit.contents = 0;
   // When others stand there by now, newer ones of ours are still a change of what the user saw then: of nothing that
   // the server has, for a new file.
@@ -679,6 +764,7 @@ void LocalEdits::deleted(const Edit& sent, Done completion) {
     if (isLocal(sent.item)) return {};
     self.replica_.noteNews({}, {sent.item});
     self.apply([&](TreeEdit& tree) { tree.takeDeletion(sent.item); });
+    self.trashed_.erase(sent.id);
     return {};
   });
 }

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "base/completion.h"
@@ -50,6 +51,16 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
   void removeFile(Inode folder, std::string name, Done completion);
   // ENOTEMPTY unless it is listed and empty.
   void removeFolder(Inode folder, std::string name, Done completion);
+  // The item goes to the trash, a folder with all that is in it. What of it the server does not have yet goes up
+  // before.
+  void trash(Inode folder, std::string name, Completion<Result<Edit>> completion);
+  // What trash put into the queue is undone, and the item shows up where it was. EBUSY while it is on its way to the
+  // server. `item` is what the server says of it, needed only after a start in between: ENODATA without. Answers 0 when
+  // its folder is not listed and the item does not show up before that.
+  void untrash(EditID id, std::optional<Item> item, Completion<Result<Inode>> completion);
+  // What trash put into the queue and the server has never seen is gone for good. EBUSY when the server may have some
+  // of it.
+  void purgeTrashed(EditID id, Done completion);
   // The item's contents are the private file of this number from now on, and no longer what they were. It was made from
   // the contents with the tag: ESTALE, and nothing done, when the item has others by now. None: from nothing.
   // `isWanted` is asked right before it is recorded: ECANCELED, and nothing done, when it is not any more.
@@ -153,6 +164,9 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
   Result<void> moveTo(const ItemAttributes& item, const std::string& fromName, const ItemAttributes& toFolder,
                       const std::string& toName, bool mayReplace);
   Result<void> remove(Inode folder, const std::string& name, bool isFolder);
+  Result<Edit> moveToTrash(Inode folder, const std::string& name);
+  Result<Inode> takeFromTrash(EditID id, std::optional<Item> item);
+  Result<void> dropFromTrash(EditID id);
   Result<void> changeContents(Inode inode, std::int64_t contents, std::optional<std::uint64_t> madeFrom);
   void noteContents(const Edit& edit);
   Result<ItemAttributes> setAttributes(Inode inode, const std::function<void(LocalAttributes&)>& set);
@@ -176,6 +190,7 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
   [[nodiscard]] std::optional<Edit> heritageAt(const Place& place) const;
   [[nodiscard]] std::optional<Inode> heirAt(const Place& place, Inode except) const;
   void planDeletion(Plan& plan, const ItemAttributes& item);
+  void planMovesUp(Plan& plan, const Edit& folder) const;
   void planHeritage(Plan& plan, Edit former, Inode heir, const Place& place);
   [[nodiscard]] std::string nameAside(const Edit& edit) const;
 
@@ -187,7 +202,8 @@ class LocalEdits : public std::enable_shared_from_this<LocalEdits> {
 
   // Used on the tree's queue.
   EditStore store_;
-  std::vector<EditBatch> unwritten_;  // what news made of edits and could not be written yet
+  std::unordered_map<EditID, Item> trashed_;  // what the server said of what was trashed since the start
+  std::vector<EditBatch> unwritten_;          // what news made of edits and could not be written yet
   bool isOwnChange_ = false;
   bool isSyncDue_ = false;
   std::vector<Done> waitingForSync_;

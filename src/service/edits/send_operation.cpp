@@ -79,9 +79,13 @@ void SendOperation::begun(std::optional<Edit> edit) {
     return finish(Ending::changed);
   }
   if (mayBeThere()) return findOut();
-  if (task_.step == SendStep::remove) return edit_.isFolder ? listFolder() : moveToTrash();
+  if (task_.step == SendStep::remove) return goesAlone() ? listFolder() : moveToTrash();
   if (task_.isAside) edit_.place.name = asideName(edit_);
   begin();
+}
+
+bool SendOperation::goesAlone() const {
+  return edit_.isFolder && edit_.fields & EDIT_DELETED;
 }
 
 // Where the place alone was sent, sending it again does no harm.
@@ -292,7 +296,7 @@ void SendOperation::folderListed(Result<std::vector<Item>> inFolder) {
   const auto pending = services_.edits->pending();
   const bool isOurs = std::ranges::all_of(*inFolder, [&](const Item& item) {
     return std::ranges::any_of(pending, [&](const Edit& edit) {
-      return edit.item == item.itemIdentifier && edit.fields & (EDIT_DELETED | EDIT_PLACED);
+      return edit.item == item.itemIdentifier && edit.fields & (EDIT_DELETED | EDIT_TRASHED | EDIT_PLACED);
     });
   });
   if (isOurs) {
@@ -336,7 +340,7 @@ void SendOperation::serverChecked(Error error, std::optional<Error> serverError)
 void SendOperation::itemChecked(Error error, const Result<Item>& item) {
   if (item && item->parentItemIdentifier == TRASH_CONTAINER) return gone();
   // It may be told from memory: a folder that could not be listed may have gone with one above it.
-  const bool isListingRefused = task_.step == SendStep::remove && edit_.isFolder;
+  const bool isListingRefused = task_.step == SendStep::remove && goesAlone();
   if (item && task_.step == SendStep::place && edit_.place.folder != ROOT_CONTAINER)
     return lookForTarget(std::move(error));
   if (item ? !isListingRefused : sendFailureOf(item.error()) != SendFailure::noSuchItem)

@@ -60,7 +60,8 @@ struct SendResult {
 //   the same contents, is the one that was to be made. Anything else keeps the name, and ours gets another.
 // - A folder that cannot go where it is to go because the server has that below it stays where the server has it.
 // - Deleting means moving to the trash, never more: what somebody else has put there meanwhile stays there. A folder is
-//   deleted when the server lists nothing in it; what the user has never seen is not taken along.
+//   deleted when the server lists nothing in it; what the user has never seen is not taken along. One that the user put
+//   into the trash goes with all that is in it.
 class SendOperation : public std::enable_shared_from_this<SendOperation> {
  public:
   SendOperation(const SendServices& services, std::shared_ptr<Queue> queue, SendTask task,
@@ -78,6 +79,8 @@ class SendOperation : public std::enable_shared_from_this<SendOperation> {
   void begun(std::optional<Edit> edit);
   bool freeze();
 
+  // A deleted folder: not what others have put in it.
+  [[nodiscard]] bool goesAlone() const;
   [[nodiscard]] bool mayBeThere() const;
   void findOut();
   void found(Result<std::vector<Item>> found);

@@ -65,9 +65,11 @@ class Planner {
   void note(Index i) {
     byItem_[edit(i).item.text] = i;
     if (const auto& place = edit(i).serverPlace) {
-      if (edit(i).fields & (EDIT_PLACED | EDIT_DELETED)) holders_[*place] = i;
+      if (edit(i).fields & (EDIT_PLACED | EDIT_DELETED | EDIT_TRASHED)) holders_[*place] = i;
       inFolder_[place->folder.text].push_back(i);
     }
+    // On its way to the trash it stands where it was made; of several the first, for which none of them waits.
+    if (edit(i).fields & EDIT_TRASHED && edit(i).fields & EDIT_CREATED) holders_.try_emplace(edit(i).place, i);
     // It may have arrived there.
     if (const auto& attempt = edit(i).attempt; attempt && isLocal(edit(i).item)) {
       if (edit(i).fields & EDIT_DELETED || attempt->place != edit(i).place) holders_[attempt->place] = i;
@@ -100,9 +102,38 @@ class Planner {
   }
 
   void findInFolder(Index i) {
+    if (edit(i).isFolder && edit(i).fields & EDIT_TRASHED) return findBelow(i);
     const auto found = inFolder_.find(edit(i).item.text);
     if (!edit(i).isFolder || found == inFolder_.end()) return;
     std::ranges::copy_if(found->second, std::back_inserter(blockers_[i]), [&](Index other) { return other != i; });
+  }
+
+  // Whatever is below it, and whatever is in folders of which nothing is known any more, for they may have been below
+  // it when it was trashed. Of two trashed folders of which nothing is known the later one waits.
+  void findBelow(Index i) {
+    for (Index other = 0; other < edits_.size(); ++other) {
+      if (other == i) continue;
+      const bool isTrashedFolder = edit(other).isFolder && edit(other).fields & EDIT_TRASHED;
+      const auto below =
+          std::max(isBelow(edit(other).place, edit(i).item), isBelow(edit(other).serverPlace, edit(i).item));
+      if (below == Below::yes || (below == Below::perhaps && (!isTrashedFolder || other < i)))
+        blockers_[i].push_back(other);
+    }
+  }
+
+  enum class Below { no, perhaps, yes };
+  Below isBelow(const std::optional<Place>& place, const ItemIdentifier& top) {
+    if (!place) return Below::no;
+    auto folder = place->folder;
+    for (int depth = 0; depth < MAX_DEPTH && folder != ROOT_CONTAINER; ++depth) {
+      if (folder == top) return Below::yes;
+      const auto found = byItem_.find(folder.text);
+      const bool isNew = found != byItem_.end() && isLocal(folder);
+      auto above = isNew ? std::optional(edit(found->second).place.folder) : serverParent(folder);
+      if (!above) return Below::perhaps;
+      folder = std::move(*above);
+    }
+    return Below::no;
   }
 
   // The server has the folder that it goes to below it: whoever is between and moves away comes first.
@@ -257,7 +288,8 @@ class Planner {
 SendStep nextStep(const Edit& edit) {
   if (edit.fields & EDIT_DELETED) return SendStep::remove;
   if (edit.fields & EDIT_CREATED) return SendStep::create;
-  return edit.fields & EDIT_CONTENTS ? SendStep::contents : SendStep::place;
+  if (edit.fields & EDIT_CONTENTS) return SendStep::contents;
+  return edit.fields & EDIT_PLACED || !(edit.fields & EDIT_TRASHED) ? SendStep::place : SendStep::remove;
 }
 
 SendTime sendTimeOf(const Edit& edit, const SendTimeFacts& facts) {

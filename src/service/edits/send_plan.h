@@ -69,7 +69,9 @@ using ParentOf = std::function<std::optional<ItemIdentifier>(const ItemIdentifie
 // - A place that another item still has on the server, or may have there (see Attempt), or is on its way to, waits for
 //   that item. Where they wait in a ring, one goes to another name first.
 // - A folder that moves to below itself, as the server sees it, waits for the one that moves out of it.
-// - A folder is deleted after everything that the server still has in it has been moved or deleted.
+// - A folder is deleted after everything that the server still has in it has been moved or deleted; it goes to the
+// trash
+//   after everything that is to be sent of what is below it.
 // - While a folder is moved or deleted nothing goes on below it: paths would change on the way.
 [[nodiscard]] SendPlan planSending(const std::vector<QueuedEdit>& edits, const ParentOf& parentOf,
                                    std::size_t capacity);

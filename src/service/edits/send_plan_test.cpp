@@ -104,14 +104,61 @@ class Queue {
 
 TEST(SendPlan, AnEditIsSentStepByStep) {
   Edit edit;
-  const std::pair<std::uint32_t, SendStep> CASES[] = {
-      {EDIT_CREATED, SendStep::create},    {EDIT_CREATED | EDIT_CONTENTS, SendStep::create},
-      {EDIT_CONTENTS, SendStep::contents}, {EDIT_CONTENTS | EDIT_PLACED, SendStep::contents},
-      {EDIT_PLACED, SendStep::place},      {EDIT_DELETED, SendStep::remove}};
+  const std::pair<std::uint32_t, SendStep> CASES[] = {{EDIT_CREATED, SendStep::create},
+                                                      {EDIT_CREATED | EDIT_CONTENTS, SendStep::create},
+                                                      {EDIT_CONTENTS, SendStep::contents},
+                                                      {EDIT_CONTENTS | EDIT_PLACED, SendStep::contents},
+                                                      {EDIT_PLACED, SendStep::place},
+                                                      {EDIT_DELETED, SendStep::remove},
+                                                      {EDIT_TRASHED, SendStep::remove},
+                                                      {EDIT_TRASHED | EDIT_CREATED, SendStep::create},
+                                                      {EDIT_TRASHED | EDIT_CONTENTS | EDIT_PLACED, SendStep::contents},
+                                                      {EDIT_TRASHED | EDIT_PLACED, SendStep::place}};
   for (const auto& [fields, step] : CASES) {
     edit.fields = fields;
     EXPECT_EQ(nextStep(edit), step) << fields;
   }
+}
+
+TEST(SendPlan, AFolderIsTrashedAfterAllThatIsToBeSentBelowIt) {
+  Queue queue;
+  queue.put("e", "d");
+  queue.put("elsewhere", ROOT);
+  queue.add("d", EDIT_TRASHED, at(ROOT, "d"), at(ROOT, "d"), true);
+  queue.createFile("new", at("e", "new"));
+  queue.moveFile("1", at("e", "out"), at("elsewhere", "out"));
+  queue.moveFile("2", at("elsewhere", "in"), at("d", "in"));
+  queue.add("3", EDIT_TRASHED, at("e", "gone"), at("e", "gone"));
+  queue.write("4", at("hidden", "below something that was trashed"));
+  queue.write("5", at("elsewhere", "other"));
+  EXPECT_EQ(queue.starts(), "2 3 4 5 6 7");
+  for (const EditID below : {2, 3, 4, 5, 6}) {
+    EXPECT_EQ(queue.decision(1).state, SendState::waitingForOthers) << below;
+    queue.finish(below);
+  }
+  EXPECT_EQ(queue.decision(1).state, SendState::ready);
+}
+
+TEST(SendPlan, TrashedFoldersOfWhichNothingIsKnownDoNotWaitForOneAnotherForEver) {
+  Queue queue;
+  queue.add("1", EDIT_TRASHED, at("hidden", "a"), at("hidden", "a"), true);
+  queue.add("2", EDIT_TRASHED, at("hidden", "b"), at("hidden", "b"), true);
+  queue.add("3", EDIT_TRASHED, at(ROOT, "top"), at(ROOT, "top"), true);
+  EXPECT_EQ(queue.starts(), "1");
+  queue.finish(1);
+  EXPECT_EQ(queue.starts(), "2");
+  queue.finish(2);
+  EXPECT_EQ(queue.starts(), "3");
+}
+
+TEST(SendPlan, WhatIsNewWaitsForWhatWasTrashedFromItsPlace) {
+  Queue queue;
+  queue.add("1", EDIT_TRASHED, at(ROOT, "a"), at(ROOT, "a"));
+  queue.createFile("a", at(ROOT, "a"));
+  queue.add(LOCAL + "b", EDIT_TRASHED | EDIT_CREATED, at(ROOT, "b"), {});
+  queue.add(LOCAL + "c", EDIT_TRASHED | EDIT_CREATED, at(ROOT, "b"), {});
+  queue.createFile("d", at(ROOT, "b"));
+  EXPECT_EQ(queue.starts(), "1 3");
 }
 
 TEST(SendPlan, EditsThatHaveNothingToDoWithOneAnotherBeginTogetherInTheirOrder) {

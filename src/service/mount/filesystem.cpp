@@ -200,6 +200,13 @@ bool Filesystem::isOpen(Inode inode) {
   return openFiles_.contains(inode);
 }
 
+std::vector<Inode> Filesystem::openInodes() {
+  MutexLock hold(lock_);
+  std::vector<Inode> inodes;
+  for (const auto& [inode, open] : openFiles_) inodes.push_back(inode);
+  return inodes;
+}
+
 // A program that is killed while the kernel reads ahead for it does not interrupt that read: all that is heard of it is
 // that it closes the file. So a thread that closes while a read of its own is parked no longer waits for it.
 void Filesystem::flush(FuseRequest request, Inode inode) {

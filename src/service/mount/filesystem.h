@@ -74,6 +74,9 @@ class Filesystem : public FuseHandler, public std::enable_shared_from_this<Files
   // server has from now on.
   void contentsSettled(Inode inode, std::optional<std::uint64_t> tag) EXCLUDES(lock_);
 
+  // By programs.
+  [[nodiscard]] bool isOpen(Inode inode) EXCLUDES(lock_);
+
   // Fails what is parked, and everything from now on, with ENOTCONN.
   void close() EXCLUDES(lock_);
 
@@ -105,7 +108,7 @@ class Filesystem : public FuseHandler, public std::enable_shared_from_this<Files
   // What those who have it open read when the item is gone.
   void keepOpen(Inode inode, std::shared_ptr<const ContentFile> file) EXCLUDES(lock_);
   void keepOpen(Inode inode, std::shared_ptr<EditedFile> file) EXCLUDES(lock_);
-  [[nodiscard]] bool isOpen(Inode inode) EXCLUDES(lock_);
+  [[nodiscard]] std::vector<Inode> openInodes() EXCLUDES(lock_);
   // What is kept of a file that is open.
   struct Kept {
     std::shared_ptr<const ContentFile> file;

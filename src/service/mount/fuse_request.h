@@ -21,6 +21,7 @@ struct NodeAttributes {
   Timestamp modified;
   unsigned permissions = 0;  // 0 to 0777
   bool isGone = false;       // no name leads to it any more
+  bool isVolatile = false;   // the kernel is to ask again each time
 };
 
 struct SpaceStatistics {
@@ -65,6 +66,7 @@ class FuseRequest {
   void answerCreatedFile(const NodeAttributes& attributes, bool keepCache) &&;
   void answerContents(const ContentFile& file, std::int64_t offset, std::size_t size) &&;
   void answerContents(const EditedFile& file, std::int64_t offset, std::size_t size) &&;
+  void answerBytes(std::string_view bytes) &&;
   void answerWritten(std::size_t bytes) &&;
   void answerFolder(const FolderPage& page) &&;
   void answerAttribute(std::string_view value, std::size_t room) &&;  // see FuseHandler::readAttribute

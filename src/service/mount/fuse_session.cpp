@@ -54,11 +54,15 @@ struct stat statusOf(const NodeAttributes& attributes) {
   return status;
 }
 
+double validSeconds(const NodeAttributes& attributes) {
+  return attributes.isVolatile ? 0 : VALID_SECONDS;
+}
+
 fuse_entry_param entryOf(const NodeAttributes& attributes) {
   fuse_entry_param entry{};
   entry.ino = attributes.inode;
   entry.attr = statusOf(attributes);
-  entry.attr_timeout = entry.entry_timeout = VALID_SECONDS;
+  entry.attr_timeout = entry.entry_timeout = validSeconds(attributes);
   return entry;
 }
 
@@ -396,7 +400,7 @@ void FuseRequest::answerNoEntry() && {
 
 void FuseRequest::answerAttributes(const NodeAttributes& attributes) && {
   const auto status = statusOf(attributes);
-  fuse_reply_attr(libfuseRequest(take()), &status, VALID_SECONDS);
+  fuse_reply_attr(libfuseRequest(take()), &status, validSeconds(attributes));
 }
 
 void FuseRequest::answerOpenedFolder(std::uint64_t handle) && {
@@ -448,6 +452,10 @@ void FuseRequest::answerRange(int descriptor, std::int64_t end, std::int64_t off
   // libfuse keeps a pipe for each thread that splices, and can give it back only when the thread ends before the
   // session.
   fuse_reply_data(request, &pieces, servesRequests ? fuse_buf_copy_flags{} : FUSE_BUF_NO_SPLICE);
+}
+
+void FuseRequest::answerBytes(std::string_view bytes) && {
+  fuse_reply_buf(libfuseRequest(take()), bytes.data(), bytes.size());
 }
 
 void FuseRequest::answerWritten(std::size_t bytes) && {

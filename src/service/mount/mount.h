@@ -5,6 +5,7 @@
 #include <string>
 
 #include "base/error.h"
+#include "fileprovider/replicated_extension.h"
 #include "platform/clock.h"
 #include "platform/scheduler.h"
 #include "service/contents/content_store.h"
@@ -26,6 +27,10 @@ struct MountOptions {
   std::function<void(Inode)> listed = {};
   // What a program asks for by an extended attribute; without, there are none.
   ExtendedAttributes::Keep keep = {};
+  // Whose trash the folder shows; null: it shows none.
+  ReplicatedExtension* extension = nullptr;
+  // What programs changed is to go up without delay. May be empty.
+  std::function<void()> sendNow = {};
 };
 
 // What makes the folder one that programs can change.
@@ -38,6 +43,9 @@ class Filesystem;
 class FuseSession;
 class KernelNotifier;
 class MountPoint;
+class Trash;
+class TrashFolder;
+class WritableFilesystem;
 
 // The folder that programs see: from the mount on the file system to the answers to the kernel. Made and ended on one
 // thread. The parts given outlive it.
@@ -69,10 +77,14 @@ class Mount {
  private:
   class EndSignal;
   Mount();
+  void addTrash(const MountOptions& options, Tree& tree, Scheduler& scheduler, const Clock& clock,
+                const std::shared_ptr<LocalEdits>& edits, const std::shared_ptr<WritableFilesystem>& writable);
 
   std::shared_ptr<EndSignal> endSignal_;
   std::shared_ptr<EditedContents> edited_;
   std::shared_ptr<Filesystem> filesystem_;
+  std::shared_ptr<Trash> trash_;              // null when none is shown
+  std::shared_ptr<TrashFolder> trashFolder_;  // the same
   std::unique_ptr<MountPoint> mountPoint_;
   std::unique_ptr<FuseSession> session_;
   std::shared_ptr<KernelNotifier> notifier_;

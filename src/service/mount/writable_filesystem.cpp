@@ -232,6 +232,32 @@ void WritableFilesystem::whenKeptOpen(FuseRequest request, Inode inode, Next nex
                     });
 }
 
+void WritableFilesystem::whenRemovable(FuseRequest request, Inode folder, std::string name, Removal next) {
+  if (!begin(request)) return;
+  whenListedHere(
+      std::move(request), folder,
+      [folder, name = std::move(name), next = std::move(next)](WritableFilesystem& listed, FuseRequest ready) mutable {
+        const auto item = listed.tree_.replica().lookup(folder, name);
+        if (!item) return std::move(ready).fail(ENOENT);
+        if (item->isFolder) listed.keepOpenBelow(item->inode);
+        listed.whenKeptOpen(std::move(ready), item->inode,
+                            [item = *item, next = std::move(next)](WritableFilesystem&, FuseRequest kept) mutable {
+                              next(std::move(kept), item);
+                            });
+      });
+}
+
+void WritableFilesystem::keepOpenBelow(Inode folder) {
+  for (const Inode inode : openInodes()) {
+    if (!tree_.replica().isAtOrAbove(folder, inode)) continue;
+    edited_->tellOfChange(inode);
+    if (auto file = edited_->find(inode))
+      keepOpen(inode, std::move(file));
+    else if (auto fetched = contents_.current(inode))
+      keepOpen(inode, std::move(fetched));
+  }
+}
+
 // Writing
 
 void WritableFilesystem::write(FuseRequest request, Inode inode, std::string_view data, std::int64_t offset,

@@ -35,6 +35,11 @@ class WritableFilesystem final : public Filesystem {
   void allocate(FuseRequest request, Inode inode, int mode, std::int64_t offset, std::int64_t length) override;
   void sync(FuseRequest request, Inode inode) override;
 
+  // For who removes something in another way than those above: the folder is listed, and those who have the item open,
+  // or something in it that is here, can go on reading when it is gone.
+  using Removal = std::move_only_function<void(FuseRequest, const ItemAttributes&)>;
+  void whenRemovable(FuseRequest request, Inode folder, std::string name, Removal next);
+
  private:
   using Next = std::move_only_function<void(WritableFilesystem&, FuseRequest)>;
   using Made = std::move_only_function<void(WritableFilesystem&, FuseRequest, const Result<ItemAttributes>&)>;
@@ -49,6 +54,8 @@ class WritableFilesystem final : public Filesystem {
   void copyOfGone(Inode inode, EditedContents::Answer answer);
   // Makes sure that those who have the file open can go on reading when it is gone.
   void whenKeptOpen(FuseRequest request, Inode inode, Next next);
+
+  void keepOpenBelow(Inode folder);
 
   void make(FuseRequest request, Inode folder, std::string name, unsigned permissions, Made made);
   void answerCreated(FuseRequest request, const ItemAttributes& item, OpenMode mode);

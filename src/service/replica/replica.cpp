@@ -63,7 +63,8 @@ bool Replica::isEmptyFolder(Inode folder) const {
   MutexLock hold(lock_);
   const Slot slot = state_.index.find(folder);
   return slot != NONE && state_.index.facts(slot).isListed && state_.index.firstChild(slot) == NONE &&
-         state_.edits.placedIn(state_.index.identifier(slot)).empty();
+         std::ranges::all_of(state_.edits.placedIn(state_.index.identifier(slot)),
+                             [this](EditID id) { return isHidden(state_.edits.find(id)->fields); });
 }
 
 std::vector<Inode> Replica::children(Inode folder) const {
@@ -202,6 +203,13 @@ std::vector<Edit> Replica::editsOnServerAt(const Place& place) const {
   MutexLock hold(lock_);
   std::vector<Edit> edits;
   for (const EditID id : state_.edits.onServerAt(place)) edits.push_back(*state_.edits.find(id));
+  return edits;
+}
+
+std::vector<Edit> Replica::editsPlacedIn(const ItemIdentifier& folder) const {
+  MutexLock hold(lock_);
+  std::vector<Edit> edits;
+  for (const EditID id : state_.edits.placedIn(folder.text)) edits.push_back(*state_.edits.find(id));
   return edits;
 }
 

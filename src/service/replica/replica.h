@@ -57,7 +57,8 @@ class Replica {
   // last.
   [[nodiscard]] std::optional<ItemAttributes> lookup(Inode folder, std::string_view localName) const EXCLUDES(lock_);
   [[nodiscard]] bool isListed(Inode folder) const EXCLUDES(lock_);
-  // Listed, without children, and without items that programs moved there and that are not here yet.
+  // Listed, without children, and without items that programs moved there and that are not here yet; what they put into
+  // the trash from there does not count.
   [[nodiscard]] bool isEmptyFolder(Inode folder) const EXCLUDES(lock_);
   // In no particular order; those that are known.
   [[nodiscard]] std::vector<Inode> children(Inode folder) const EXCLUDES(lock_);
@@ -89,6 +90,8 @@ class Replica {
   [[nodiscard]] std::optional<Edit> edit(EditID id) const EXCLUDES(lock_);
   [[nodiscard]] std::optional<Edit> editOf(const ItemIdentifier& identifier) const EXCLUDES(lock_);
   [[nodiscard]] std::vector<Edit> editsOnServerAt(const Place& place) const EXCLUDES(lock_);
+  // Of new and moved items, also of those in the trash.
+  [[nodiscard]] std::vector<Edit> editsPlacedIn(const ItemIdentifier& folder) const EXCLUDES(lock_);
   [[nodiscard]] bool isSending(EditID id) const EXCLUDES(lock_);
   void setSending(EditID id, bool isSending) EXCLUDES(lock_);
   [[nodiscard]] std::optional<LocalAttributes> localAttributesOf(const ItemIdentifier& identifier) const

@@ -36,6 +36,10 @@ void Tree::applyDeletions(std::vector<ItemIdentifier> identifiers, Completion<> 
   applyNews({}, std::move(identifiers), std::move(completion));
 }
 
+void Tree::reserveTopName(const std::string& name) {
+  queue_->post([this, name] { tell(replica_.change([&](TreeEdit& tree) { tree.reserveTopName(name); })); });
+}
+
 void Tree::tell(const std::vector<ReplicaChange>& changes) const {
   if (changes.empty()) return;
   for (const auto& subscriber : subscribers_) subscriber(changes);

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "base/completion.h"
@@ -33,6 +34,10 @@ class Tree {
   void perform(Task task) { queue_->post(std::move(task)); }
   void performAfter(Duration delay, Task task) { queue_->after(delay, std::move(task)); }
   void tell(const std::vector<ReplicaChange>& changes) const;
+
+  // No item of the top folder is shown under this name from now on: one that has it gets another. Before anything else
+  // changes the tree.
+  void reserveTopName(const std::string& name);
 
   [[nodiscard]] Replica& replica() { return replica_; }
 

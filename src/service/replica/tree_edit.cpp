@@ -103,13 +103,13 @@ bool TreeEdit::takeEdited(Slot known, Slot folder, const Place& serverPlace, con
   Edit edit = *found;
   edit.serverPlace = serverPlace;
   if (edit.place == serverPlace && !state_.edits.isSending(edit.id)) edit.fields &= ~EDIT_PLACED;
-  if (edit.fields == EDIT_CONTENTS) edit.place = serverPlace;
+  if ((edit.fields & ~EDIT_TRASHED) == EDIT_CONTENTS) edit.place = serverPlace;
   if (!(edit.fields & (EDIT_CONTENTS | EDIT_DELETED))) edit.baseVersion = item.itemVersion;
   if (edit.fields == 0)
     dropEdit(edit.id);
   else if (edit != *found)
     putEdit(edit);
-  if (edit.fields & EDIT_DELETED) return true;
+  if (isHidden(edit.fields)) return true;
   if (!(edit.fields & EDIT_PLACED)) return false;
   if (known == NONE) {
     const Slot chosen = index().findIdentifier(edit.place.folder.text);
@@ -299,8 +299,12 @@ void TreeEdit::changeFacts(Slot slot, ItemIndex::Facts changed) {
 // A local name for the server name that no other item of the folder has.
 std::string TreeEdit::chosenName(Slot folder, std::string_view serverName, std::string_view identifier) {
   auto name = localName(serverName, identifier);
+  const auto isFree = [&] {
+    const bool isReserved = index().inode(folder) == ROOT_INODE && name == state_.reservedTopName;
+    return !isReserved && index().findChild(folder, name) == NONE;
+  };
   for (unsigned attempt = 0;; ++attempt) {
-    if (index().findChild(folder, name) == NONE) return name;
+    if (isFree()) return name;
     name = distinctLocalName(serverName, identifier, attempt);
   }
 }
@@ -527,7 +531,7 @@ bool TreeEdit::show(EditID id, bool isMade) {
   if (!found) return false;
   const Edit edit = *found;
   const Slot slot = index().findIdentifier(edit.item.text);
-  if (edit.fields & EDIT_DELETED) {
+  if (isHidden(edit.fields)) {
     if (slot == NONE || index().inode(slot) == ROOT_INODE) return false;
     hide(index().inode(slot));
     return true;
@@ -575,6 +579,16 @@ void TreeEdit::move(Inode inode, const Place& place, const std::string& wished) 
   say({ReplicaChange::Kind::entryRemoved, index().inode(folder), wished, inode});
   say({ReplicaChange::Kind::entryAdded, index().inode(folder), std::string(index().name(slot)), inode});
   byProgram_ = wasByProgram;
+}
+
+void TreeEdit::reserveTopName(const std::string& name) {
+  state_.reservedTopName = name;
+  const Slot root = index().find(ROOT_INODE);
+  const Slot slot = index().findChild(root, name);
+  if (slot == NONE) return;
+  const auto serverName = state_.serverNameOf(slot);
+  detach(slot);
+  attach(slot, root, serverName);
 }
 
 void TreeEdit::undoMove(EditID id) {
@@ -649,7 +663,7 @@ void TreeEdit::makeLocal(const ItemIdentifier& identifier) {
   const Edit fresh = state_.edits.newEdit();
   Edit edit = known ? *known : fresh;
   edit.item = fresh.item;
-  edit.fields = EDIT_CREATED;
+  edit.fields = EDIT_CREATED | (edit.fields & EDIT_TRASHED);
   edit.serverPlace.reset();
   edit.baseVersion = {};
   edit.contentsGeneration = ++edit.generation;
@@ -706,9 +720,9 @@ void TreeEdit::restore(const std::vector<Inode>& localItems) {
   }
   std::vector<EditID> deletions, others, overtaken;
   for (const auto& [id, edit] : state_.edits.all()) {
-    const bool isDeleted = (edit.fields & EDIT_DELETED) != 0;
-    (isDeleted ? deletions : others).push_back(id);
-    if (!isDeleted && edit.attempt && isLocal(edit.item) && inodeOf(edit.item) == 0) overtaken.push_back(id);
+    const bool isOut = isHidden(edit.fields);
+    (isOut ? deletions : others).push_back(id);
+    if (!isOut && edit.attempt && isLocal(edit.item) && inodeOf(edit.item) == 0) overtaken.push_back(id);
   }
   // One can be in the way of another: a folder that goes to below one that is in it so far.
   for (bool isMoving = true; isMoving;) {

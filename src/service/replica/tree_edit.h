@@ -49,6 +49,8 @@ class TreeEdit {
   void move(Inode inode, const Place& place, const std::string& wished);
   // The item, which a program placed, is where the server has it again.
   void undoMove(EditID id);
+  // No item of the top folder has this local name from now on.
+  void reserveTopName(const std::string& name);
   // The item and what is in it have gone, whatever edits say of them.
   void hide(Inode inode);
   // 0: not in the tree.

@@ -50,6 +50,9 @@ struct TreeState {
   // What programs changed and the server has not.
   EditTable edits;
 
+  // A name in the top folder that no item gets. Empty: none.
+  std::string reservedTopName;
+
   // With nothing but the root in it.
   TreeState();
 
