@@ -90,7 +90,7 @@ check 'what fits is read' reads docs/40.txt
 check 'what does not fit is an error' exits 1 cat "$MOUNT/big.bin"
 check 'that says why' says 'No space left on device'
 check 'info says so too' exits 0 vondle info "$MOUNT/big.bin"
-check 'with the reason' says 'No space left on device'
+check 'with the reason' says 'there is no room for 2.9 MB'
 check 'nothing unfinished stays' no_files_in "$SHARE" -size +1k
 check 'the rest is read on' reads docs/39.txt
 mount -o remount,size=16m "$CONTENTS"

@@ -142,7 +142,8 @@ bool SimulatedNetwork::deliverGhost() {
       ghosts_.extract(std::next(ghosts_.begin(), static_cast<std::ptrdiff_t>(random_.below(ghosts_.size()))));
   const auto& request = ghost.mapped();
   const bool isDone = arrive(request, ", for a process that is dead").status == 200;
-  return isDone && request.method == "POST" && !request.url.ends_with("-urls") && !request.url.ends_with("-url");
+  // Contents of a new file make it, too.
+  return isDone && request.method != "GET" && !request.url.ends_with("-urls") && !request.url.ends_with("-url");
 }
 
 }  // namespace vondle::sim
