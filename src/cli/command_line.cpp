@@ -15,8 +15,9 @@ int runCommandLine(std::vector<std::string> arguments, CommandContext& context, 
       "Exit status: 0 done, 1 failed, 2 wrong usage, 3 no account set up, 4 service not running,\n"
       "5 server unreachable, 6 not signed in, 7 no such item, 8 work left undone.");
   Command chosen;
-  for (const auto add : {addLogin, addLogout, addMount, addUnmount, addStatus, addSync, addInfo, addFetch, addEvict,
-                         addKeep, addUnkeep, addThumbnail, addTrash, addLimits, addPause, addResume, addDesktop, addRestart}) {
+  for (const auto add :
+       {addLogin, addLogout, addMount, addUnmount, addStatus, addSync, addInfo, addFetch, addEvict, addKeep, addUnkeep,
+        addThumbnail, addTrash, addLimits, addPause, addResume, addDesktop, addRestart}) {
     add(app, context, chosen);
   }
   try {
