@@ -42,7 +42,7 @@ std::string joined(const json::Object& info, std::string_view key) {
 std::string onDisk(const json::Object& info) {
   const auto bytes = json::integer(info, "bytes_here");
   if (!bytes) return "";
-  const auto size = sizeInWords(static_cast<double>(*bytes));
+  auto size = sizeInWords(static_cast<double>(*bytes));
   if (json::boolean(info, "folder") != true) return size;
   return fmt::format("{}, {} of {} known", size, json::integer(info, "files_here").value_or(0),
                      countInWords(json::integer(info, "files").value_or(0), "file", "files"));

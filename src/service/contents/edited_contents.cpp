@@ -666,11 +666,12 @@ void EditedContents::dropUnnamed() {
   std::vector<std::shared_ptr<EditedFile>> files;
   {
     MutexLock hold(lock_);
-    std::erase_if(hidden_, [&](const auto& hidden) {
-      const bool isNamed = named.contains(hidden.first);
-      if (!isNamed && !sending_.contains(hidden.first)) files.push_back(hidden.second);
-      return !isNamed;
-    });
+    for (auto next = hidden_.begin(); next != hidden_.end();) {
+      const auto each = next++;
+      if (named.contains(each->first)) continue;
+      if (!sending_.contains(each->first)) files.push_back(each->second);
+      hidden_.erase(each);
+    }
     hasHidden_ = !hidden_.empty();
   }
   for (const auto& file : files) {

@@ -761,10 +761,18 @@ LocalEdits::Outcome LocalEdits::settleDeleted(Edit edit, const SavedItem& saved)
 void LocalEdits::deleted(const Edit& sent, Done completion) {
   perform(std::move(completion), [sent](LocalEdits& self) -> Result<void> {
     self.replica_.setSending(sent.id, false);
-    if (isLocal(sent.item)) return {};
-    self.replica_.noteNews({}, {sent.item});
-    self.apply([&](TreeEdit& tree) { tree.takeDeletion(sent.item); });
     self.trashed_.erase(sent.id);
+    if (isLocal(sent.item)) return {};
+    const auto edit = self.find(sent.id);
+    // News of it was faster, and may have told of its return since.
+    if (!edit) return {};
+    // It may have been told of after that, too: then the server is asked.
+    const bool mayBeBack = edit->generation != sent.generation && edit->serverPlace;
+    self.replica_.noteNews({}, {sent.item});
+    self.apply([&](TreeEdit& tree) {
+      tree.takeDeletion(sent.item);
+      if (mayBeBack) tree.relist(edit->serverPlace->folder);
+    });
     return {};
   });
 }

@@ -633,6 +633,31 @@ TEST_F(LocalEditsTest, ADeletedFolderThatSomebodyFillsShowsUpAgainWhenItIsLooked
   EXPECT_THAT(names("b"), ElementsAre("n"));
 }
 
+TEST_F(LocalEditsTest, WhatSomebodyRestoresBeforeTheAnswerToItsDeletionComesShowsUpAgain) {
+  buildTree();
+  removeFile("b", "y.txt");
+  const auto deletion = *beginSending(editOf("y")->id);
+  news({file("y", "b", "y.txt")});
+  EXPECT_THAT(names("b"), IsEmpty());
+  deleted(deletion);
+  EXPECT_EQ(edits_->pendingCount(), 0U);
+  EXPECT_FALSE(replica_->isListed(inode("b")));
+  list("b", {file("y", "b", "y.txt")});
+  EXPECT_THAT(names("b"), ElementsAre("y.txt"));
+}
+
+TEST_F(LocalEditsTest, AnAnswerToADeletionThatNewsHasToldOfDoesNotHideWhatSomebodyRestored) {
+  buildTree();
+  removeFile("b", "y.txt");
+  const auto deletion = *beginSending(editOf("y")->id);
+  news({}, {{"y"}});
+  EXPECT_EQ(edits_->pendingCount(), 0U);
+  news({file("y", "b", "y.txt")});
+  EXPECT_THAT(names("b"), ElementsAre("y.txt"));
+  deleted(deletion);
+  EXPECT_THAT(names("b"), ElementsAre("y.txt"));
+}
+
 TEST_F(LocalEditsTest, NewsOlderThanADeletionDoesNotBringTheFolderBack) {
   buildTree();
   removeFile("b", "y.txt");

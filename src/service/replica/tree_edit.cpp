@@ -102,6 +102,8 @@ bool TreeEdit::takeEdited(Slot known, Slot folder, const Place& serverPlace, con
   if (!found) return false;
   Edit edit = *found;
   edit.serverPlace = serverPlace;
+  // Perhaps it was deleted there already, and somebody has restored it: that deletion is not all there is.
+  if (isHidden(edit.fields) && state_.edits.isSending(edit.id)) ++edit.generation;
   if (edit.place == serverPlace && !state_.edits.isSending(edit.id)) edit.fields &= ~EDIT_PLACED;
   if ((edit.fields & ~EDIT_TRASHED) == EDIT_CONTENTS) edit.place = serverPlace;
   if (!(edit.fields & (EDIT_CONTENTS | EDIT_DELETED))) edit.baseVersion = item.itemVersion;
