@@ -77,7 +77,7 @@ Result<ServiceSettings> ServiceSettings::load(const std::string& path, const std
     if (!size)
       return failure(
           invalid(path, R"("disk_reserve" must be a size: a number of bytes, or a text such as "5 GiB"; 0 for none)"));
-    settings.cache.reserve = *size;
+    settings.cache.reserve = size;
   }
   if (const auto* value = json::find(*object, "thumbnails")) {
     if (!value->is_bool()) return failure(invalid(path, "\"thumbnails\" must be true or false"));

@@ -62,9 +62,10 @@ bool Replica::isListed(Inode folder) const {
 bool Replica::isEmptyFolder(Inode folder) const {
   MutexLock hold(lock_);
   const Slot slot = state_.index.find(folder);
-  return slot != NONE && state_.index.facts(slot).isListed && state_.index.firstChild(slot) == NONE &&
-         std::ranges::all_of(state_.edits.placedIn(state_.index.identifier(slot)),
-                             [this](EditID id) { return isHidden(state_.edits.find(id)->fields); });
+  if (slot == NONE || !state_.index.facts(slot).isListed || state_.index.firstChild(slot) != NONE) return false;
+  for (const EditID id : state_.edits.placedIn(state_.index.identifier(slot)))
+    if (!isHidden(state_.edits.find(id)->fields)) return false;
+  return true;
 }
 
 std::vector<Inode> Replica::children(Inode folder) const {

@@ -192,7 +192,7 @@ Result<void> ThumbnailCache::write(const std::string& subfolder, const std::stri
 void ThumbnailCache::move(const std::string& uri, const std::string& newURI) const {
   const auto name = nameOf(uri), newName = nameOf(newURI);
   for (const auto& subfolder : subfolders_) {
-    const auto path = folder_ + "/" + subfolder + "/" + name;
+    const auto path = fmt::format("{}/{}/{}", folder_, subfolder, name);
     const auto bytes = readStart(path, MAX_BYTES);
     if (!bytes) continue;
     if (const auto changed = png::withText(*bytes, URI, newURI)) [[maybe_unused]]
