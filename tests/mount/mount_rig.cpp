@@ -113,6 +113,17 @@ std::optional<Error> MountRig::tryToStart() {
   contents = *ContentStore::open(folder_ + "/contents", *tree, extension, *errors_, *scheduler_, clock_);
   tree->subscribe([store = contents](const std::vector<ReplicaChange>& changes) { store->apply(changes); });
   if (isWritable_) edited = *EditedContents::open(folder_ + "/edits", contents, edits, *tree, *scheduler_, clock_);
+  auto started = startMount();
+  if (started) {
+    mount = std::move(*started);
+    return std::nullopt;
+  }
+  stop();
+  return started.error();
+}
+
+// What it is started with must be gone before the scheduler goes.
+Result<std::unique_ptr<Mount>> MountRig::startMount() {
   auto keep =
       [parts =
            KeepAction::Parts{.tree = *tree, .extension = extension, .contents = contents, .scheduler = *scheduler_}](
@@ -121,13 +132,7 @@ std::optional<Error> MountRig::tryToStart() {
       };
   MountOptions options{.path = mountPoint_, .readOnly = isReadOnly_, .keep = std::move(keep)};
   if (showsTrash_) options.extension = &extension;
-  auto started = Mount::start(options, *tree, *listing, *contents, *scheduler_, clock_, {edits, edited});
-  if (started) {
-    mount = std::move(*started);
-    return std::nullopt;
-  }
-  stop();
-  return started.error();
+  return Mount::start(options, *tree, *listing, *contents, *scheduler_, clock_, {edits, edited});
 }
 
 std::optional<Error> MountRig::tryToMountAgain() {

@@ -109,6 +109,8 @@ class MountRig {
   std::unique_ptr<Mount> mount;
 
  private:
+  Result<std::unique_ptr<Mount>> startMount();
+
   const std::string folder_;
   const std::string mountPoint_;
   LinuxClock clock_;
