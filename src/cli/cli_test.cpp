@@ -112,7 +112,7 @@ TEST_F(CommandLineTest, ActionsGoIntoThunarsMenuBesideTheUsersOwnAndOutAgain) {
   EXPECT_EQ(run({"desktop", "install"}), 0);
   const auto installed = *machine_.files.contents(path);
   EXPECT_THAT(installed, HasSubstr("<name>Mine</name>"));
-  EXPECT_THAT(installed, HasSubstr("<command>'/libexec/vondle/desktop-action' unkeep %F</command>"));
+  EXPECT_THAT(installed, HasSubstr("<command>&apos;/libexec/vondle/desktop-action&apos; unkeep %F</command>"));
   EXPECT_TRUE(installed.ends_with("</action>\n</actions>"));
   EXPECT_EQ(run({"desktop", "install"}), 0);
   EXPECT_EQ(machine_.files.contents(path), installed) << "once more changes nothing";

@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include "platform/markup_text.h"
+
 namespace vondle {
 
 namespace {
@@ -12,19 +14,6 @@ constexpr std::string_view BEGIN = "<action>";
 constexpr std::string_view END = "</action>\n";
 constexpr std::string_view END_OF_ALL = "</actions>";
 constexpr std::string_view ID = "<unique-id>vondle-";
-
-std::string escaped(std::string_view text) {
-  std::string result;
-  for (const char each : text) {
-    if (each == '&')
-      result += "&amp;";
-    else if (each == '<')
-      result += "&lt;";
-    else
-      result += each;
-  }
-  return result;
-}
 
 std::string quoted(std::string_view path) {
   std::string result = "'";
@@ -39,7 +28,7 @@ std::string action(std::string_view id, std::string_view icon, std::string_view 
       "{}\n\t<icon>{}</icon>\n\t<name>{}</name>\n\t<submenu>Vondle</submenu>\n\t{}{}</unique-id>\n"
       "\t<command>{} {} %F</command>\n\t<description>{}</description>\n\t<patterns>*</patterns>\n\t<directories/>\n"
       "\t<audio-files/>\n\t<image-files/>\n\t<other-files/>\n\t<text-files/>\n\t<video-files/>\n{}",
-      BEGIN, icon, name, ID, id, escaped(quoted(program)), id, description, END);
+      BEGIN, icon, name, ID, id, markupText(quoted(program)), id, description, END);
 }
 
 }  // namespace

@@ -6,6 +6,8 @@
 
 #include <systemd/sd-bus.h>
 
+#include "platform/markup_text.h"
+
 namespace vondle {
 namespace {
 
@@ -19,21 +21,6 @@ struct Unref {
 };
 using Message = std::unique_ptr<sd_bus_message, Unref>;
 
-std::string withoutMarkup(const std::string& text) {
-  std::string result;
-  for (const char each : text) {
-    if (each == '&')
-      result += "&amp;";
-    else if (each == '<')
-      result += "&lt;";
-    else if (each == '>')
-      result += "&gt;";
-    else
-      result += each;
-  }
-  return result;
-}
-
 }  // namespace
 
 // The session bus, as long as it answers. Where there is none, none is started.
@@ -42,7 +29,7 @@ class DBusDesktopNotices::Bus {
   void show(const std::string& tag, const Notice& notice) {
     if (!connect()) return;
     auto& number = numbers_[tag];
-    const auto text = takesMarkup_ ? withoutMarkup(notice.text) : notice.text;
+    const auto text = takesMarkup_ ? markupText(notice.text) : notice.text;
     const auto reply = call("Notify", [&](sd_bus_message* message) {
       return sd_bus_message_append(message, "susssasa{sv}i", "Vondle", number, "", notice.title.c_str(), text.c_str(),
                                    0, 0, -1);

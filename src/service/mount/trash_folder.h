@@ -18,7 +18,7 @@
 
 namespace vondle {
 
-// Shows the trash as desktops look for it in the top folder of a file system (the freedesktop.org Trash specification):
+// Shows the trash as desktops look for it in the top folder of a file system, by the conventions of freedesktop.org:
 // a folder .Trash-$UID with `files`, `info` and, for programs that move what they delete there first, `expunged`. It is
 // nowhere but in the answers to the kernel; everything else is passed on to the file system below.
 //

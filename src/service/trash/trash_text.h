@@ -5,7 +5,7 @@
 
 #include "base/time.h"
 
-// What desktops read and write in a trash folder of the freedesktop.org Trash specification: pure functions.
+// What desktops read and write in a trash folder, by the conventions of freedesktop.org: pure functions.
 namespace vondle {
 
 inline constexpr std::string_view TRASH_INFO_SUFFIX = ".trashinfo";
