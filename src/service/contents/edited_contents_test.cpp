@@ -504,6 +504,23 @@ TEST_F(EditedContentsTest, WhatIsDoneWithIsMarkedBeforeItGoes) {
   EXPECT_TRUE(isMarked(removed));
 }
 
+// Both names are of one file: the downloaded copy that the first became is made into the second.
+TEST_F(EditedContentsTest, WhatIsWrittenToRightAfterItWasSentIsNotLeftOverOfTheFormer) {
+  const auto former = get();
+  write(*former, "CONTENTS");
+  const auto outgoing = beginSending(former->number());
+  const auto edit = beginEdit();
+  edited_->endSending(outgoing, succeed(edit, extension_.addFile("11", ROOT, "a.txt", "CONTENTS", 2)), true);
+  scheduler_.runUntilIdle();
+  write(*get(), "AGAIN");
+  ASSERT_EQ(files().size(), 2U) << "the former is about to be removed";
+
+  edited_ = *EditedContents::open(folder_ + "/edits", store_, edits_, *tree_, scheduler_, scheduler_);
+  EXPECT_EQ(files(), std::vector{std::to_string(edited_->find(inode_)->number())});
+  EXPECT_EQ(textOf(edited_->find(inode_)->path()), "AGAINNTS");
+  EXPECT_FALSE(std::filesystem::exists(folder_ + "/edits/lost+found"));
+}
+
 TEST_F(EditedContentsTest, WhatWasChangedAfterItWasSentIsNotDoneWith) {
   const auto file = get();
   write(*file, "CONTENTS");

@@ -24,7 +24,9 @@ std::string pathOf(const std::string& folder, std::int64_t number) {
 bool holdsNothingNeeded(const std::string& path) {
   struct stat status{};
   if (::lstat(path.c_str(), &status) != 0) return errno == ENOENT;
-  return status.st_size == 0 || EditedFile::isDoneWith(path);
+  // What was sent and then written to again is one file: the new private file is the former one, by way of the cache.
+  const bool hasOtherName = status.st_nlink > 1;
+  return status.st_size == 0 || hasOtherName || EditedFile::isDoneWith(path);
 }
 
 std::set<std::int64_t> numbersIn(const std::string& folder) {

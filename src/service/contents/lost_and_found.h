@@ -21,8 +21,8 @@ namespace vondle {
 // How many files would be lost with the folder, beside those that edits name.
 [[nodiscard]] std::size_t countUnclaimed(const std::string& folder, const std::set<std::int64_t>& named);
 
-// Takes one there when it holds something that is not done with; else it is removed. False when it could be neither,
-// and stays.
+// Takes one there when it holds something that is not done with, and that has no other name; else it is removed. False
+// when it could be neither, and stays.
 bool setAside(const std::string& folder, std::int64_t number);
 // Brings one back that an edit names after all.
 bool bringBack(const std::string& folder, std::int64_t number);

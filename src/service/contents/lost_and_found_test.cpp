@@ -79,6 +79,17 @@ TEST_F(LostAndFoundTest, WhatHoldsSomethingThatIsNotDoneWithIsSetAside) {
   for (const char* name : {"1", "2", "3"}) EXPECT_FALSE(std::filesystem::exists(folder_ + "/" + name)) << name;
 }
 
+TEST_F(LostAndFoundTest, AFileWithAnotherNameLosesThisOne) {
+  makeFile(1, "draft");
+  ASSERT_EQ(::link((folder_ + "/1").c_str(), (folder_ + "/2").c_str()), 0);
+  EXPECT_EQ(countUnclaimed(folder_, {2}), 0U);
+  EXPECT_TRUE(setAside(folder_, 1));
+  EXPECT_THAT(lostFiles(folder_), IsEmpty());
+  EXPECT_EQ(bytesOf(folder_ + "/2"), "draft");
+  EXPECT_TRUE(setAside(folder_, 2));
+  EXPECT_THAT(lostFiles(folder_), ElementsAre(2)) << "which was the last name";
+}
+
 TEST_F(LostAndFoundTest, NothingThatIsThereIsOverwritten) {
   makeFile(1, "first");
   EXPECT_TRUE(setAside(folder_, 1));
