@@ -443,11 +443,11 @@ void Simulation::drain() {
   }
 }
 
-// But for what stays on this machine because of its name, in a folder that has gone: nobody can see it to remove it.
+// But for what stays on this machine because of its name: its folder may have gone, or have been made anew meanwhile.
 bool Simulation::isQueueEmpty() const {
   if (machine_->edits().pendingCount() == 0) return true;
-  return std::ranges::all_of(machine_->sender().report(), [this](const EditSender::Report& one) {
-    return one.state == SendState::staysHere && !one.until && machine_->edits().inodeOf(one.edit.id) == 0;
+  return std::ranges::all_of(machine_->sender().report(), [](const EditSender::Report& one) {
+    return one.state == SendState::staysHere && !one.until;
   });
 }
 
