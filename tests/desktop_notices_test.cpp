@@ -4,40 +4,27 @@
 #include <cstdlib>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <systemd/sd-bus.h>
 
 #include "platform/linux/dbus_desktop_notices.h"
+#include "recording_desktop.h"
 
 namespace vondle {
 namespace {
 
 using testing::ElementsAre;
 
-// What a desktop's part of the notifications is, on the thread that asks.
+// The desktop, and what it was asked for.
 class Desktop {
  public:
-  explicit Desktop(std::string capability) : capability_(std::move(capability)) {
-    EXPECT_GE(sd_bus_open_user(&bus_), 0);
-    static const sd_bus_vtable METHODS[] = {
-        SD_BUS_VTABLE_START(0),
-        SD_BUS_METHOD("GetCapabilities", "", "as", capabilities, 0),
-        SD_BUS_METHOD("Notify", "susssasa{sv}i", "u", notify, 0),
-        SD_BUS_METHOD("CloseNotification", "u", "", close, 0),
-        SD_BUS_VTABLE_END,
-    };
-    EXPECT_GE(sd_bus_add_object_vtable(bus_, nullptr, "/org/freedesktop/Notifications", "org.freedesktop.Notifications",
-                                       METHODS, this),
-              0);
-    EXPECT_GE(sd_bus_request_name(bus_, "org.freedesktop.Notifications", 0), 0);
+  explicit Desktop(std::string capability)
+      : desktop_(std::move(capability), [this](std::string line) { asked_.push_back(std::move(line)); }) {
+    EXPECT_TRUE(desktop_.isReady());
   }
-  ~Desktop() { sd_bus_flush_close_unref(bus_); }
-  Desktop(const Desktop&) = delete;
-  Desktop& operator=(const Desktop&) = delete;
 
   // What was asked for, once there are so many, or after five seconds.
   std::vector<std::string> asked(std::size_t count) {
@@ -51,33 +38,12 @@ class Desktop {
  private:
   bool waitUntil(const std::function<bool()>& isThere) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (!isThere() && std::chrono::steady_clock::now() < deadline)
-      if (sd_bus_process(bus_, nullptr) == 0) sd_bus_wait(bus_, 100'000);
-    sd_bus_flush(bus_);  // the answer to the last
+    while (!isThere() && std::chrono::steady_clock::now() < deadline) desktop_.answerSome();
     return isThere();
   }
-  static int capabilities(sd_bus_message* request, void* self, sd_bus_error*) {
-    return sd_bus_reply_method_return(request, "as", 1, static_cast<Desktop*>(self)->capability_.c_str());
-  }
-  static int notify(sd_bus_message* request, void* self, sd_bus_error*) {
-    auto& desktop = *static_cast<Desktop*>(self);
-    const char *program = nullptr, *icon = nullptr, *title = nullptr, *text = nullptr;
-    std::uint32_t replaced = 0;
-    sd_bus_message_read(request, "susss", &program, &replaced, &icon, &title, &text);
-    desktop.asked_.push_back(fmt::format("{} {}: {}: {}", program, replaced, title, text));
-    return sd_bus_reply_method_return(request, "u", replaced != 0 ? replaced : ++desktop.last_);
-  }
-  static int close(sd_bus_message* request, void* self, sd_bus_error*) {
-    std::uint32_t number = 0;
-    sd_bus_message_read(request, "u", &number);
-    static_cast<Desktop*>(self)->asked_.push_back(fmt::format("close {}", number));
-    return sd_bus_reply_method_return(request, "");
-  }
 
-  const std::string capability_;
-  sd_bus* bus_ = nullptr;
-  std::uint32_t last_ = 40;
   std::vector<std::string> asked_;
+  RecordingDesktop desktop_;
 };
 
 TEST(DBusDesktopNotices, AreShownReplacedAndWithdrawn) {

@@ -22,7 +22,7 @@ NAMES = [  # and whether the name cannot stand in a folder
     ("😀", False), ("%2F", False), ("n" * 255, False), ("\x7f\x01", False), ("CON", False), ("...", False),
 ]
 TROUBLE = ["cut", "reset", "early-reset", "stall", "longer", "status-500", "file-address", "no-server", "garbage-item",
-           "gone", "no-address", "round"]
+           "gone", "no-address", "round", "status-401"]
 LISTINGS = ["not-json", "half", "nested", "null", "wrong-types", "not-utf8", "status-500", "reset", "empty-body"]
 
 
@@ -173,6 +173,8 @@ class Account(http.server.BaseHTTPRequestHandler):
             self.answer(body + b"and more")
         elif identifier == "t-status-500":
             self.answer(b"<h1>\x1b]0;owned\x07</h1>", 500)
+        elif identifier == "t-status-401":
+            self.answer(b"", 401)
         elif identifier == "t-round":
             self.send_response(302)
             self.send_header("Location", self.path)

@@ -64,9 +64,9 @@ done
 
 # Contents that do not come as they should.
 fails() { ! timeout 60 cat "$1" >/dev/null 2>"$WORLD/out"; }
-for name in cut reset early-reset longer status-500 file-address no-server garbage-item gone no-address round; do
+for name in cut reset early-reset longer status-500 status-401 file-address no-server garbage-item gone no-address round; do
   check "contents fail: $name" fails "$MOUNT/trouble/$name"
-  check 'soon, and with an error of the system' grep -qE 'error|reach|route|No such' "$WORLD/out"
+  check 'soon, and with an error of the system' grep -qE 'error|reach|route|No such|denied' "$WORLD/out"
 done
 check 'a server that stalls holds nobody who gives up' sh -c "! timeout -s INT 2 cat '$MOUNT/trouble/stall' 2>/dev/null"
 check 'nor others meanwhile' test "$(cat "$MOUNT/plain.txt")" = 'contents of plain'

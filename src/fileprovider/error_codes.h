@@ -19,4 +19,8 @@ inline constexpr std::string_view API_ERROR_DOMAIN = "VondleAPIError";
 inline constexpr std::int64_t API_NOT_CONFIGURED = -1;
 inline constexpr std::int64_t API_MALFORMED = -2;
 
+// Stands behind the errors of operations whose contents did not come or go: the code is the HTTP status, 0 when there
+// was no HTTP response.
+inline constexpr std::string_view TRANSFER_ERROR_DOMAIN = "VondleTransferError";
+
 }  // namespace vondle

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "base/error.h"
+#include "fileprovider/error_codes.h"
 
 namespace vondle {
 
@@ -16,7 +17,7 @@ struct TransferError {
     noResponse,  // the answer lacks what it must hold, or its length is not the announced one
   };
 
-  static constexpr std::string_view DOMAIN = "VondleTransferError";
+  static constexpr std::string_view DOMAIN = TRANSFER_ERROR_DOMAIN;
 
   Kind kind;
   std::int64_t status = 0;  // of http

@@ -10,9 +10,6 @@ namespace vondle {
 
 namespace {
 
-// Errors of the extension's transfers: the code is the HTTP status.
-constexpr std::string_view TRANSFER_ERROR_DOMAIN = "VondleTransferError";
-
 // What a proxy says in place of a server that is away.
 constexpr std::array<std::int64_t, 3> GATEWAY_STATUSES = {502, 503, 504};
 

@@ -16,7 +16,9 @@ constexpr std::int64_t INSUFFICIENT_STORAGE = 507;
 // The first of the error and those behind it that is one of the two.
 const Error* find(const Error& error, std::int64_t fileProviderCode, std::int64_t status) {
   for (const auto* each = &error; each; each = each->underlying.get())
-    if (each->is(FILE_PROVIDER_ERROR_DOMAIN, fileProviderCode) || each->is(API_ERROR_DOMAIN, status)) return each;
+    if (each->is(FILE_PROVIDER_ERROR_DOMAIN, fileProviderCode) || each->is(API_ERROR_DOMAIN, status) ||
+        each->is(TRANSFER_ERROR_DOMAIN, status))
+      return each;
   return nullptr;
 }
 

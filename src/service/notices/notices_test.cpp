@@ -50,6 +50,13 @@ TEST_F(NoticesTest, AFullAccountIsToldOfOnceAndUntilThereIsRoomForAll) {
   EXPECT_THAT(desktop_->visible, IsEmpty());
 }
 
+TEST_F(NoticesTest, TheAccountMayTurnOutToBeFullWhenTheBytesCome) {
+  notices_->failed(Error(FILE_PROVIDER_ERROR_DOMAIN, SERVER_UNREACHABLE, "Vondle's server answered HTTP 507 for “a”.")
+                       .withUnderlying({TRANSFER_ERROR_DOMAIN, 507}),
+                   1);
+  EXPECT_THAT(desktop_->shown, ElementsAre("Vondle is full."));
+}
+
 TEST_F(NoticesTest, WhatBeginsAgainSoonIsNoNewsAndLaterIs) {
   notices_->failed(FULL, 1);
   went(1);
