@@ -15,10 +15,14 @@ class SimulatedDesktopNotices : public DesktopNotices {
     shown.emplace_back(text);
     visible[std::string(tag)] = text;
   }
-  void withdraw(std::string_view tag) override { visible.erase(std::string(tag)); }
+  void withdraw(std::string_view tag) override {
+    ++withdrawals;
+    visible.erase(std::string(tag));
+  }
 
   std::vector<std::string> shown;              // all
   std::map<std::string, std::string> visible;  // by tag
+  int withdrawals = 0;
 };
 
 }  // namespace vondle

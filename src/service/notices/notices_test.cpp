@@ -46,6 +46,9 @@ TEST_F(NoticesTest, AFullAccountIsToldOfOnceAndUntilThereIsRoomForAll) {
   went(1);
   went(3);
   EXPECT_THAT(desktop_->visible, SizeIs(1)) << "there is still no room for 2";
+  wait(NoticeRules::SOON * 2);
+  notices_->failed(FULL, 2);
+  EXPECT_THAT(desktop_->shown, SizeIs(1));
   went(2);
   EXPECT_THAT(desktop_->visible, IsEmpty());
 }
@@ -67,10 +70,26 @@ TEST_F(NoticesTest, WhatBeginsAgainSoonIsNoNewsAndLaterIs) {
   wait(seconds(1));
   notices_->failed(FULL, 3);
   EXPECT_THAT(desktop_->shown, SizeIs(2));
+  went(3);
+  wait(NoticeRules::SOON - seconds(1));
+  notices_->failed(FULL, 4);
+  EXPECT_THAT(desktop_->shown, SizeIs(2));
+}
+
+TEST_F(NoticesTest, NothingIsWithdrawnThatIsNotOver) {
+  notices_->answered();
+  went(1);
+  notices_->failed(FULL, 1);
+  notices_->answered();
+  went(2);
+  EXPECT_EQ(desktop_->withdrawals, 0);
 }
 
 TEST_F(NoticesTest, ARefusedKeyIsToldOfOnceAndUntilTheServerLetsUsIn) {
-  for (int i = 0; i < 3; ++i) notices_->failed(REFUSED);
+  for (int i = 0; i < 3; ++i) {
+    notices_->failed(REFUSED);
+    wait(NoticeRules::SOON);
+  }
   EXPECT_THAT(desktop_->shown, ElementsAre("Vondle needs to be signed in again."));
   notices_->answered();
   EXPECT_THAT(desktop_->visible, IsEmpty());
@@ -105,15 +124,26 @@ TEST_F(NoticesTest, ABurstOfConflictedCopiesIsOneNoticeThatCounts) {
   wait(Notices::GATHER_TIME);
   EXPECT_THAT(desktop_->shown, ElementsAre("30 files, “1.txt” the first, were changed on the server too; what was "
                                            "changed here is kept beside each as a conflicted copy."));
-  wait(NoticeRules::BURST - Notices::GATHER_TIME - seconds(1));
-  notices_->conflicted("31.txt");
-  wait(Notices::GATHER_TIME);
-  EXPECT_THAT(desktop_->visible, ElementsAre(Pair("conflict", HasSubstr("31 files"))));
-  wait(NoticeRules::BURST);
-  notices_->conflicted("a\nb");
+  for (int i = 31; i <= 33; ++i) {
+    wait(NoticeRules::BURST - Notices::GATHER_TIME - seconds(1));
+    notices_->conflicted(fmt::format("{}.txt", i));
+    wait(Notices::GATHER_TIME);
+    EXPECT_THAT(desktop_->visible, ElementsAre(Pair("conflict", HasSubstr(fmt::format("{} files, “1.txt”", i)))));
+  }
+  wait(NoticeRules::BURST - Notices::GATHER_TIME);
+  notices_->conflicted("again.txt");
   wait(Notices::GATHER_TIME);
   EXPECT_EQ(desktop_->shown.back(),
-            "“a\\nb” was changed on the server too; what was changed here is kept beside it as a conflicted copy.");
+            "“again.txt” was changed on the server too; what was changed here is kept beside it as a conflicted copy.");
+}
+
+TEST_F(NoticesTest, NamesAreShownAsTheyAreButForWhatCannotBeSeen) {
+  const std::string odd = "Für \"Zoë\" #1 (100%)? [draft] 'x' <b>&amp;";
+  notices_->conflicted(odd + "\n\x1b[31m");
+  wait(Notices::GATHER_TIME);
+  EXPECT_THAT(desktop_->shown, ElementsAre(testing::StartsWith("“" + odd + "\\n\\x1b[31m” was changed")));
+  notices_->failed(Error(FILE_PROVIDER_ERROR_DOMAIN, INSUFFICIENT_QUOTA, "“" + odd + "\x07” waits"), 1);
+  EXPECT_EQ(desktop_->shown.back(), "“" + odd + "\\x07” waits");
 }
 
 }  // namespace
