@@ -34,8 +34,6 @@ constexpr char conversionFor() {
     return '@';
   else if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, char>)
     return '?';
-  else if constexpr (std::is_same_v<T, bool> || std::is_same_v<T, char>)
-    return '?';
   else if constexpr (std::is_integral_v<T>)
     return 'd';
   else if constexpr (std::is_floating_point_v<T>)

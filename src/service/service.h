@@ -13,23 +13,14 @@
 #include "platform/desktop_notices.h"
 #include "platform/picture_scaler.h"
 #include "platform/platform.h"
-#include "service/contents/cache_limiter.h"
-#include "service/contents/content_store.h"
-#include "service/contents/edited_contents.h"
+#include "service/contents/cache_rules.h"
 #include "service/control/control_commands.h"
 #include "service/control/control_server.h"
-#include "service/edits/edit_sender.h"
-#include "service/edits/local_edits.h"
-#include "service/follow/follower.h"
-#include "service/follow/keeper.h"
 #include "service/instance_lock.h"
-#include "service/last_errors.h"
-#include "service/listing/folder_listing.h"
 #include "service/manager/service_manager.h"
 #include "service/mount/mount.h"
 #include "service/notices/notices.h"
-#include "service/replica/replica.h"
-#include "service/replica/tree.h"
+#include "service/service_core.h"
 #include "service/service_folders.h"
 #include "service/thumbnails/thumbnails.h"
 
@@ -47,8 +38,8 @@ struct ServiceOptions {
   std::shared_ptr<DesktopNotices> desktop = {};  // null: the user is told nothing there
 };
 
-// The file-provider service of one account: the tree, the contents, what programs change and its way to the server, the
-// folder, the change feed and the control socket over one extension. There is one per process.
+// The file-provider service of one account: the core, and before it the folder, the control socket and the desktop,
+// over one extension. There is one per process.
 //
 // It is made to be killed: everything that must last is on disk when it counts, and the next start takes it from there.
 // So the way to end the process after stop() is _exit, with the threads still there.
@@ -78,30 +69,16 @@ class Service {
   };
 
   Service() = default;
-  void limitContents(const CacheLimits& limits, Files& files);
-  void tellOnDesktop(const ServiceOptions& options, const Platform& platform);
-  // What programs change, also for a folder that is for reading alone: what is left of earlier runs still goes up.
-  Result<void> openEdits(const ServiceOptions& options, const ServiceFolders& folders, const Platform& platform);
   void makeThumbnails(const ServiceOptions& options, const ServiceFolders& folders, const Platform& platform);
 
   std::vector<InstanceLock> locks_;
-  LastErrors errors_;
   std::shared_ptr<Managers> managers_ = std::make_shared<Managers>();
-  std::unique_ptr<Replica> replica_;
-  std::unique_ptr<Tree> tree_;
   std::shared_ptr<ReplicatedExtension> extension_;
-  std::shared_ptr<ContentStore> contents_;
-  std::shared_ptr<CacheLimiter> limiter_;
-  std::shared_ptr<LocalEdits> edits_;
-  std::shared_ptr<EditedContents> edited_;
   std::shared_ptr<Notices> notices_;  // null when the user is to be told nothing
-  std::shared_ptr<EditSender> sender_;
-  std::shared_ptr<FolderListing> listing_;
-  std::shared_ptr<Keeper> keeper_;
+  std::unique_ptr<ServiceCore> core_;
   std::unique_ptr<PictureScaler> scaler_;
   std::shared_ptr<Thumbnails> thumbnails_;  // null when they are not wanted
   std::unique_ptr<Mount> mount_;
-  std::shared_ptr<Follower> follower_;
   std::unique_ptr<ControlCommands> commands_;
   std::unique_ptr<ControlServer> control_;
 };

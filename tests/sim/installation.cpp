@@ -51,36 +51,22 @@ void Installation::start() {
     removeLeftovers(*container, REPLACEMENT_PREFIX);
   removeLeftovers(files.temporaryFolder(), "");
 
-  replica_ = opened(Replica::open(folders_.replicaDatabase()));
-  tree_ = std::make_unique<Tree>(*replica_, scheduler);
   extension_ = extensionProcess_->makeExtension({"com.ferrow.vondle.account", "Vondle"},
                                                 [this](const Domain&) { return manager_; });
-  contents_ = opened(ContentStore::open(folders_.contentFiles(), *tree_, *extension_, errors_, scheduler, scheduler));
-  tree_->subscribe([this](const auto& changes) { contents_->apply(changes); });
-  edits_ = opened(LocalEdits::open(folders_.editDatabase(), *tree_, scheduler, random_));
-  edited_ = opened(EditedContents::open(folders_.editedFiles(), contents_, edits_, *tree_, scheduler, scheduler));
-  sender_ = EditSender::make({.services = {.extension = *extension_,
-                                           .edits = edits_,
-                                           .contents = edited_,
-                                           .sync = [this](auto completion) { follower_->sync(std::move(completion)); },
-                                           .scheduler = scheduler},
-                              .tree = *tree_,
-                              .errors = errors_,
-                              .clock = scheduler,
-                              .temporaryNames = TemporaryNames()});
-  listing_ = std::make_shared<FolderListing>(*tree_, *extension_, errors_, scheduler, scheduler);
-  follower_ = std::make_shared<Follower>(*extension_, *tree_, scheduler, scheduler, files, folders_.anchorFile(),
-                                         [this] { return filesystem_->lastUse(); });
-  filesystem_ = std::make_shared<WritableFilesystem>(*tree_, *listing_, *contents_, edited_, edits_, scheduler,
-                                                     [this] { follower_->noteUse(); });
-  edited_->onSettled(
+  core_ = opened(
+      ServiceCore::open({.extension = *extension_, .platform = platform_, .folders = folders_, .lastUse = [this] {
+                           return filesystem_->lastUse();
+                         }}));
+  filesystem_ =
+      std::make_shared<WritableFilesystem>(core_->tree(), *core_->listing(), *core_->contents(), core_->edited(),
+                                           core_->edits(), scheduler, [this] { core_->noteUse(); });
+  core_->edited()->onSettled(
       [this](Inode inode, std::optional<std::uint64_t> tag) { filesystem_->contentsSettled(inode, tag); });
-  tree_->subscribe([this](const std::vector<ReplicaChange>& news) { filesystem_->apply(news); });
-  manager_ = std::make_shared<ServiceManager>("/home/tester/Vondle", *tree_, contents_, follower_, scheduler);
+  core_->tree().subscribe([this](const std::vector<ReplicaChange>& news) { filesystem_->apply(news); });
+  manager_ = std::make_shared<ServiceManager>("/home/tester/Vondle", core_->tree(), core_->contents(),
+                                              core_->follower(), scheduler);
   kernel_ = std::make_unique<Kernel>(filesystem_, scheduler);
-  follower_->start();
-  sender_->start();
-  contents_->checkServerWith([this](auto completion) { follower_->sync(std::move(completion)); });
+  core_->start();
 }
 
 }  // namespace vondle::sim

@@ -8,18 +8,9 @@
 #include "platform/linux/linux_files.h"
 #include "provider/process.h"
 #include "provider/vondle_file_provider.h"
-#include "service/contents/content_store.h"
-#include "service/contents/edited_contents.h"
-#include "service/edits/edit_sender.h"
-#include "service/edits/local_edits.h"
-#include "service/follow/follower.h"
-#include "service/last_errors.h"
-#include "service/listing/folder_listing.h"
 #include "service/manager/service_manager.h"
 #include "service/mount/writable_filesystem.h"
-#include "service/replica/replica.h"
-#include "service/replica/tree.h"
-#include "service/service_folders.h"
+#include "service/service_core.h"
 #include "testing/scripted_url_session.h"
 #include "testing/simulated_keychain.h"
 #include "testing/simulated_notify_centre.h"
@@ -31,9 +22,8 @@
 
 namespace vondle::sim {
 
-// One life of the service's process: the extension and the service over the files of a home folder, in virtual time,
-// made and connected as Service::start does it, with the simulated kernel in place of the mount. One whose process has
-// died is left alone, never destroyed.
+// One life of the service's process: the extension and the service's core over the files of a home folder, in virtual
+// time, with the simulated kernel in place of the mount. One whose process has died is left alone, never destroyed.
 class Installation {
  public:
   Installation(const std::string& home, std::uint64_t seed, Timestamp now);
@@ -41,12 +31,9 @@ class Installation {
   // Throws std::runtime_error when a part refuses to open.
   void start();
 
-  [[nodiscard]] Replica& tree() { return *replica_; }
-  [[nodiscard]] LocalEdits& edits() { return *edits_; }
-  [[nodiscard]] EditedContents& edited() { return *edited_; }
-  [[nodiscard]] ContentStore& contents() { return *contents_; }
-  [[nodiscard]] EditSender& sender() { return *sender_; }
-  [[nodiscard]] Follower& follower() { return *follower_; }
+  [[nodiscard]] ServiceCore& core() { return *core_; }
+  [[nodiscard]] Replica& tree() { return core_->replica(); }
+  [[nodiscard]] LocalEdits& edits() { return *core_->edits(); }
   [[nodiscard]] Kernel& kernel() { return *kernel_; }
   [[nodiscard]] const ServiceFolders& folders() const { return folders_; }
 
@@ -64,17 +51,9 @@ class Installation {
   Platform platform_;
   ServiceFolders folders_;
   std::unique_ptr<Process> extensionProcess_;
-  LastErrors errors_;
-  std::unique_ptr<Replica> replica_;
-  std::unique_ptr<Tree> tree_;
   std::shared_ptr<VondleFileProvider> extension_;
   std::shared_ptr<Manager> manager_;
-  std::shared_ptr<ContentStore> contents_;
-  std::shared_ptr<LocalEdits> edits_;
-  std::shared_ptr<EditedContents> edited_;
-  std::shared_ptr<EditSender> sender_;
-  std::shared_ptr<FolderListing> listing_;
-  std::shared_ptr<Follower> follower_;
+  std::unique_ptr<ServiceCore> core_;
   std::shared_ptr<WritableFilesystem> filesystem_;
   std::unique_ptr<Kernel> kernel_;
 };

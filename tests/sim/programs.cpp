@@ -99,8 +99,8 @@ Programs::Programs(Installation& machine, SimulatedStorage& storage, Oracle& ora
 // --- What there is ---
 
 std::optional<std::string> Programs::shown(Inode inode) const {
-  if (const auto file = machine_.edited().find(inode)) return printOfFile(file->descriptor());
-  const auto item = machine_.tree().keptItem(inode);
+  if (const auto file = machine_.core().edited()->find(inode)) return printOfFile(file->descriptor());
+  const auto item = machine_.tree().storedItem(inode);
   if (!item || item->isFolder()) return std::nullopt;
   return storage_.printOf(item->itemIdentifier.text, numberOf(item->itemVersion.contentVersion));
 }
@@ -693,7 +693,7 @@ void Programs::evict() {
   const auto all = targets(false);
   if (all.empty()) return;
   const auto& target = random_.anyOf(all);
-  const auto refused = machine_.contents().evict(target.item.inode);
+  const auto refused = machine_.core().contents()->evict(target.item.inode);
   trace_.add("evict {} ({}){}", target.name, target.item.inode, refused ? ": refused" : "");
 }
 

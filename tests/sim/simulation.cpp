@@ -216,7 +216,7 @@ void Simulation::step() {
   } else if (kind < 56) {
     live([this] { machine_->kernel().interruptAll(); });
   } else if (kind < 57) {
-    live([this] { machine_->sender().sendNow(); });
+    live([this] { machine_->core().sender()->sendNow(); });
   } else if (kind < 75) {
     const auto count = 1 + random_.below(80);
     live([this, count] {
@@ -446,7 +446,7 @@ void Simulation::drain() {
 // But for what stays on this machine because of its name: its folder may have gone, or have been made anew meanwhile.
 bool Simulation::isQueueEmpty() const {
   if (machine_->edits().pendingCount() == 0) return true;
-  return std::ranges::all_of(machine_->sender().report(), [](const EditSender::Report& one) {
+  return std::ranges::all_of(machine_->core().sender()->report(), [](const EditSender::Report& one) {
     return one.state == SendState::staysHere && !one.until;
   });
 }

@@ -311,7 +311,7 @@ Result<Edit> LocalEdits::moveToTrash(Inode folder, const std::string& name) {
   Edit edit = editFor(*item);
   edit.fields |= EDIT_TRASHED;
   noteChange(edit);
-  auto kept = isCreated(edit) ? Result<Item>(Item()) : replica_.keptItem(item->inode);
+  auto kept = isCreated(edit) ? Result<Item>(Item()) : replica_.storedItem(item->inode);
   Plan plan;
   plan.gone.push_back(item->inode);
   plan.edits.edits.push_back(edit);
@@ -919,7 +919,7 @@ Edit LocalEdits::editFor(const ItemAttributes& item) {
   edit.isFolder = item.isFolder;
   edit.place = replica_.placeOf(item.inode).value_or(Place());
   edit.serverPlace = edit.place;
-  if (const auto kept = replica_.keptItem(item.inode)) edit.baseVersion = kept->itemVersion;
+  if (const auto kept = replica_.storedItem(item.inode)) edit.baseVersion = kept->itemVersion;
   return edit;
 }
 

@@ -362,7 +362,7 @@ void Replica::restoreEdits(const EditBatch& edits) {
   });
 }
 
-Result<Item> Replica::keptItem(Inode inode) {
+Result<Item> Replica::storedItem(Inode inode) {
   return store_.item(inode);
 }
 

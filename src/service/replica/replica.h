@@ -124,7 +124,7 @@ class Replica {
   // Shows these edits, after which they are kept: before anything else is changed.
   void restoreEdits(const EditBatch& edits) EXCLUDES(lock_);
   // What the server said of the item, for its version; unlike item, for the thread that changes.
-  [[nodiscard]] Result<Item> keptItem(Inode inode);
+  [[nodiscard]] Result<Item> storedItem(Inode inode);
 
  private:
   // What came while a folder was being listed.
