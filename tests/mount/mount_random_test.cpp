@@ -11,9 +11,11 @@
 #include <utility>
 
 #include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "mount_rig.h"
+#include "service/contents/lost_and_found.h"
 
 namespace vondle {
 namespace {
@@ -315,6 +317,7 @@ TEST(MountRandomTest, AFileStaysWhatItWouldBeOnALocalDisk) {
     if (i % 64 == 0) writes.compareAll();
   }
   writes.compareAll();
+  EXPECT_THAT(lostFiles(scratch.path() + "/edits"), testing::IsEmpty()) << "what was sent was taken for lost";
   fmt::print("{} changes by another device, {} evictions\n", writes.changesElsewhere(), writes.evictions());
   if (!testing::Test::HasFailure()) return;
   fmt::print("seed {}, the last acts:\n", seed);
