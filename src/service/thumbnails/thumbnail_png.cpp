@@ -12,8 +12,6 @@ namespace {
 constexpr std::string_view SIGNATURE = "\x89PNG\r\n\x1A\n";
 constexpr std::size_t FRAME = 12;  // length, type, checksum
 constexpr std::string_view HEADER = "IHDR", DATA = "IDAT", END = "IEND", TEXT = "tEXt";
-// Of the physical size, which the helper's library always writes.
-constexpr std::string_view DENSITY = "pHYs";
 
 std::uint32_t numberAt(std::string_view bytes, std::size_t position) {
   std::uint32_t number = 0;
@@ -73,10 +71,8 @@ std::optional<Size> sizeOf(std::string_view png, unsigned maxSide) {
   for (bool hasData = false; const auto next = takeChunk(png);) {
     if (!next->hasRightChecksum()) return std::nullopt;
     if (next->type == END) return hasData && next->data.empty() && png.empty() ? std::optional(size) : std::nullopt;
-    if (next->type == DATA)
-      hasData = true;
-    else if (next->type != DENSITY)
-      return std::nullopt;
+    if (next->type != DATA) return std::nullopt;
+    hasData = true;
   }
   return std::nullopt;
 }

@@ -4,11 +4,16 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "platform/linux/preview_helper/pixels.h"
+#include "platform/linux/preview_helper/png_writer.h"
 #include "platform/linux/preview_helper/vips_handle.h"
 
 namespace vondle {
@@ -17,8 +22,6 @@ namespace {
 constexpr std::uint32_t MAX_PICTURE_BYTES = 4u << 20;
 // Ours have 400 pixels on the longer side, of videos 960 on the shorter.
 constexpr std::int64_t MAX_PIXELS = 25'000'000;
-// They are read once or twice and made by the hundred: quick is better than small.
-constexpr int COMPRESSION = 1;
 
 bool readAll(int descriptor, void* bytes, std::size_t size) {
   auto* to = static_cast<char*>(bytes);
@@ -53,62 +56,61 @@ int longerSide(VipsImage* image) {
   return std::max(vips_image_get_width(image), vips_image_get_height(image));
 }
 
-// No longer than the side, upright, decoded once into memory as sRGB with or without transparency.
-ImageHandle decode(const std::string& picture, int side, bool throughProfile) {
+int times(double length, double scale) {
+  return std::max(1, static_cast<int>(std::lround(length * scale)));
+}
+
+std::optional<Pixels> pixelsOf(VipsImage* image) {
+  const int bands = vips_image_get_bands(image);
+  if (bands != 3 && bands != 4) return std::nullopt;
+  std::size_t size = 0;
+  const std::unique_ptr<void, void (*)(void*)> memory(vips_image_write_to_memory(image, &size), g_free);
+  if (!memory) return std::nullopt;
+  const auto* values = static_cast<const std::uint8_t*>(memory.get());
+  return Pixels{.width = vips_image_get_width(image),
+                .height = vips_image_get_height(image),
+                .bands = bands,
+                .values = {values, values + size}};
+}
+
+// No longer than the side, upright, in sRGB with or without transparency.
+std::optional<Pixels> decode(const std::string& picture, int side, bool throughProfile) {
   const auto small = made([&](VipsImage** out) {
     return vips_thumbnail_buffer(const_cast<char*>(picture.data()), picture.size(), out, side, "height", side, "size",
                                  VIPS_SIZE_BOTH, "option_string", "[fail_on=truncated]",
                                  throughProfile ? "export_profile" : nullptr, "srgb", nullptr);
   });
-  if (!small) return nullptr;
+  if (!small) return std::nullopt;
   const auto inColour =
       made([&](VipsImage** out) { return vips_colourspace(small.get(), out, VIPS_INTERPRETATION_sRGB, nullptr); });
-  if (!inColour) return nullptr;
+  if (!inColour) return std::nullopt;
   const auto bytes = made([&](VipsImage** out) { return vips_cast_uchar(inColour.get(), out, nullptr); });
-  return bytes ? ImageHandle(vips_image_copy_memory(bytes.get())) : nullptr;
+  return bytes ? pixelsOf(bytes.get()) : std::nullopt;
 }
 
-ImageHandle decode(const std::string& picture, int maxSide) {
+std::optional<Pixels> decode(const std::string& picture, int maxSide) {
   const ImageHandle header(vips_image_new_from_buffer(picture.data(), picture.size(), "", nullptr));
-  if (!header) return nullptr;
+  if (!header) return std::nullopt;
   const std::int64_t width = vips_image_get_width(header.get());
-  if (width * vips_image_get_height(header.get()) > MAX_PIXELS) return nullptr;
+  if (width * vips_image_get_height(header.get()) > MAX_PIXELS) return std::nullopt;
   const int side = std::min(maxSide, longerSide(header.get()));
   const bool hasProfile = vips_image_get_typeof(header.get(), VIPS_META_ICC_NAME) != 0 ||
                           vips_image_get_interpretation(header.get()) == VIPS_INTERPRETATION_CMYK;
   if (hasProfile)
-    if (auto image = decode(picture, side, true)) return image;
+    if (auto pixels = decode(picture, side, true)) return pixels;
   return decode(picture, side, false);
-}
-
-ImageHandle scaleDown(ImageHandle image, int side) {
-  if (longerSide(image.get()) <= side) return image;
-  const auto scaled = made([&](VipsImage** out) {
-    return vips_thumbnail_image(image.get(), out, side, "height", side, "size", VIPS_SIZE_BOTH, nullptr);
-  });
-  return scaled ? ImageHandle(vips_image_copy_memory(scaled.get())) : nullptr;
-}
-
-std::optional<std::string> encode(VipsImage* image) {
-  void* data = nullptr;
-  std::size_t size = 0;
-  if (vips_pngsave_buffer(image, &data, &size, "compression", COMPRESSION, "filter", VIPS_FOREIGN_PNG_FILTER_SUB,
-                          "strip", TRUE, nullptr) != 0)
-    return std::nullopt;
-  std::string png(static_cast<const char*>(data), size);
-  g_free(data);
-  return png;
 }
 
 // The largest first, each made of the one before: that halves the work.
 std::vector<std::string> thumbnailsOf(const std::string& picture, std::span<const int> sides) {
+  auto pixels = decode(picture, sides.back());
+  if (!pixels) return {};
+  const double width = pixels->width, height = pixels->height;
   std::vector<std::string> pngs(sides.size());
-  auto image = decode(picture, sides.back());
   for (std::size_t i = sides.size(); i-- > 0;) {
-    image = image ? scaleDown(std::move(image), sides[i]) : nullptr;
-    auto png = image ? encode(image.get()) : std::nullopt;
-    if (!png) return {};
-    pngs[i] = std::move(*png);
+    const double scale = sides[i] / std::max(width, height);
+    if (scale < 1) *pixels = scaledDown(std::move(*pixels), times(width, scale), times(height, scale));
+    pngs[i] = scale < 1 || i + 1 == sides.size() ? encodePNG(*pixels) : pngs[i + 1];
   }
   return pngs;
 }
