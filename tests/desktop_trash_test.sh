@@ -107,6 +107,24 @@ check 'and can be read or says that it cannot' sh -c '[ "$(cat "$1")" = elsewher
 check 'and restored' mv "$TRASH/files/elsewhere.txt" "$MOUNT/Letters/elsewhere.txt"
 check 'with its contents' holds Letters/elsewhere.txt elsewhere
 
+# To elsewhere, while another has its name where it was.
+printf 'the old one' >"$MOUNT/Letters/$ODD.2"
+check 'it is sent' sent
+check 'it is trashed' mv "$MOUNT/Letters/$ODD.2" "$TRASH/files/"
+printf 'the new one' >"$MOUNT/Letters/$ODD.2"
+check 'another has its name' sent
+check 'it does not take its place' sh -c '! mv "$1" "$2" 2>/dev/null' - "$TRASH/files/$ODD.2" "$MOUNT/Letters/$ODD.2"
+mkdir "$MOUNT/Elsewhere"
+check 'and is restored to elsewhere' mv "$TRASH/files/$ODD.2" "$MOUNT/Elsewhere/"
+check 'which is what it was' holds "Elsewhere/$ODD.2" 'the old one'
+check 'as the other is' holds "Letters/$ODD.2" 'the new one'
+check 'the server has both' test "$(other_device ls Elsewhere | cut -f 6; other_device ls Letters | cut -f 6 | grep -F .2)" = "$ODD.2
+$ODD.2"
+rm -r "$MOUNT/Elsewhere" "$MOUNT/Letters/$ODD.2"
+check 'both can go' sent
+check 'and be purged' rm -r "$TRASH/files/Elsewhere" "$TRASH/files/Für "*
+check 'the folder is as it was' there Letters/plain.txt
+
 # Without the server, and through a death.
 printf 'written offline' >"$WORLD/offline"
 stop_storage

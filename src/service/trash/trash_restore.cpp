@@ -6,6 +6,7 @@
 #include "fileprovider/error_codes.h"
 #include "service/edits/send_failure.h"
 #include "service/replica/local_name.h"
+#include "service/trash/restore_aside.h"
 
 namespace vondle {
 namespace {
@@ -14,6 +15,8 @@ constexpr Request VIEWER{.isFileViewerRequest = true};
 
 // How often is looked whether an item that is on its way has arrived.
 constexpr Duration POLL_INTERVAL = seconds(0.05);
+// And whether what is in the way on the server has gone.
+constexpr Duration CLASH_INTERVAL = seconds(0.5);
 
 std::unexpected<Error> refused(int number) {
   return failure(Error::posix(number, "restoring from the trash"));
@@ -69,10 +72,14 @@ void TrashRestore::lookUp() {
 }
 
 void TrashRestore::waitUntilSent() {
-  if (trash_->parts_.clock.monotonic() - startedAt_ > Trash::SENDING_PATIENCE) return finish(refused(EBUSY));
+  if (!hasPatience()) return finish(refused(EBUSY));
   trash_->queue_->after(POLL_INTERVAL, [self = shared_from_this()] {
     self->trash_->hasArrived(self->number_) ? self->confirm() : self->takeBack(std::nullopt);
   });
+}
+
+bool TrashRestore::hasPatience() const {
+  return trash_->parts_.clock.monotonic() - startedAt_ <= Trash::SENDING_PATIENCE;
 }
 
 void TrashRestore::confirm() {
@@ -87,27 +94,82 @@ void TrashRestore::confirm() {
 }
 
 void TrashRestore::ask() {
-  const auto* entry = trash_->find(number_);
-  Item item;
-  item.itemIdentifier = item_;
-  item.filename = entry->serverName;
-  item.itemVersion = entry->version;
+  auto item = inTrash();
+  const auto version = item.itemVersion;
   // Anywhere but the trash: the server knows where it was.
   item.parentItemIdentifier = ROOT_CONTAINER;
   trash_->parts_.extension.modifyItem(
-      std::move(item), entry->version, FIELD_PARENT_ITEM_IDENTIFIER, std::nullopt, 0, VIEWER,
+      std::move(item), version, FIELD_PARENT_ITEM_IDENTIFIER, std::nullopt, 0, VIEWER,
       onQueue([](TrashRestore& self, const Result<SavedItem>& saved) { self.restored(saved); }));
+}
+
+Item TrashRestore::inTrash() const {
+  const auto* entry = trash_->find(number_);
+  Item item;
+  item.itemIdentifier = item_;
+  item.parentItemIdentifier = TRASH_CONTAINER;
+  item.filename = entry->serverName;
+  item.itemVersion = entry->version;
+  return item;
 }
 
 void TrashRestore::restored(const Result<SavedItem>& saved) {
   if (!saved) {
     const auto why = sendFailureOf(saved.error());
-    if (why == SendFailure::clash) return finish(refused(EEXIST));
+    if (why == SendFailure::clash) return makeWay();
     if (why == SendFailure::noSuchItem) return checkServer(saved.error());
     return finish(failure(saved.error()));
   }
   saved_ = saved->item;
   trash_->parts_.tree.applyUpdates({*saved_}, onQueue([](TrashRestore& self) { self.place(); }));
+}
+
+// On the server something has the place where it was.
+void TrashRestore::makeWay() {
+  if (trash_->find(number_)->path != trash_->pathOf(folder_, name_)) return restoreAside();
+  isWayToBeFree() ? askAgain(EEXIST) : finish(refused(EEXIST));
+}
+
+// When the server has heard of what programs did, unless that takes too long.
+void TrashRestore::askAgain(int otherwise) {
+  if (!hasPatience()) return finish(refused(otherwise));
+  if (trash_->parts_.sendNow) trash_->parts_.sendNow();
+  trash_->queue_->after(CLASH_INTERVAL, [self = shared_from_this()] { self->confirm(); });
+}
+
+// Programs have taken away what stands there.
+bool TrashRestore::isWayToBeFree() const {
+  const auto& replica = trash_->parts_.tree.replica();
+  const auto folder = replica.identifierOf(folder_);
+  return folder && !replica.lookup(folder_, name_) &&
+         !replica.editsOnServerAt({*folder, trash_->find(number_)->serverName}).empty();
+}
+
+void TrashRestore::restoreAside() {
+  const auto& replica = trash_->parts_.tree.replica();
+  const auto folder = replica.identifierOf(folder_);
+  auto name = serverName(name_);
+  if (!folder || !name || replica.lookup(folder_, name_)) return finish(refused(EEXIST));
+  if (isLocal(*folder)) return askAgain(EBUSY);
+  const auto& path = trash_->find(number_)->path;
+  const auto slash = path.rfind('/');
+  std::make_shared<RestoreAside>(
+      trash_->parts_.extension, trash_->queue_,
+      RestoreAside::Wish{.item = inTrash(),
+                         .formerFolder = slash == std::string::npos ? "" : path.substr(0, slash),
+                         .folder = *folder,
+                         .name = std::move(*name)},
+      [self = shared_from_this()](Result<std::vector<Item>> changed) {
+        if (!changed) {
+          self->trash_->isStale_ = true;
+          const bool isTaken = sendFailureOf(changed.error()) == SendFailure::clash;
+          return self->finish(isTaken ? refused(EEXIST) : failure(changed.error()));
+        }
+        self->trash_->remove(self->number_);
+        self->trash_->parts_.tree.applyUpdates(std::move(*changed),
+                                               self->onQueue([](TrashRestore& shown) { shown.finish({}); }));
+      })
+      ->start();
 }
 
 // It is out of the trash. In the folder it may not be shown, because nobody has looked where it is.

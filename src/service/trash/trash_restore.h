@@ -21,9 +21,15 @@ class TrashRestore : public std::enable_shared_from_this<TrashRestore> {
   void takenBack(const Result<Inode>& inode);
   void lookUp();
   void waitUntilSent();
+  [[nodiscard]] bool hasPatience() const;
   void confirm();
   void ask();
+  [[nodiscard]] Item inTrash() const;
   void restored(const Result<SavedItem>& saved);
+  void makeWay();
+  [[nodiscard]] bool isWayToBeFree() const;
+  void askAgain(int otherwise);
+  void restoreAside();
   void place();
   void moveOnServer();
   void moveHere(Inode from, const std::string& name);

@@ -417,11 +417,128 @@ TEST_F(TrashTest, RestoringFailsClearlyAndChangesNothing) {
   EXPECT_THAT(shown(), ElementsAre("a.txt <- a.txt"));
   comeBack();
   extension_->addFile("2", ROOT, "a.txt", "other");
-  EXPECT_EQ(restore("a.txt", "b.txt"), EEXIST) << "its old name is taken";
+  EXPECT_EQ(restore("a.txt", "a.txt"), EEXIST);
   EXPECT_THAT(shown(), ElementsAre("a.txt <- a.txt"));
+  EXPECT_THAT(server(), ElementsAre("a.txt=other"));
   extension_->remove("1");
   scheduler_.advance(Trash::MAX_AGE_FOR_CHANGES * 2);
   EXPECT_EQ(restore("a.txt", "b.txt"), ENOENT) << "somebody else has purged it";
+}
+
+TEST_F(TrashTest, RestoringToElsewhereWorksWhenTheOldNameIsTaken) {
+  extension_->addFolder("d", ROOT, "Für #1 (100%)?");
+  extension_->addFolder("e", "d", "%=x");
+  extension_->addFile("1", "e", "a.txt", "old");
+  extension_->addFolder("o", ROOT, "other");
+  beginWithTrash();
+  list("d");
+  list("e");
+  list("o");
+  put("Für #1 (100%)?/%=%25=x/a.txt", "a.txt");
+  settle();
+  look();
+  extension_->addFile("2", "e", "a.txt", "new");
+  extension_->addFile("3", "e", "a (conflicted copy).txt", "third");
+  list("e");
+  EXPECT_EQ(restore("a.txt", "other/a.txt"), 0);
+  EXPECT_EQ(at("other/a.txt"), inode("1"));
+  EXPECT_THAT(shown(), IsEmpty());
+  EXPECT_THAT(server(),
+              UnorderedElementsAre("Für #1 (100%)?/", "Für #1 (100%)?/%=x/", "Für #1 (100%)?/%=x/a.txt=new",
+                                   "Für #1 (100%)?/%=x/a (conflicted copy).txt=third", "other/", "other/a.txt=old"));
+  scheduler_.advance(seconds(10));
+  EXPECT_EQ(at("Für #1 (100%)?/%=%25=x/a.txt"), inode("2"));
+  EXPECT_EQ(edits_->pendingCount(), 0U);
+}
+
+TEST_F(TrashTest, RestoringToANewFolderWaitsUntilTheServerHasItWhenTheOldNameIsTaken) {
+  extension_->addFolder("1", ROOT, "a");
+  extension_->addFile("i", "1", "inside", "i");
+  beginWithTrash();
+  list("1");
+  put("a", "a");
+  settle();
+  look();
+  makeFolder("a");
+  settle();
+  makeFolder("n");
+  EXPECT_EQ(restore("a", "n/b", seconds(2)), 0);
+  EXPECT_EQ(at("n/b"), inode("1"));
+  EXPECT_THAT(server(), ElementsAre("a/", "n/", "n/b/", "n/b/inside=i"));
+}
+
+TEST_F(TrashTest, WhatCannotBeRestoredToElsewhereStaysAndTheOtherKeepsItsName) {
+  extension_->addFile("1", ROOT, "a.txt", "old");
+  extension_->addFolder("o", ROOT, "other");
+  beginWithTrash();
+  list("o");
+  put("a.txt", "a.txt");
+  settle();
+  look();
+  extension_->addFile("2", ROOT, "a.txt", "new");
+  extension_->addFile("3", "o", "taken.txt", "unseen");
+  EXPECT_EQ(restore("a.txt", "other/taken.txt"), EEXIST);
+  EXPECT_THAT(shown(), ElementsAre("a.txt <- a.txt"));
+  EXPECT_THAT(extension_->trash(), ElementsAre("a.txt"));
+  EXPECT_THAT(server(), ElementsAre("a.txt=new", "other/", "other/taken.txt=unseen"));
+  extension_->failNextChanges(1, Error(API_ERROR_DOMAIN, 409));
+  extension_->failNextChanges(1, Error(API_ERROR_DOMAIN, 403));
+  EXPECT_EQ(restore("a.txt", "other/b.txt"), EACCES) << "the other may not be renamed";
+  EXPECT_THAT(extension_->trash(), ElementsAre("a.txt"));
+  EXPECT_THAT(server(), ElementsAre("a.txt=new", "other/", "other/taken.txt=unseen"));
+  EXPECT_EQ(restore("a.txt", "other/b.txt"), 0);
+  EXPECT_THAT(server(), ElementsAre("a.txt=new", "other/", "other/b.txt=old", "other/taken.txt=unseen"));
+}
+
+TEST_F(TrashTest, WhoRenamesWhatHadTheOldNameMeanwhileHasTheLastWord) {
+  extension_->addFile("1", ROOT, "a.txt", "old");
+  beginWithTrash();
+  put("a.txt", "a.txt");
+  settle();
+  look();
+  auto other = extension_->addFile("2", ROOT, "a.txt", "new");
+  extension_->holdAnswers();
+  EXPECT_EQ(restore("a.txt", "b.txt"), -1);
+  while (changes().back() != "place a.txt -> b.txt") {
+    ASSERT_TRUE(extension_->letOneGo());
+    scheduler_.runUntilIdle();
+  }
+  other.filename = "theirs.txt";
+  extension_->add(other, "new");
+  extension_->letAnswersGo();
+  scheduler_.runUntilIdle();
+  EXPECT_THAT(server(), ElementsAre("b.txt=old", "theirs.txt=new"));
+  EXPECT_EQ(at("theirs.txt"), inode("2"));
+}
+
+TEST_F(TrashTest, WhatIsAboutToGoOnTheServerIsNotInTheWay) {
+  extension_->addFile("1", ROOT, "a.txt", "old");
+  beginWithTrash();
+  put("a.txt", "a.txt");
+  settle();
+  look();
+  create("a.txt", "new");
+  settle();
+  move("a.txt", "b.txt");
+  EXPECT_EQ(restore("a.txt", "a.txt", seconds(3)), 0);
+  EXPECT_EQ(at("a.txt"), inode("1"));
+  scheduler_.advance(seconds(10));
+  EXPECT_THAT(server(), ElementsAre("a.txt=old", "b.txt=new"));
+}
+
+TEST_F(TrashTest, WhatIsRestoredWhileTheTrashIsListedIsRestoredByWhatIsThereNow) {
+  extension_->addFile("1", TRASH_CONTAINER.text, "a.txt", "a");
+  beginWithTrash();
+  look();
+  tree_->applyUpdates({extension_->addFile("2", ROOT, "news", "")}, [] {});
+  scheduler_.runUntilIdle();
+  extension_->holdListings();
+  EXPECT_EQ(look(), -1);
+  EXPECT_EQ(restore("a.txt", "a.txt"), -1) << "somebody may have purged it";
+  EXPECT_THAT(changes(), IsEmpty());
+  extension_->letAnswersGo();
+  scheduler_.runUntilIdle();
+  EXPECT_THAT(server(), ElementsAre("a.txt=a", "news="));
 }
 
 TEST_F(TrashTest, OnlyWhatIsInTheTrashNowIsPurged) {
