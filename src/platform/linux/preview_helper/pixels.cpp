@@ -56,13 +56,14 @@ void appendMeans(const std::vector<std::uint32_t>& row, const std::vector<Share>
   const auto bands = static_cast<std::size_t>(scaled.bands);
   // The last column has no next one to share with: one more takes the nothing that is for it.
   std::vector<std::uint32_t> sums((static_cast<std::size_t>(scaled.width) + 1) * bands);
-  for (std::size_t i = 0; i < columns.size(); ++i)
-    for (std::size_t band = 0; band < bands; ++band) {
-      const auto value = row[i * bands + band];
-      const auto to = columns[i].to * bands + band;
-      sums[to] += value * columns[i].first;
-      sums[to + bands] += value * columns[i].second;
+  const auto* value = row.data();
+  for (const auto& share : columns) {
+    auto* sum = sums.data() + share.to * bands;
+    for (std::size_t band = 0; band < bands; ++band, ++value) {
+      sum[band] += *value * share.first;
+      sum[band + bands] += *value * share.second;
     }
+  }
   const auto mean = [area](std::uint32_t sum) {
     return static_cast<std::uint8_t>(static_cast<float>(sum) / area + 0.5F);
   };

@@ -35,12 +35,11 @@ std::vector<std::uint8_t> filtered(const Pixels& picture) {
   const std::vector<std::uint8_t> nothing(size);
   const auto* above = nothing.data();
   const auto* row = picture.values.data();
-  for (auto to = result.begin(); to != result.end(); above = row, row += size) {
+  for (auto* to = result.data(); to != result.data() + result.size(); above = row, row += size, to += size) {
     *to++ = AVERAGE;
-    for (std::size_t i = 0; i < size; ++i) {
-      const int left = i < bands ? 0 : row[i - bands];
-      *to++ = static_cast<std::uint8_t>(row[i] - (left + above[i]) / 2);
-    }
+    for (std::size_t i = 0; i < bands; ++i) to[i] = static_cast<std::uint8_t>(row[i] - above[i] / 2);
+    for (std::size_t i = bands; i < size; ++i)
+      to[i] = static_cast<std::uint8_t>(row[i] - (row[i - bands] + above[i]) / 2);
   }
   return result;
 }

@@ -73,31 +73,40 @@ std::optional<Pixels> pixelsOf(VipsImage* image) {
                 .values = {values, values + size}};
 }
 
-// No longer than the side, upright, in sRGB with or without transparency.
+std::optional<Pixels> inSRGB(VipsImage* image) {
+  const auto inColour =
+      made([&](VipsImage** out) { return vips_colourspace(image, out, VIPS_INTERPRETATION_sRGB, nullptr); });
+  if (!inColour) return std::nullopt;
+  const auto bytes = made([&](VipsImage** out) { return vips_cast_uchar(inColour.get(), out, nullptr); });
+  return bytes ? pixelsOf(bytes.get()) : std::nullopt;
+}
+
+// No longer than the side and upright.
 std::optional<Pixels> decode(const std::string& picture, int side, bool throughProfile) {
   const auto small = made([&](VipsImage** out) {
     return vips_thumbnail_buffer(const_cast<char*>(picture.data()), picture.size(), out, side, "height", side, "size",
                                  VIPS_SIZE_BOTH, "option_string", "[fail_on=truncated]",
                                  throughProfile ? "export_profile" : nullptr, "srgb", nullptr);
   });
-  if (!small) return std::nullopt;
-  const auto inColour =
-      made([&](VipsImage** out) { return vips_colourspace(small.get(), out, VIPS_INTERPRETATION_sRGB, nullptr); });
-  if (!inColour) return std::nullopt;
-  const auto bytes = made([&](VipsImage** out) { return vips_cast_uchar(inColour.get(), out, nullptr); });
-  return bytes ? pixelsOf(bytes.get()) : std::nullopt;
+  return small ? inSRGB(small.get()) : std::nullopt;
 }
 
+bool hasProfile(VipsImage* image) {
+  return vips_image_get_typeof(image, VIPS_META_ICC_NAME) != 0 ||
+         vips_image_get_interpretation(image) == VIPS_INTERPRETATION_CMYK;
+}
+
+// In sRGB with or without transparency. One that needs neither scaling nor turning, as most do, is taken as it is.
 std::optional<Pixels> decode(const std::string& picture, int maxSide) {
-  const ImageHandle header(vips_image_new_from_buffer(picture.data(), picture.size(), "", nullptr));
-  if (!header) return std::nullopt;
-  const std::int64_t width = vips_image_get_width(header.get());
-  if (width * vips_image_get_height(header.get()) > MAX_PIXELS) return std::nullopt;
-  const int side = std::min(maxSide, longerSide(header.get()));
-  const bool hasProfile = vips_image_get_typeof(header.get(), VIPS_META_ICC_NAME) != 0 ||
-                          vips_image_get_interpretation(header.get()) == VIPS_INTERPRETATION_CMYK;
-  if (hasProfile)
+  const ImageHandle image(
+      vips_image_new_from_buffer(picture.data(), picture.size(), "", "fail_on", VIPS_FAIL_ON_TRUNCATED, nullptr));
+  if (!image) return std::nullopt;
+  const std::int64_t width = vips_image_get_width(image.get());
+  if (width * vips_image_get_height(image.get()) > MAX_PIXELS) return std::nullopt;
+  const int side = std::min(maxSide, longerSide(image.get()));
+  if (hasProfile(image.get()))
     if (auto pixels = decode(picture, side, true)) return pixels;
+  if (side == longerSide(image.get()) && vips_image_get_orientation(image.get()) == 1) return inSRGB(image.get());
   return decode(picture, side, false);
 }
 
