@@ -72,6 +72,9 @@ void ServiceCore::makeKeeper() {
   listing_ = std::make_shared<FolderListing>(*tree_, parts_.extension, errors_, platform.scheduler, platform.clock);
   keeper_ = std::make_shared<Keeper>(*tree_, contents_, listing_, platform.scheduler);
   tree_->subscribe([keeper = keeper_](const auto& changes) { keeper->apply(changes); });
+  contents_->onAbandoned([weak = std::weak_ptr(keeper_)](Inode inode) {
+    if (const auto keeper = weak.lock()) keeper->noteMissing(inode);
+  });
 }
 
 void ServiceCore::makeFollower() {

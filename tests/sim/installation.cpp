@@ -21,7 +21,7 @@ void require(const Result<void>& result) {
 
 }  // namespace
 
-Installation::Installation(const std::string& home, std::uint64_t seed, Timestamp now)
+Installation::Installation(const std::string& home, std::uint64_t seed, Timestamp now, CacheLimits cache)
     : scheduler(seed),
       random_(seed),
       platform_{scheduler,
@@ -36,7 +36,8 @@ Installation::Installation(const std::string& home, std::uint64_t seed, Timestam
                 previews_,
                 BundleInformation({{"CFBundleShortVersionString", "1.4"},
                                    {"CFBundleVersion", "57"},
-                                   {"CFBundleExecutable", "VondleFileProvider"}})} {
+                                   {"CFBundleExecutable", "VondleFileProvider"}})},
+      cache_(cache) {
   users.home = home;
   scheduler.setWallClock(now);
 }

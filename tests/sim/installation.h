@@ -26,11 +26,12 @@ namespace vondle::sim {
 // time, with the simulated kernel in place of the mount. One whose process has died is left alone, never destroyed.
 class Installation {
  public:
-  Installation(const std::string& home, std::uint64_t seed, Timestamp now);
+  Installation(const std::string& home, std::uint64_t seed, Timestamp now, CacheLimits cache);
 
   // Throws std::runtime_error when a part refuses to open.
   void start();
 
+  [[nodiscard]] ReplicatedExtension& extension() { return *extension_; }
   [[nodiscard]] ServiceCore& core() { return *core_; }
   [[nodiscard]] Replica& tree() { return core_->replica(); }
   [[nodiscard]] LocalEdits& edits() { return *core_->edits(); }
@@ -49,6 +50,7 @@ class Installation {
   SimulatedRandom random_;
   SimulatedPreviewRenderer previews_{scheduler};
   Platform platform_;
+  const CacheLimits cache_;
   ServiceFolders folders_;
   std::unique_ptr<Process> extensionProcess_;
   std::shared_ptr<VondleFileProvider> extension_;

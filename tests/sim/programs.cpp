@@ -9,6 +9,8 @@
 
 #include <fmt/format.h>
 
+#include "service/follow/keep_action.h"
+
 namespace vondle::sim {
 namespace {
 
@@ -228,7 +230,7 @@ void Programs::startOne() {
   if (kind < 93) return lockFile();
   if (kind < 95) return list(random_.anyOf(folders()));
   if (kind < 98) return touch();
-  evict();
+  random_.oneIn(2) ? evict() : keep();
 }
 
 // --- Steps ---
@@ -339,8 +341,16 @@ void Programs::close(const ScriptPtr& script, std::string what, const std::strin
   });
 }
 
+// The kernel looks names up before it renames or removes: what the folder turns out to have is known then.
+void Programs::lookUp(const ScriptPtr& script, Inode folder, const std::string& name) {
+  script->add([this, folder, name](const ScriptPtr& self) {
+    machine_.kernel().lookup(folder, name, [self](const KernelAnswer&) { self->next(); });
+  });
+}
+
 void Programs::rename(const ScriptPtr& script, Inode folder, const std::string& name, Inode toFolder,
                       const std::string& toName, bool mayReplace) {
+  lookUp(script, toFolder, toName);
   script->add([this, folder, name, toFolder, toName, mayReplace](const ScriptPtr& self) {
     const auto replaced = machine_.tree().lookup(toFolder, toName);
     const auto moved = machine_.tree().lookup(folder, name);
@@ -373,6 +383,7 @@ void Programs::rename(const ScriptPtr& script, Inode folder, const std::string& 
 }
 
 void Programs::unlink(const ScriptPtr& script, Inode folder, const std::string& name) {
+  lookUp(script, folder, name);
   script->add([this, folder, name](const ScriptPtr& self) {
     const auto item = machine_.tree().lookup(folder, name);
     std::optional<std::string> print;
@@ -693,8 +704,22 @@ void Programs::evict() {
   const auto all = targets(false);
   if (all.empty()) return;
   const auto& target = random_.anyOf(all);
+  if (machine_.tree().keptBy(target.item.inode)) return;
   const auto refused = machine_.core().contents()->evict(target.item.inode);
   trace_.add("evict {} ({}){}", target.name, target.item.inode, refused ? ": refused" : "");
+}
+
+void Programs::keep() {
+  const auto all = targets(random_.oneIn(2));
+  if (all.empty()) return;
+  const auto& target = random_.anyOf(all);
+  const bool isKept = random_.oneIn(3);
+  trace_.add("{} {} ({})", isKept ? "stop keeping" : "keep", target.name, target.item.inode);
+  KeepAction::start({machine_.core().tree(), machine_.extension(), machine_.core().contents(), machine_.scheduler},
+                    isKept ? KeepAction::Kind::stopKeeping : KeepAction::Kind::keep, target.item.inode,
+                    [this, name = target.name](const std::optional<Error>& error) {
+                      trace_.add("keeping {}: {}", name, error ? error->localizedDescription() : "done");
+                    });
 }
 
 void Programs::listAll() {
@@ -708,6 +733,18 @@ bool Programs::isAllListed() const {
 
 void Programs::readAll() {
   for (const auto& target : targets(false)) read(target);
+}
+
+std::vector<std::string> Programs::missingKept() const {
+  auto& contents = *machine_.core().contents();
+  const auto kept = machine_.tree().keptItems();
+  std::vector<std::string> missing;
+  for (const auto& [folder, name, item] : targets(false)) {
+    const auto isAbove = [&](Inode inode) { return machine_.tree().isAtOrAbove(inode, item.inode); };
+    const bool isHere = contents.current(item.inode) || machine_.core().edited()->find(item.inode);
+    if (!isHere && std::ranges::any_of(kept, isAbove)) missing.push_back(name);
+  }
+  return missing;
 }
 
 void Programs::removeLockFiles() {

@@ -42,6 +42,8 @@ class Programs {
   [[nodiscard]] bool isAllListed() const;
   // Reads every file, and compares it with what the folder shows.
   void readAll();
+  // The names of files that are to be kept downloaded and are not here.
+  [[nodiscard]] std::vector<std::string> missingKept() const;
   // Removes what stays on this machine for ever.
   void removeLockFiles();
   // The folder and the model are the same now: from here on the model's folders are found by their inodes, for the
@@ -89,6 +91,7 @@ class Programs {
   void list(Inode folder);
   void touch();
   void evict();
+  void keep();
 
   // Steps of scripts.
   void create(const ScriptPtr& script, Inode folder, const std::string& name, bool mustBeNew);
@@ -96,6 +99,7 @@ class Programs {
   void write(const ScriptPtr& script, std::string bytes, std::int64_t offset);
   void writeAll(const ScriptPtr& script, const std::string& bytes);
   void close(const ScriptPtr& script, std::string what, const std::string& bytes);
+  void lookUp(const ScriptPtr& script, Inode folder, const std::string& name);
   void rename(const ScriptPtr& script, Inode folder, const std::string& name, Inode toFolder, const std::string& toName,
               bool mayReplace);
   void unlink(const ScriptPtr& script, Inode folder, const std::string& name);

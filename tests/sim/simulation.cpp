@@ -25,6 +25,8 @@ constexpr int STEPS_BETWEEN_CHECKS = 10;
 constexpr std::size_t MAX_ITEMS = 60;
 constexpr int MAX_DEPTH = 100;
 constexpr std::uint64_t LARGE_ONE_IN = 100;
+// In bytes; most files are smaller, and all of an account are not.
+constexpr std::int64_t SMALL_CACHE = 12'000;
 
 // As they are, links among them and times of modification, too.
 void copyTree(const std::filesystem::path& from, const std::filesystem::path& to) {
@@ -63,6 +65,7 @@ Simulation::Simulation(const Settings& settings, std::string folder)
       isLying_(!isAlone_ && random_.oneIn(4)),
       usualFaults_(random_.anyOf(std::array<unsigned, 4>{0, 2, 8, 25})),
       deathsLeft_(static_cast<int>(random_.below(7))),
+      cacheLimit_(random_.oneIn(3) ? SMALL_CACHE : CacheLimits::DEFAULT_LIMIT),
       storage_(folder_ + "/storage", clock_),
       network_(storage_, random_, trace_) {
   trace_.setClock(&clock_);
@@ -129,7 +132,7 @@ void Simulation::beginLife() {
     const auto now = clock_.now();
     const auto seed = random_.next();
     const bool survived = CrashPoints::survives([&] {
-      machine_ = new Installation(homeFolder(), seed, now);
+      machine_ = new Installation(homeFolder(), seed, now, {.limit = cacheLimit_, .reserve = 0});
       clock_.current = &machine_->scheduler;
       network_.serve(machine_->urlLoading, machine_->scheduler);
       machine_->start();
@@ -498,6 +501,8 @@ void Simulation::verify() {
     if (file.is_regular_file() && file.path().parent_path().filename() != "lost+found" &&
         !left.contains(file.path().filename()))
       throw Violation("a private file is left: " + file.path().native());
+  if (const auto missing = programs_->missingKept(); !missing.empty() && !isLying_)
+    throw Violation("to be kept downloaded, and not here: " + missing.front());
   live([this] { programs_->readAll(); });
   if (!passUntil([this] { return programs_->areIdle(); }, std::chrono::hours(1)))
     throw Violation("a program waits for ever");

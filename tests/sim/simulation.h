@@ -90,6 +90,7 @@ class Simulation {
   const bool isLying_;  // so is the server
   const unsigned usualFaults_;
   int deathsLeft_;
+  const std::int64_t cacheLimit_;
   SimulatedStorage storage_;
   SimulatedNetwork network_;
   Programs::Numbers numbers_;

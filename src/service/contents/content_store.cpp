@@ -600,8 +600,17 @@ void ContentStore::takeBack(Inode inode, std::uint64_t tag, std::string path, Co
 }
 
 void ContentStore::noteAbandoned(Inode inode) {
+  Abandoned heard;
+  {
+    MutexLock hold(lock_);
+    if (move(inode, ContentEvent::abandoned)) heard = abandoned_;
+  }
+  if (heard) heard(inode);
+}
+
+void ContentStore::onAbandoned(Abandoned heard) {
   MutexLock hold(lock_);
-  move(inode, ContentEvent::abandoned);
+  abandoned_ = std::move(heard);
 }
 
 void ContentStore::becomeEdited(Inode inode, std::string path) {

@@ -98,8 +98,11 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
   // What was sent is what the server has with this tag: the private file is shared or copied, and is no longer needed
   // afterwards.
   void takeBack(Inode inode, std::uint64_t tag, std::string path, Completion<> completion);
-  // The private file is no longer the contents.
+  // The private file is no longer the contents, and no others are here.
   void noteAbandoned(Inode inode) EXCLUDES(lock_);
+  // Hears of each item of which that is so, on any thread.
+  using Abandoned = std::function<void(Inode)>;
+  void onAbandoned(Abandoned heard) EXCLUDES(lock_);
 
   [[nodiscard]] const std::string& folder() const { return folder_; }
   [[nodiscard]] ContentState state(Inode inode) const EXCLUDES(lock_);
@@ -166,6 +169,7 @@ class ContentStore : public std::enable_shared_from_this<ContentStore> {
   std::optional<Error> closed_ GUARDED_BY(lock_);
   ServerCheck checkServer_ GUARDED_BY(lock_);
   Reserve reserve_ GUARDED_BY(lock_);
+  Abandoned abandoned_ GUARDED_BY(lock_);
 };
 
 }  // namespace vondle

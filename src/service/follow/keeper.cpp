@@ -37,6 +37,11 @@ void Keeper::apply(const std::vector<ReplicaChange>& changes) {
   queue_->post([self = shared_from_this(), inodes = std::move(inodes)] { self->look(inodes); });
 }
 
+void Keeper::noteMissing(Inode inode) {
+  if (replica().keptCount() == 0) return;
+  queue_->post([self = shared_from_this(), inode] { self->look({inode}); });
+}
+
 void Keeper::look(const std::vector<Inode>& inodes) {
   if (stopped_) return;
   const auto running = running_;

@@ -55,6 +55,8 @@ class Keeper : public std::enable_shared_from_this<Keeper> {
   void start();
   // What the changes mean for what is kept; subscribe it to the Tree, after the contents.
   void apply(const std::vector<ReplicaChange>& changes);
+  // What the item had here is gone, without a change of the tree's. See ContentStore::onAbandoned.
+  void noteMissing(Inode inode);
   // Tries at once what has failed, which does not count as failed from here on.
   void retryNow() EXCLUDES(lock_);
   // Ends what runs, and begins nothing more.

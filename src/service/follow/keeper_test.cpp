@@ -54,6 +54,7 @@ class KeeperTest : public testing::Test {
     listing_ = std::make_shared<FolderListing>(*tree_, *extension_, errors_, scheduler_, scheduler_);
     keeper_ = std::make_shared<Keeper>(*tree_, contents_, listing_, scheduler_);
     tree_->subscribe([this](const auto& changes) { keeper_->apply(changes); });
+    contents_->onAbandoned([this](Inode inode) { keeper_->noteMissing(inode); });
     keeper_->start();
     listing_->require(ROOT_INODE, {}, nullptr, [](const std::optional<Error>& error) { EXPECT_FALSE(error); });
     scheduler_.runUntilIdle();
@@ -147,6 +148,16 @@ TEST_F(KeeperTest, FetchesAChangedFileOnceMoreWhenItChangedDuringTheFetch) {
   tree_->applyUpdates({changed}, [] {});
   scheduler_.runUntilIdle();
   EXPECT_EQ(contents_->bytesHere(), 11);
+}
+
+TEST_F(KeeperTest, FetchesWhatTheServerHasInThePlaceOfWhatAProgramWrote) {
+  setKept("a", true);
+  contents_->noteEdited(inode("a"), folder_ + "/private");
+  update("a");
+  EXPECT_THAT(here(), IsEmpty());
+  contents_->noteAbandoned(inode("a"));
+  scheduler_.runUntilIdle();
+  EXPECT_THAT(here(), ElementsAre("a"));
 }
 
 TEST_F(KeeperTest, KeepsEverythingInAFolderAlsoInThoseNeverListed) {
