@@ -160,6 +160,13 @@ TEST_F(KeeperTest, FetchesWhatTheServerHasInThePlaceOfWhatAProgramWrote) {
   EXPECT_THAT(here(), ElementsAre("a"));
 }
 
+TEST_F(KeeperTest, FetchesWhatTurnsOutToBeKeptWhenItsFolderIsListed) {
+  extension_->performAction("test.keepDownloaded", {{"letter"}}, [](const std::optional<Error>&) {});
+  listing_->require(inode("docs"), {}, nullptr, [](const std::optional<Error>& error) { EXPECT_FALSE(error); });
+  scheduler_.runUntilIdle();
+  EXPECT_THAT(here(), ElementsAre("letter"));
+}
+
 TEST_F(KeeperTest, KeepsEverythingInAFolderAlsoInThoseNeverListed) {
   setKept("docs", true);
   EXPECT_THAT(here(), ElementsAre("diary", "letter"));

@@ -265,6 +265,8 @@ ItemIndex::Slot TreeEdit::insert(Slot folder, std::string_view serverName, const
   const Slot slot =
       index().insert(nextInode_++, identifier.text, chosenName(folder, serverName, identifier.text), facts);
   isFirst ? attachFirst(slot, folder, serverName) : attach(slot, folder, serverName);
+  // Whoever keeps it downloaded must hear of it, also when it comes with the first listing of its folder.
+  if (facts.keepDownloaded) say({ReplicaChange::Kind::attributesChanged, 0, {}, index().inode(slot)});
   return slot;
 }
 
