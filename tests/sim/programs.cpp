@@ -742,9 +742,7 @@ std::vector<std::string> Programs::missingKept() const {
   for (const auto& [folder, name, item] : targets(false)) {
     const auto isAbove = [&](Inode inode) { return machine_.tree().isAtOrAbove(inode, item.inode); };
     const bool isHere = contents.current(item.inode) || machine_.core().edited()->find(item.inode);
-    if (!isHere && std::ranges::any_of(kept, isAbove))
-      missing.push_back(
-          fmt::format("{} ({}), which is {}", name, item.inode, static_cast<int>(contents.state(item.inode))));
+    if (!isHere && std::ranges::any_of(kept, isAbove)) missing.push_back(fmt::format("{} ({})", name, item.inode));
   }
   return missing;
 }
