@@ -29,6 +29,8 @@
 #include "service/instance_lock.h"
 #include "service/local_copies.h"
 #include "service/replica/replica_store.h"
+#include "service/thumbnails/thumbnail_cache.h"
+#include "service/thumbnails/thumbnail_png.h"
 #include "testing/simulated_platform.h"
 
 namespace vondle {
@@ -43,6 +45,7 @@ constexpr const char* CONFIG = "/home/tester/.vondle/config.json";
 class CommandLineTest : public testing::Test {
  protected:
   CommandLineTest() {
+    ::unsetenv("XDG_CACHE_HOME");
     char pattern[] = "/tmp/vondle-cli-XXXXXX";
     realHome_ = ::mkdtemp(pattern);
     machine_.users.home = SimulatedFiles::HOME;
@@ -370,6 +373,15 @@ TEST_F(CommandLineTest, LogoutForgetsTheKeyAndTheLocalCopies) {
   EXPECT_FALSE(machine_.files.contents(SimulatedFiles::containerPath("group.com.ferrow.vondle") + "/cursor.json"));
   EXPECT_FALSE(std::filesystem::exists(folders_.contentFiles()));
   EXPECT_EQ(run({"logout"}), 0) << "twice does no harm";
+}
+
+TEST_F(CommandLineTest, LogoutTakesThumbnailsOutOfTheDesktopsCache) {
+  const auto folder = folders_.home + "/.cache/thumbnails";
+  const auto pixel = png::onePixel();
+  ASSERT_TRUE(ThumbnailCache(folder, "1").store({.uri = "file:///v/a.jpg"}, {pixel, pixel, pixel}));
+  EXPECT_EQ(ThumbnailCache(folder, "1").entries().size(), 2u);
+  EXPECT_EQ(run({"logout"}), 0);
+  EXPECT_TRUE(ThumbnailCache(folder, "1").entries().empty());
 }
 
 TEST_F(CommandLineTest, LogoutIsRefusedWhileChangesAreNotOnTheServerYet) {

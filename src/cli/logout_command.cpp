@@ -7,6 +7,7 @@
 #include "cli/words.h"
 #include "service/instance_lock.h"
 #include "service/local_copies.h"
+#include "service/thumbnails/thumbnail_cache.h"
 
 namespace vondle {
 
@@ -42,8 +43,8 @@ Outcome<void> checkNothingIsLost(const CommandContext& context) {
                           countInWords(static_cast<std::int64_t>(edits.size()), "change", "changes")));
 }
 
-// Another account must not be shown this one's tree, so the tree and the contents go too: all of that is on the server,
-// unless it is given up.
+// Another account must not be shown this one's tree, so the tree and the contents go too, and the small pictures that
+// file managers were given: all of that is on the server, unless it is given up.
 Outcome<void> logout(const CommandContext& context, bool isForced) {
   if (auto made = context.folders.create(); !made) return fail(ExitCode::failed, made.error().localizedDescription());
   const auto lock = InstanceLock::acquire(context.folders.stateLock(), "the Vondle folder");
@@ -56,6 +57,7 @@ Outcome<void> logout(const CommandContext& context, bool isForced) {
   if (auto forgotten = context.account().forgetKey(); !forgotten) {
     return fail(ExitCode::failed, "the key could not be removed: " + forgotten.error().localizedDescription());
   }
+  ThumbnailCache(ThumbnailCache::folderOfEnvironment(context.folders.home), "").removeOwn();
   const auto unsent = isForced ? UnsentEdits::remove : UnsentEdits::keep;
   if (auto removed = removeLocalCopies(context.folders, context.platform.files, unsent); !removed) {
     return fail(ExitCode::failed,

@@ -1,6 +1,5 @@
 #include "service/service.h"
 
-#include <cstdlib>
 #include <utility>
 
 #include <fmt/format.h>
@@ -136,15 +135,13 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
 }
 
 void Service::makeThumbnails(const ServiceOptions& options, const ServiceFolders& folders, const Platform& platform) {
-  const char* cacheHome = std::getenv("XDG_CACHE_HOME");
   scaler_ = std::make_unique<HelperPictureScaler>();
   thumbnails_ = std::make_shared<Thumbnails>(
       Thumbnails::Parts{.tree = core_->tree(),
                         .extension = *extension_,
                         .isEdited = [edited = core_->edited()](Inode inode) { return edited->find(inode) != nullptr; },
                         .scaler = *scaler_,
-                        .cache = {ThumbnailCache::folderOf(
-                                      folders.home, cacheHome ? std::optional<std::string>(cacheHome) : std::nullopt),
+                        .cache = {ThumbnailCache::folderOfEnvironment(folders.home),
                                   platform.bundle.text("CFBundleShortVersionString").value_or("0")},
                         .scheduler = platform.scheduler,
                         .clock = platform.clock,

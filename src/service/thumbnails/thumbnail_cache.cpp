@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <iterator>
 #include <memory>
@@ -24,6 +25,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::string_view URI = "Thumb::URI", MODIFIED = "Thumb::MTime", SIZE = "Thumb::Size", SOFTWARE = "Software";
+constexpr std::string_view PROGRAM = "Vondle ";  // and its version
+constexpr std::string_view FAILURES = "fail", PROGRAM_FAILURES = "vondle-";
 constexpr std::string_view SUFFIX = ".png";
 // One that was begun and never ended is written over by the next of that name.
 constexpr std::string_view UNFINISHED = ".vondle-";
@@ -103,13 +106,18 @@ bool writeAll(int file, std::string_view bytes) {
 
 ThumbnailCache::ThumbnailCache(std::string folder, const std::string& version)
     : folder_(std::move(folder)),
-      software_("Vondle " + version),
-      failures_("fail/vondle-" + version),
+      software_(std::string(PROGRAM) + version),
+      failures_(fmt::format("{}/{}{}", FAILURES, PROGRAM_FAILURES, version)),
       subfolders_{KINDS[0].subfolder, KINDS[1].subfolder, KINDS[2].subfolder, failures_} {}
 
 std::string ThumbnailCache::folderOf(const std::string& home, const std::optional<std::string>& cacheHome) {
   const bool isSet = cacheHome && cacheHome->starts_with('/');
   return (isSet ? *cacheHome : home + "/.cache") + "/thumbnails";
+}
+
+std::string ThumbnailCache::folderOfEnvironment(const std::string& home) {
+  const char* cacheHome = std::getenv("XDG_CACHE_HOME");
+  return folderOf(home, cacheHome ? std::optional<std::string>(cacheHome) : std::nullopt);
 }
 
 std::string ThumbnailCache::uriOf(const std::string& path) {
@@ -203,6 +211,23 @@ void ThumbnailCache::move(const std::string& uri, const std::string& newURI) con
 
 void ThumbnailCache::remove(const std::string& uri) const {
   for (const auto& subfolder : subfolders_) ::unlink((folder_ + "/" + subfolder + "/" + nameOf(uri)).c_str());
+}
+
+void ThumbnailCache::removeOwn() const {
+  for (const auto& entry : entries()) {
+    const auto path = folder_ + "/" + entry;
+    const auto head = readStart(path, png::HEAD_BYTES);
+    const auto texts = head ? png::textsOf(*head) : std::nullopt;
+    if (!texts) continue;
+    const auto software = texts->find(std::string(SOFTWARE));
+    if (software != texts->end() && software->second.starts_with(PROGRAM)) ::unlink(path.c_str());
+  }
+  std::vector<fs::path> failures;
+  std::error_code error;
+  for (fs::directory_iterator each(fmt::format("{}/{}", folder_, FAILURES), error), end; !error && each != end;
+       each.increment(error))
+    if (each->path().filename().native().starts_with(PROGRAM_FAILURES)) failures.push_back(each->path());
+  for (const auto& folder : failures) fs::remove_all(folder, error);
 }
 
 std::vector<std::string> ThumbnailCache::entries() const {

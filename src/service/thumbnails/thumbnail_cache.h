@@ -30,6 +30,7 @@ class ThumbnailCache {
 
   // $XDG_CACHE_HOME/thumbnails, which without an absolute value is ~/.cache/thumbnails.
   static std::string folderOf(const std::string& home, const std::optional<std::string>& cacheHome);
+  static std::string folderOfEnvironment(const std::string& home);
   // As GLib escapes it, of an absolute path.
   static std::string uriOf(const std::string& path);
 
@@ -47,6 +48,8 @@ class ThumbnailCache {
   // The file has another name, or is gone: in all sizes. What cannot be moved is removed.
   void move(const std::string& uri, const std::string& newURI) const;
   void remove(const std::string& uri) const;
+  // All that this program wrote, in whatever version and of whatever file.
+  void removeOwn() const;
 
   // All there are, of all sizes and of all programs; relative paths.
   [[nodiscard]] std::vector<std::string> entries() const;

@@ -91,6 +91,29 @@ TEST_F(ThumbnailCacheTest, ThumbnailsNameTheFileAndItsTimeAndAreForTheUserAlone)
   EXPECT_EQ(modeOf(top_.parent_path()), 0700u);
 }
 
+TEST_F(ThumbnailCacheTest, WhatThisProgramWroteIsRemovedInAllVersionsAndNothingOfOthers) {
+  auto large = small_;
+  large[2] = png::withTexts(pixel_, {{"k", "v"}});
+  ASSERT_TRUE(cache_.store(subject_, large));
+  ASSERT_TRUE(ThumbnailCache(top_, "0.9").store({.uri = "file:///m/b.jpg"}, small_));
+  ASSERT_TRUE(cache_.storeFailure({.uri = "file:///m/c.jpg"}));
+  ASSERT_TRUE(ThumbnailCache(top_, "0.9").storeFailure({.uri = "file:///m/d.jpg"}));
+  const auto write = [this](const std::string& name, const std::string& software) {
+    fs::create_directories((top_ / name).parent_path());
+    std::ofstream(top_ / name) << png::withTexts(pixel_, {{"Thumb::URI", "file:///m/e.jpg"}, {"Software", software}});
+  };
+  write("normal/other.png", "Vondleesque");
+  write("large/other.png", "Desktop 3");
+  write("fail/desktop-3/other.png", "Vondle 1");
+  std::ofstream(top_ / "normal" / "broken.png") << "Vondle ";
+  cache_.removeOwn();
+  EXPECT_THAT(files(),
+              ElementsAre("fail/desktop-3/other.png", "large/other.png", "normal/broken.png", "normal/other.png"));
+  fs::remove_all(top_);
+  cache_.removeOwn();
+  EXPECT_FALSE(fs::exists(top_));
+}
+
 TEST_F(ThumbnailCacheTest, TheLargestSizeIsKeptOnlyWhereItShowsMore) {
   auto large = small_;
   large[2] = png::withTexts(pixel_, {{"k", "v"}});
