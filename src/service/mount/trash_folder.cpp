@@ -493,15 +493,20 @@ void TrashFolder::renameInfo(FuseRequest request, const std::string& name, const
 // The item of the name has gone from `files`: programs remove its .trashinfo next.
 void TrashFolder::leaveInfo(const std::string& itemName) {
   const auto now = parts_.clock.monotonic();
+  if (now >= tidyInfosAt_) tidyInfos(now);
+  auto& info = infos_[withSuffix(itemName)];
+  if (info.number == 0) info.number = ++lastInfo_;
+  infoNames_[info.number] = withSuffix(itemName);
+  info.until = now + INFO_AFTERLIFE;
+}
+
+void TrashFolder::tidyInfos(MonotonicTime now) {
+  tidyInfosAt_ = now + INFO_AFTERLIFE;
   std::erase_if(infos_, [&](const auto& each) {
     const bool isOver = each.second.until && *each.second.until <= now;
     if (isOver) infoNames_.erase(each.second.number);
     return isOver;
   });
-  auto& info = infos_[withSuffix(itemName)];
-  if (info.number == 0) info.number = ++lastInfo_;
-  infoNames_[info.number] = withSuffix(itemName);
-  info.until = now + INFO_AFTERLIFE;
 }
 
 // Removing

@@ -108,6 +108,7 @@ class TrashFolder final : public FuseHandler, public std::enable_shared_from_thi
   void removeInfo(FuseRequest request, const std::string& name);
   void renameInfo(FuseRequest request, const std::string& name, const std::string& toName, bool mayReplace);
   void leaveInfo(const std::string& itemName);
+  void tidyInfos(MonotonicTime now);
   void remove(FuseRequest request, Inode folder, const std::string& name, bool isFolder);
   void renameWithin(FuseRequest request, Inode folder, const std::string& name, Inode toFolder,
                     const std::string& toName, bool mayReplace);
@@ -132,6 +133,7 @@ class TrashFolder final : public FuseHandler, public std::enable_shared_from_thi
   std::unordered_map<std::uint64_t, std::string> infoNames_;       // by number
   std::unordered_map<std::uint64_t, std::vector<Inode>> folders_;  // that are open, by handle
   std::unordered_map<Inode, OpenFile> files_;
+  MonotonicTime tidyInfosAt_{};
   std::uint64_t lastInfo_ = 0;
   std::uint64_t lastFolder_ = 0;
 };

@@ -20,6 +20,9 @@ constexpr Log slog("com.ferrow.vondle.service", "trash");
 
 constexpr Request VIEWER{.isFileViewerRequest = true};
 
+// Many edits are looked at less often.
+constexpr Duration FOLLOW_REST = seconds(0.0001);
+
 std::unexpected<Error> refused(int number) {
   return failure(Error::posix(number, "changing the trash"));
 }
@@ -39,14 +42,31 @@ void Trash::start() {
   if (parts_.edits)
     for (const auto& edit : parts_.edits->pending())
       if (edit.fields & EDIT_TRASHED) takeEdit(edit, std::nullopt);
-  // What goes from the tree may have gone to the trash, what comes may come from there.
   parts_.tree.subscribe([weak = weak_from_this()](const std::vector<ReplicaChange>& changes) {
-    const auto self = weak.lock();
-    const bool isNews = std::ranges::any_of(changes, [](const ReplicaChange& change) {
-      return !change.byProgram &&
-             (change.kind == ReplicaChange::Kind::itemRemoved || change.kind == ReplicaChange::Kind::entryAdded);
-    });
-    if (self && isNews) self->queue_->post([self] { self->isStale_ = true; });
+    if (const auto self = weak.lock()) self->hearOf(changes);
+  });
+}
+
+// What goes from the tree may have gone to the trash; what is known there may have come from it, if we did not ask for
+// that.
+void Trash::hearOf(const std::vector<ReplicaChange>& changes) {
+  bool isNews = false, isToCome = false;
+  std::vector<ItemIdentifier> come;
+  for (const auto& change : changes) {
+    const bool isRemoved = change.kind == ReplicaChange::Kind::itemRemoved;
+    isNews = isNews || (isRemoved && !change.byProgram);
+    isToCome = isToCome || (isRemoved && change.byProgram);
+    if (change.byProgram || change.kind != ReplicaChange::Kind::entryAdded) continue;
+    if (auto item = parts_.tree.replica().identifierOf(change.inode)) come.push_back(std::move(*item));
+  }
+  if (!isNews && !isToCome && come.empty()) return;
+  queue_->post([self = shared_from_this(), isNews, isToCome, come = std::move(come)] {
+    const auto isKnown = [&](const ItemIdentifier& item) {
+      const auto known = self->byItem_.find(item.text);
+      return known != self->byItem_.end() && !self->entry(known->second)->isBusy;
+    };
+    if (isToCome) self->isToCome_ = true;
+    if (isNews || std::ranges::any_of(come, isKnown)) self->isStale_ = true;
   });
 }
 
@@ -61,11 +81,11 @@ void Trash::close() {
 
 void Trash::whenListed(Done completion) {
   followEdits();
-  whenListedWithin(MAX_AGE,
-                   [self = shared_from_this(), completion = std::move(completion)](const Result<void>& result) mutable {
-                     const bool isKnown = self->listedAt_ || !self->items_.empty();
-                     std::move(completion)(isKnown ? Result<void>() : result);
-                   });
+  if (isFreshToLook()) return std::move(completion)({});
+  relist([self = shared_from_this(), completion = std::move(completion)](const Result<void>& result) mutable {
+    const bool isKnown = self->listedAt_ || !self->items_.empty();
+    std::move(completion)(isKnown ? Result<void>() : result);
+  });
 }
 
 void Trash::whenKnown(Completion<> completion) {
@@ -75,20 +95,30 @@ void Trash::whenKnown(Completion<> completion) {
   };
   followEdits();
   const auto now = parts_.clock.monotonic();
-  if ((listedAt_ && !isStale_ && !isListing_ && now - *listedAt_ <= MAX_AGE) ||
-      (triedAt_ && now - *triedAt_ <= MAX_AGE))
-    return give();
+  if (isFreshToLook() || (triedAt_ && now - *triedAt_ <= MAX_AGE)) return give();
   queue_->after(LOOKUP_PATIENCE, [weak = weak_from_this(), answer, give] {
     if (const auto self = weak.lock(); self && *answer) self->triedAt_ = self->parts_.clock.monotonic();
     give();
   });
-  whenListedWithin(MAX_AGE, [give](const Result<void>&) { give(); });
+  relist([give](const Result<void>&) { give(); });
 }
 
 void Trash::whenListedWithin(Duration age, Done completion) {
-  if (listedAt_ && !isStale_ && !isListing_ && parts_.clock.monotonic() - *listedAt_ <= age)
-    return std::move(completion)({});
+  if (isFresh(age)) return std::move(completion)({});
   relist(std::move(completion));
+}
+
+Duration Trash::sinceListed() const {
+  return parts_.clock.monotonic() - *listedAt_;
+}
+
+bool Trash::isFresh(Duration age) const {
+  return listedAt_ && !isStale_ && !isListing_ && sinceListed() <= std::max(age, listingTook_ * LISTING_SHARE);
+}
+
+// Where listing takes long, also without the latest news.
+bool Trash::isFreshToLook() const {
+  return (isFresh(MAX_AGE) && !isToCome_) || (listedAt_ && !isListing_ && sinceListed() < listingTook_ * LISTING_SHARE);
 }
 
 // Those who come while it is being listed for news that is older wait for the next one.
@@ -104,6 +134,7 @@ void Trash::relist(Done completion) {
   waiting_.push_back(std::move(completion));
   if (std::exchange(isListing_, true)) return;
   isStale_ = false;
+  isToCome_ = isToCome_ && parts_.edits->pendingCount() > 0;
   ++listings_;
   goneWhileListing_.clear();
   listingSince_ = parts_.clock.monotonic();
@@ -118,6 +149,7 @@ void Trash::listed(Result<std::vector<Item>> items) {
   isListing_ = false;
   if (items) {
     listedAt_ = listingSince_;
+    listingTook_ = parts_.clock.monotonic() - listingSince_;
     triedAt_.reset();
     take(*items);
   } else {
@@ -131,10 +163,13 @@ void Trash::listed(Result<std::vector<Item>> items) {
 
 void Trash::take(const std::vector<Item>& items) {
   std::unordered_set<std::uint64_t> seen;
+  std::vector<std::uint64_t> arrived;
+  for (const auto& [edit, number] : byEdit_)
+    if (entry(number)->arrival != 0 && isTold(*entry(number))) arrived.push_back(number);
   for (const auto& item : items) {
     if (goneWhileListing_.contains(item.itemIdentifier.text)) continue;
     const auto known = byItem_.find(item.itemIdentifier.text);
-    TrashItem* there = known == byItem_.end() ? adopt(item) : entry(known->second);
+    TrashItem* there = known == byItem_.end() ? adopt(item, arrived) : entry(known->second);
     if (!there) there = &add(item.itemIdentifier);
     seen.insert(there->number);
     if (isTold(*there)) takeItem(*there, item);
@@ -146,12 +181,10 @@ void Trash::take(const std::vector<Item>& items) {
 }
 
 // What this machine made and trashed: the server's name of it was not heard of.
-TrashItem* Trash::adopt(const Item& item) {
-  for (const auto& [edit, number] : byEdit_) {
+TrashItem* Trash::adopt(const Item& item, const std::vector<std::uint64_t>& arrived) {
+  for (const auto number : arrived) {
     auto* known = entry(number);
-    if (known->arrival == 0 || !isTold(*known) || !isLocal(known->item) || known->serverName != item.filename ||
-        known->isFolder != item.isFolder())
-      continue;
+    if (!isLocal(known->item) || known->serverName != item.filename || known->isFolder != item.isFolder()) continue;
     byItem_.erase(known->item.text);
     names_.rename(known->item, item.itemIdentifier);
     known->item = item.itemIdentifier;
@@ -222,6 +255,9 @@ void Trash::remove(std::uint64_t number) {
 
 // Those of which the server has heard are in its trash, or somewhere else by now: its listing tells.
 void Trash::followEdits() {
+  const auto now = parts_.clock.monotonic();
+  if (now < followEditsAt_) return;
+  followEditsAt_ = now + FOLLOW_REST * byEdit_.size();
   for (const auto& [edit, number] : std::map(byEdit_)) static_cast<void>(hasArrived(number));
 }
 

@@ -61,6 +61,8 @@ class Trash : public std::enable_shared_from_this<Trash> {
   static constexpr Duration MAX_AGE = seconds(10);
   // Or when an item is to be restored or purged: elsewhere the same requests would move or trash it.
   static constexpr Duration MAX_AGE_FOR_CHANGES = seconds(2);
+  // But it serves for so many times as long as listing took, lest a large trash is listed all the time.
+  static constexpr int LISTING_SHARE = 10;
   // How long somebody who asks for one name waits for the server.
   static constexpr Duration LOOKUP_PATIENCE = seconds(3);
   // How long an item may be on its way to the server's trash before it can be purged.
@@ -111,9 +113,13 @@ class Trash : public std::enable_shared_from_this<Trash> {
   void start();
   void relist(Done completion);
   void whenListedWithin(Duration age, Done completion);
+  [[nodiscard]] Duration sinceListed() const;
+  [[nodiscard]] bool isFresh(Duration age) const;
+  [[nodiscard]] bool isFreshToLook() const;
+  void hearOf(const std::vector<ReplicaChange>& changes);
   void listed(Result<std::vector<Item>> items);
   void take(const std::vector<Item>& items);
-  TrashItem* adopt(const Item& item);
+  TrashItem* adopt(const Item& item, const std::vector<std::uint64_t>& arrived);
   void takeItem(TrashItem& known, const Item& item);
   void takeEdit(const Edit& edit, const std::optional<std::string>& path);
   TrashItem& add(const ItemIdentifier& item);
@@ -139,11 +145,14 @@ class Trash : public std::enable_shared_from_this<Trash> {
   Timestamp modified_;
   std::optional<MonotonicTime> listedAt_;  // when the listing that is known began
   MonotonicTime listingSince_;
+  Duration listingTook_{};                // the last one
+  MonotonicTime followEditsAt_{};         // not before
   std::optional<MonotonicTime> triedAt_;  // in vain
   bool isListing_ = false;
   std::uint64_t listings_ = 0;  // that have begun
   std::unordered_set<std::string> goneWhileListing_;
-  bool isStale_ = false;  // something has changed since
+  bool isStale_ = false;   // something has changed since
+  bool isToCome_ = false;  // programs have removed what the server is yet to trash, or has after that listing
   bool isClosed_ = false;
   std::vector<Done> waiting_;
 };

@@ -103,6 +103,21 @@ class TrashTest : public SendingRig {
       lines.push_back(trash_->find(number)->name + " <- " + trash_->find(number)->path);
     return lines;
   }
+  // Something goes from the tree elsewhere.
+  void tellOfNews() {
+    tree_->applyUpdates({extension_->addFile("news", ROOT, "news", "")}, [] {});
+    extension_->remove("news");
+    tree_->applyNews({}, {{"news"}}, [] {});
+    scheduler_.runUntilIdle();
+  }
+  // What lists it takes so long.
+  void lookSlowly(Duration duration) {
+    extension_->holdListings();
+    EXPECT_EQ(look(), -1);
+    scheduler_.advance(duration);
+    extension_->letAnswersGo();
+    scheduler_.runUntilIdle();
+  }
   void goOutOfReach() {
     extension_->failListings(unreachable());
     extension_->failChanges(unreachable());
@@ -148,8 +163,37 @@ TEST_F(TrashTest, LooksAgainWhenWhatItKnowsIsOldOrTheTreeHadNews) {
   tree_->applyUpdates({extension_->addFile("1", ROOT, "new", "")}, [] {});
   scheduler_.runUntilIdle();
   look();
-  EXPECT_EQ(extension_->listingsOf(TRASH_CONTAINER.text), 3);
+  create("by a program");
+  move("by a program", "with another name");
+  look();
+  EXPECT_EQ(extension_->listingsOf(TRASH_CONTAINER.text), 2) << "none of that has to do with the trash";
+  tree_->applyNews({}, {{"1"}}, [] {});
+  scheduler_.runUntilIdle();
+  look();
+  EXPECT_EQ(extension_->listingsOf(TRASH_CONTAINER.text), 3) << "it may be there";
+  extension_->addFile("2", TRASH_CONTAINER.text, "old", "");
+  scheduler_.advance(Trash::MAX_AGE + seconds(0.001));
+  look();
+  tree_->applyUpdates({extension_->addFile("2", ROOT, "old", "")}, [] {});
+  scheduler_.runUntilIdle();
+  look();
+  EXPECT_EQ(extension_->listingsOf(TRASH_CONTAINER.text), 5) << "it is not there any more";
+  EXPECT_THAT(shown(), IsEmpty());
   EXPECT_EQ(scheduler_.timerCount(), 0U) << "nothing is listed by itself";
+}
+
+TEST_F(TrashTest, WhatProgramsRemoveIsThereWhenTheServerHasIt) {
+  extension_->addFile("1", ROOT, "a.txt", "");
+  beginWithTrash();
+  look();
+  remove("a.txt");
+  look();
+  EXPECT_THAT(shown(), IsEmpty());
+  settle();
+  look();
+  EXPECT_THAT(shown(), ElementsAre("a.txt <- a.txt"));
+  look();
+  EXPECT_EQ(extension_->listingsOf(TRASH_CONTAINER.text), 3);
 }
 
 TEST_F(TrashTest, NamesStayWhileMountedAndWhatHasGoneGoes) {
@@ -530,15 +574,14 @@ TEST_F(TrashTest, WhatIsRestoredWhileTheTrashIsListedIsRestoredByWhatIsThereNow)
   extension_->addFile("1", TRASH_CONTAINER.text, "a.txt", "a");
   beginWithTrash();
   look();
-  tree_->applyUpdates({extension_->addFile("2", ROOT, "news", "")}, [] {});
-  scheduler_.runUntilIdle();
+  tellOfNews();
   extension_->holdListings();
   EXPECT_EQ(look(), -1);
   EXPECT_EQ(restore("a.txt", "a.txt"), -1) << "somebody may have purged it";
   EXPECT_THAT(changes(), IsEmpty());
   extension_->letAnswersGo();
   scheduler_.runUntilIdle();
-  EXPECT_THAT(server(), ElementsAre("a.txt=a", "news="));
+  EXPECT_THAT(server(), ElementsAre("a.txt=a"));
 }
 
 TEST_F(TrashTest, OnlyWhatIsInTheTrashNowIsPurged) {
@@ -564,6 +607,78 @@ TEST_F(TrashTest, PurgingManyListsOnlyNowAndThen) {
   for (int i = 0; i < 50; ++i) EXPECT_EQ(purge(fmt::format("{}", i)), 0);
   EXPECT_EQ(extension_->listingsOf(TRASH_CONTAINER.text), 1);
   EXPECT_THAT(extension_->trash(), IsEmpty());
+}
+
+TEST_F(TrashTest, WhatTakesLongToListIsListedLessOften) {
+  for (int i = 0; i < 10; ++i)
+    extension_->addFile(fmt::format("{}", i), TRASH_CONTAINER.text, fmt::format("{}", i), "");
+  beginWithTrash();
+  const auto took = Trash::MAX_AGE;
+  lookSlowly(took);
+  const auto listings = [&] { return extension_->listingsOf(TRASH_CONTAINER.text); };
+  EXPECT_EQ(purge("0"), 0);
+  EXPECT_EQ(restore("1", "1"), 0);
+  EXPECT_EQ(purge("2"), 0);
+  EXPECT_EQ(listings(), 1) << "also after what we did ourselves";
+  scheduler_.advance(took * (Trash::LISTING_SHARE - 1) - seconds(1));
+  EXPECT_EQ(purge("3"), 0);
+  tellOfNews();
+  EXPECT_EQ(look(), 0);
+  EXPECT_EQ(listings(), 1) << "who looks does without the latest news";
+  EXPECT_EQ(purge("4"), 0);
+  EXPECT_EQ(listings(), 2) << "a change does not";
+}
+
+TEST_F(TrashTest, AListingIsAsOldAsItsBeginning) {
+  beginWithTrash();
+  lookSlowly(seconds(0.5));
+  scheduler_.advance(Trash::MAX_AGE - seconds(0.5));
+  look();
+  EXPECT_EQ(extension_->listingsOf(TRASH_CONTAINER.text), 1);
+  scheduler_.advance(seconds(0.001));
+  look();
+  EXPECT_EQ(extension_->listingsOf(TRASH_CONTAINER.text), 2);
+}
+
+TEST_F(TrashTest, OneThingAtATimeIsDoneWithAnItem) {
+  extension_->addFile("1", TRASH_CONTAINER.text, "a.txt", "a");
+  beginWithTrash();
+  look();
+  extension_->holdAnswers();
+  EXPECT_EQ(restore("a.txt", "a.txt"), -1);
+  EXPECT_EQ(restore("a.txt", "b.txt"), EBUSY);
+  EXPECT_EQ(purge("a.txt"), EBUSY);
+  extension_->letAnswersGo();
+  scheduler_.runUntilIdle();
+  EXPECT_THAT(server(), ElementsAre("a.txt=a"));
+}
+
+TEST_F(TrashTest, WhatIsOnItsWayIsNotTakenForAnotherOfItsName) {
+  extension_->addFile("1", TRASH_CONTAINER.text, "a.txt", "theirs");
+  beginWithTrash();
+  create("a.txt", "ours");
+  EXPECT_EQ(put("a.txt", "a.txt"), 0);
+  look();
+  EXPECT_THAT(shown(), ElementsAre("a.txt <- a.txt", "a 2.txt <- a.txt"));
+  EXPECT_EQ(read("a.txt"), "ours");
+  EXPECT_EQ(read("a 2.txt"), "theirs");
+}
+
+TEST_F(TrashTest, WhatTheServerHasWithoutOurHavingHeardIsStillOnItsWay) {
+  extension_->addFile("1", ROOT, "a.txt", "a");
+  beginWithTrash();
+  EXPECT_EQ(put("a.txt", "a.txt"), 0);
+  extension_->loseNextAnswer(unreachable());
+  settle();
+  EXPECT_THAT(extension_->trash(), ElementsAre("a.txt"));
+  look();
+  EXPECT_NE(trash_->find(false, "a.txt")->edit, 0);
+  sender_->sendNow();
+  scheduler_.advance(seconds(20));
+  look();
+  EXPECT_EQ(trash_->find(false, "a.txt")->edit, 0);
+  EXPECT_EQ(restore("a.txt", "a.txt"), 0);
+  EXPECT_THAT(server(), ElementsAre("a.txt=a"));
 }
 
 TEST_F(TrashTest, WhatIsOnItsWayIsPurgedWhenItHasArrived) {
@@ -657,8 +772,7 @@ TEST_F(TrashTest, AListingThatWasAskedForBeforeAnItemWasPurgedDoesNotBringItBack
   look();
   extension_->holdAnswers();
   EXPECT_EQ(purge("a.txt"), -1);
-  tree_->applyUpdates({extension_->addFile("2", ROOT, "news", "")}, [] {});
-  scheduler_.runUntilIdle();
+  tellOfNews();
   extension_->holdListings();
   EXPECT_EQ(look(), -1);
   ASSERT_TRUE(extension_->letOneGo());
