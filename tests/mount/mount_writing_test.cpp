@@ -280,6 +280,26 @@ TEST_F(MountWritingTest, AnItemTellsOfItselfByExtendedAttributes) {
   EXPECT_EQ(numberOf(static_cast<int>(::getxattr(path("/a").c_str(), "user.vondle.state", text, 3))), ERANGE);
 }
 
+TEST_F(MountWritingTest, AttributesAreThoseOfTheItemWhateverItsName) {
+  const std::string odd = "Für \"Zoë\" #1 (100%3F)? [draft] 'x'.txt";
+  auto folder = FakeExtension::folder("20", ROOT, "folder of " + odd);
+  folder.isShared = folder.isSharedByCurrentUser = true;
+  folder.ownerNameComponents = parsePersonName(odd);
+  rig_.extension.add(folder);
+  rig_.extension.addFile("21", "20", odd, "x");
+  rig_.extension.addFile("22", "20", "\n" + odd, "x");
+  rig_.start();
+  const auto below = "/folder of " + odd;
+  EXPECT_EQ(valueOf(below, "user.vondle.id"), "20");
+  EXPECT_EQ(valueOf(below, "user.vondle.shared"), "by you");
+  EXPECT_EQ(valueOf(below, "user.vondle.owner"), odd);
+  EXPECT_EQ(valueOf(below + "/" + odd, "user.vondle.id"), "21");
+  EXPECT_EQ(valueOf(below + "/\n" + odd, "user.vondle.id"), "22");
+  EXPECT_EQ(numberOf(::setxattr(path(below + "/" + odd).c_str(), "user.vondle.policy", "keep", 4, 0)), 0);
+  EXPECT_EQ(valueOf(below + "/" + odd, "user.vondle.policy"), "kept downloaded");
+  EXPECT_EQ(valueOf(below + "/\n" + odd, "user.vondle.policy"), "downloaded when read");
+}
+
 TEST_F(MountWritingTest, AProgramHasAnItemKeptByItsAttribute) {
   serverHas("a", "contents");
   rig_.extension.addFolder("10", ROOT, "folder");
