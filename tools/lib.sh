@@ -13,7 +13,7 @@ PACKAGES_check="clang-19 clang-tidy-19 clang-format-19 libclang-rt-19-dev"
 PACKAGES_tsan="clang-19 libclang-rt-19-dev"
 PACKAGES_fuzz="clang-19 libclang-rt-19-dev"
 PACKAGES_package="dpkg-dev file help2man lintian"
-PACKAGES_bench="nginx-light rclone procps time libvips-tools"
+PACKAGES_bench="nginx-light rclone procps sqlite3 time libvips-tools"
 
 # install_packages SET...: installs what is missing of the package sets named, and says so.
 install_packages() {
