@@ -470,6 +470,7 @@ TEST_F(TrashTest, RestoringFailsClearlyAndChangesNothing) {
 }
 
 TEST_F(TrashTest, RestoringToElsewhereWorksWhenTheOldNameIsTaken) {
+  extension_->addFolder("c", ROOT, "another");
   extension_->addFolder("d", ROOT, "Für #1 (100%)?");
   extension_->addFolder("e", "d", "%=x");
   extension_->addFile("1", "e", "a.txt", "old");
@@ -488,7 +489,7 @@ TEST_F(TrashTest, RestoringToElsewhereWorksWhenTheOldNameIsTaken) {
   EXPECT_EQ(at("other/a.txt"), inode("1"));
   EXPECT_THAT(shown(), IsEmpty());
   EXPECT_THAT(server(),
-              UnorderedElementsAre("Für #1 (100%)?/", "Für #1 (100%)?/%=x/", "Für #1 (100%)?/%=x/a.txt=new",
+              UnorderedElementsAre("another/", "Für #1 (100%)?/", "Für #1 (100%)?/%=x/", "Für #1 (100%)?/%=x/a.txt=new",
                                    "Für #1 (100%)?/%=x/a (conflicted copy).txt=third", "other/", "other/a.txt=old"));
   scheduler_.advance(seconds(10));
   EXPECT_EQ(at("Für #1 (100%)?/%=%25=x/a.txt"), inode("2"));
@@ -532,6 +533,27 @@ TEST_F(TrashTest, WhatCannotBeRestoredToElsewhereStaysAndTheOtherKeepsItsName) {
   EXPECT_THAT(server(), ElementsAre("a.txt=new", "other/", "other/taken.txt=unseen"));
   EXPECT_EQ(restore("a.txt", "other/b.txt"), 0);
   EXPECT_THAT(server(), ElementsAre("a.txt=new", "other/", "other/b.txt=old", "other/taken.txt=unseen"));
+}
+
+TEST_F(TrashTest, WhatTheServerDoesNotRestoreAfterAllLeavesTheOtherItsName) {
+  extension_->addFile("1", ROOT, "a.txt", "old");
+  beginWithTrash();
+  put("a.txt", "a.txt");
+  settle();
+  look();
+  extension_->addFile("2", ROOT, "a.txt", "new");
+  extension_->holdAnswers();
+  EXPECT_EQ(restore("a.txt", "b.txt"), -1);
+  while (changes().size() < 4) {
+    ASSERT_TRUE(extension_->letOneGo());
+    scheduler_.runUntilIdle();
+  }
+  EXPECT_EQ(changes()[2], "place a.txt -> a (conflicted copy).txt");
+  extension_->failNextChanges(1, Error(API_ERROR_DOMAIN, 403));
+  extension_->letAnswersGo();
+  scheduler_.runUntilIdle();
+  EXPECT_THAT(server(), ElementsAre("a.txt=new"));
+  EXPECT_THAT(extension_->trash(), ElementsAre("a.txt"));
 }
 
 TEST_F(TrashTest, WhoRenamesWhatHadTheOldNameMeanwhileHasTheLastWord) {
