@@ -7,7 +7,7 @@ PACKAGES_build="g++ cmake ninja-build ccache pkg-config git libcurl4-openssl-dev
 PACKAGES_try="libnss-wrapper imagemagick curl rsync git vim"
 PACKAGES_test="$PACKAGES_try libglib2.0-bin openssl sqlite3 python3 uidmap gnome-keyring dbus dbus-daemon libsecret-tools ffmpeg libvips-tools
   libheif-examples libjxl-tools libimage-exiftool-perl nano make gvfs trash-cli"
-PACKAGES_desktop="thunar xvfb xdotool"
+PACKAGES_desktop="thunar tumbler xvfb xdotool at-spi2-core gir1.2-atspi-2.0 python3-gi dbus-daemon gvfs attr"
 PACKAGES_office="libreoffice-writer-nogui"
 PACKAGES_check="clang-19 clang-tidy-19 clang-format-19 libclang-rt-19-dev"
 PACKAGES_tsan="clang-19 libclang-rt-19-dev"
