@@ -81,10 +81,7 @@ Result<std::unique_ptr<Service>> Service::start(const ServiceOptions& options, c
                     .name = options.name,
                     .readOnly = options.readOnly,
                     .used = [&parts] { parts.noteUse(); },
-                    .listed =
-                        [thumbnails = service->thumbnails_](Inode folder) {
-                          if (thumbnails) thumbnails->folderListed(folder);
-                        },
+                    .thumbnails = service->thumbnails_,
                     .keep = [keepParts = KeepAction::Parts{.tree = parts.tree(),
                                                            .extension = *service->extension_,
                                                            .contents = parts.contents(),

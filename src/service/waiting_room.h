@@ -57,13 +57,13 @@ class WaitingRoom : public std::enable_shared_from_this<WaitingRoom<Value>> {
     for (auto& [number, answer] : room) std::move(answer)(result);
   }
 
-  void settleAll(const Error& error) EXCLUDES(lock_) {
+  void settleAll(const Result<Value>& result) EXCLUDES(lock_) {
     std::vector<Inode> inodes;
     {
       MutexLock hold(lock_);
       for (const auto& [inode, room] : rooms_) inodes.push_back(inode);
     }
-    for (const Inode inode : inodes) settle(inode, failure(error));
+    for (const Inode inode : inodes) settle(inode, result);
   }
 
   [[nodiscard]] std::size_t waitingFor(Inode inode) const EXCLUDES(lock_) {

@@ -707,7 +707,7 @@ void ContentStore::close(Error error) {
     for (const auto& [inode, record] : records_)
       if (record.fetch) fetches.push_back(record.fetch);
   }
-  waiting_->settleAll(error);
+  waiting_->settleAll(failure(error));
   for (const auto& fetch : fetches) fetch->abandon();
 }
 

@@ -725,7 +725,7 @@ void LocalEdits::takeIdentifier(TreeEdit& tree, Edit& edit, const ItemIdentifier
 void LocalEdits::keepModified(TreeEdit& tree, Inode inode, const SavedItem& saved) {
   const auto& index = tree.state().index;
   const Timestamp shown{index.facts(index.find(inode)).modified};
-  if (saved.item.contentModificationDate == shown) return;
+  if (TreeState::factsOf(saved.item).modified == shown.secondsSince1970) return;
   const auto* known = tree.state().edits.attributesOf(saved.item.itemIdentifier.text);
   LocalAttributes attributes = known ? *known : LocalAttributes{.item = saved.item.itemIdentifier};
   attributes.modified = shown;

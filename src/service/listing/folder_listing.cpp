@@ -139,7 +139,7 @@ void FolderListing::close(Error error) {
     MutexLock hold(lock_);
     closed_ = error;
   }
-  waiting_->settleAll(error);
+  waiting_->settleAll(failure(error));
 }
 
 }  // namespace vondle

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "service/error_number.h"
+#include "service/mount/thumbnail_programs.h"
 
 namespace vondle {
 namespace {
@@ -18,6 +19,10 @@ constexpr std::size_t ENTRIES_AT_ONCE = 64;
 
 // Stands for the tag of contents that are edited.
 constexpr std::uint64_t EDITED = 0;
+
+bool isHere(ContentState state) {
+  return state != ContentState::absent && state != ContentState::fetching;
+}
 
 }  // namespace
 
@@ -51,17 +56,45 @@ void Filesystem::lookup(FuseRequest request, Inode folder, std::string name) {
 void Filesystem::answerLookup(FuseRequest request, Inode folder, const std::string& name) {
   const auto found = tree_.replica().lookup(folder, name);
   if (found)
-    std::move(request).answerEntry(nodeOf(*found));
+    std::move(request).answerEntry(nodeOf(*found, name));
   else
     std::move(request).answerNoEntry();
 }
 
 void Filesystem::attributes(FuseRequest request, Inode inode) {
   if (!begin(request)) return;
-  if (const auto node = nodeFor(inode))
-    std::move(request).answerAttributes(*node);
-  else
-    std::move(request).fail(ENOENT);
+  whenPictured(std::move(request), inode, [inode](Filesystem& self, FuseRequest ready) {
+    if (const auto node = self.nodeFor(inode))
+      std::move(ready).answerAttributes(*node);
+    else
+      std::move(ready).fail(ENOENT);
+  });
+}
+
+void Filesystem::whenPictured(FuseRequest request, Inode inode, Next next) {
+  const auto item = thumbnails_ ? tree_.replica().attributes(inode) : std::nullopt;
+  if (!item || !awaitsPicture(*item, tree_.replica().nameOf(inode)) || !isOfThumbnailProgram(request.pid()))
+    return next(*this, std::move(request));
+  auto wait = Progress::make();
+  const auto number = park(request, wait);
+  thumbnails_->whenSettled(*item, wait,
+                           [self = shared_from_this(), request = std::move(request), next = std::move(next),
+                            number](const Result<std::monostate>& result) mutable {
+                             const int errorNumber = self->unpark(number, result ? nullptr : &result.error());
+                             if (errorNumber != 0) return std::move(request).fail(errorNumber);
+                             next(*self, std::move(request));
+                           });
+}
+
+bool Filesystem::awaitsPicture(const ItemAttributes& item, std::string_view name) const {
+  return thumbnails_ && !item.isFolder && !isHere(contents_.state(item.inode)) && thumbnails_->mayCome(item, name);
+}
+
+// The kernel does not remember what a program that makes thumbnails is to be told later.
+NodeAttributes Filesystem::nodeOf(const ItemAttributes& item, std::string_view name) const {
+  auto node = nodeOf(item);
+  node.areAttributesVolatile = awaitsPicture(item, name);
+  return node;
 }
 
 void Filesystem::open(FuseRequest request, Inode inode, OpenMode mode) {
@@ -72,8 +105,15 @@ void Filesystem::open(FuseRequest request, Inode inode, OpenMode mode) {
   if (item->isFolder) return std::move(request).fail(EISDIR);
   auto file = contents_.current(inode);
   const bool isHere = file || editedFor(inode);
+  if (!isHere && thumbnails_ && isOfThumbnailProgram(request.pid())) return refuseThumbnail(std::move(request), inode);
   const bool keepCache = noteOpened(*item, std::move(file));
   std::move(request).answerOpenedFile(keepCache, !isHere);
+}
+
+// File managers would have every file that they show fetched. When the refusal is heard, the server's thumbnail is
+// there, or will not come.
+void Filesystem::refuseThumbnail(FuseRequest request, Inode inode) {
+  whenPictured(std::move(request), inode, [](Filesystem&, FuseRequest settled) { std::move(settled).fail(EAGAIN); });
 }
 
 bool Filesystem::noteOpened(const ItemAttributes& item, std::shared_ptr<const ContentFile> file) {
@@ -114,7 +154,9 @@ NodeAttributes Filesystem::nodeOf(const ItemAttributes& item) const {
 }
 
 std::optional<NodeAttributes> Filesystem::nodeFor(Inode inode) {
-  if (const auto item = tree_.replica().attributes(inode)) return nodeOf(*item);
+  if (const auto item = tree_.replica().attributes(inode)) {
+    return thumbnails_ && !item->isFolder ? nodeOf(*item, tree_.replica().nameOf(inode)) : nodeOf(*item);
+  }
   std::optional<ItemAttributes> item;
   std::shared_ptr<EditedFile> edited;
   {
@@ -261,7 +303,7 @@ void Filesystem::readFolder(FuseRequest request, Inode folder, std::uint64_t han
       if (const auto open = self.openFolders_.find(handle); open != self.openFolders_.end()) open->second = children;
     }
     self.answerPage(std::move(listed), folder, children, offset, room);
-    if (self.programLists_) self.programLists_(folder);
+    if (self.thumbnails_) self.thumbnails_->folderListed(folder);
   });
 }
 
@@ -282,7 +324,8 @@ void Filesystem::answerPage(FuseRequest request, Inode folder, const Snapshot& s
     for (const auto& entry : replica.entries(folder, chunk)) {
       // Those that have gone since the snapshot are not among the entries.
       while (children[position] != entry.attributes.inode) ++position;
-      fits = page.add(entry.name, nodeOf(entry.attributes), static_cast<std::int64_t>(position) + 1 + FIRST_CHILD);
+      fits = page.add(entry.name, nodeOf(entry.attributes, entry.name),
+                      static_cast<std::int64_t>(position) + 1 + FIRST_CHILD);
       if (!fits) break;
       ++position;
     }
@@ -380,7 +423,7 @@ void Filesystem::sync(FuseRequest request, Inode) {
   std::move(request).succeed();
 }
 
-void Filesystem::whenListed(FuseRequest request, Inode folder, Listed next) {
+void Filesystem::whenListed(FuseRequest request, Inode folder, Next next) {
   const auto item = tree_.replica().attributes(folder);
   if (!item) return std::move(request).fail(ENOENT);
   if (!item->isFolder) return std::move(request).fail(ENOTDIR);

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -18,6 +19,7 @@
 #include "service/mount/extended_attributes.h"
 #include "service/mount/fuse_handler.h"
 #include "service/replica/tree.h"
+#include "service/thumbnails/thumbnails.h"
 
 namespace vondle {
 
@@ -66,8 +68,9 @@ class Filesystem : public FuseHandler, public std::enable_shared_from_this<Files
   // of contents that a read or write waits for is held back until that is answered, for telling the kernel would wait
   // for it: `later` gets it then.
   std::vector<ReplicaChange> apply(const std::vector<ReplicaChange>& changes) EXCLUDES(lock_);
-  // A program lists a folder; must be cheap. Before the first request.
-  void onListed(std::function<void(Inode)> listed) { programLists_ = std::move(listed); }
+  // Before the first request; null: nobody brings any. Where somebody does, programs that make small pictures for file
+  // managers find those, and get no contents that are not here.
+  void bringThumbnails(std::shared_ptr<Thumbnails> thumbnails) { thumbnails_ = std::move(thumbnails); }
   void onLater(std::function<void(std::vector<ReplicaChange>)> later) { later_ = std::move(later); }
 
   // What was edited is as on the server again, where the contents have this tag; or, with none, programs see what the
@@ -84,11 +87,11 @@ class Filesystem : public FuseHandler, public std::enable_shared_from_this<Files
 
  protected:
   static constexpr Request VIEWER{.isFileViewerRequest = true};
-  using Listed = std::function<void(Filesystem&, FuseRequest)>;
+  using Next = std::function<void(Filesystem&, FuseRequest)>;
 
   // False, and the request failed, when the mount is closed.
   bool begin(FuseRequest& request);
-  void whenListed(FuseRequest request, Inode folder, Listed next);
+  void whenListed(FuseRequest request, Inode folder, Next next);
   std::uint64_t park(FuseRequest& request, const std::shared_ptr<Progress>& wait) EXCLUDES(lock_);
   // The number for errno of a wait that failed.
   int unpark(std::uint64_t number, const Error* error) EXCLUDES(lock_);
@@ -138,13 +141,18 @@ class Filesystem : public FuseHandler, public std::enable_shared_from_this<Files
   void answerLookup(FuseRequest request, Inode folder, const std::string& name);
   void answerPage(FuseRequest request, Inode folder, const Snapshot& snapshot, std::int64_t offset, std::size_t room);
   [[nodiscard]] std::shared_ptr<const ContentFile> fileFor(Inode inode) EXCLUDES(lock_);
+  // A program that makes thumbnails goes on when that of a file whose contents are not here has come, or will not.
+  void whenPictured(FuseRequest request, Inode inode, Next next) EXCLUDES(lock_);
+  void refuseThumbnail(FuseRequest request, Inode inode) EXCLUDES(lock_);
+  [[nodiscard]] bool awaitsPicture(const ItemAttributes& item, std::string_view name) const;
+  [[nodiscard]] NodeAttributes nodeOf(const ItemAttributes& item, std::string_view name) const;
 
   FolderListing& listing_;
   std::shared_ptr<ExtendedAttributes> extended_;
   const Clock& clock_;
   const std::function<void()> used_;
   std::function<void(std::vector<ReplicaChange>)> later_;
-  std::function<void(Inode)> programLists_;
+  std::shared_ptr<Thumbnails> thumbnails_;
   std::atomic<std::int64_t> lastUse_;
   std::atomic<double> rootModified_;  // when what is in it changed last, or it was mounted
   std::atomic<bool> isClosed_ = false;

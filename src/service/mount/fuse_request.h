@@ -19,9 +19,10 @@ struct NodeAttributes {
   bool isFolder = false;
   std::int64_t size = 0;
   Timestamp modified;
-  unsigned permissions = 0;  // 0 to 0777
-  bool isGone = false;       // no name leads to it any more
-  bool isVolatile = false;   // the kernel is to ask again each time
+  unsigned permissions = 0;            // 0 to 0777
+  bool isGone = false;                 // no name leads to it any more
+  bool isVolatile = false;             // the kernel is to ask again each time
+  bool areAttributesVolatile = false;  // for them, not for the name
 };
 
 struct SpaceStatistics {

@@ -55,14 +55,15 @@ struct stat statusOf(const NodeAttributes& attributes) {
 }
 
 double validSeconds(const NodeAttributes& attributes) {
-  return attributes.isVolatile ? 0 : VALID_SECONDS;
+  return attributes.isVolatile || attributes.areAttributesVolatile ? 0 : VALID_SECONDS;
 }
 
 fuse_entry_param entryOf(const NodeAttributes& attributes) {
   fuse_entry_param entry{};
   entry.ino = attributes.inode;
   entry.attr = statusOf(attributes);
-  entry.attr_timeout = entry.entry_timeout = validSeconds(attributes);
+  entry.entry_timeout = attributes.isVolatile ? 0 : VALID_SECONDS;
+  entry.attr_timeout = validSeconds(attributes);
   return entry;
 }
 

@@ -68,7 +68,7 @@ Result<std::unique_ptr<Mount>> Mount::start(const MountOptions& options, Tree& t
                                                                          changes.edits, clock, options.used);
   if (options.keep)
     mount->filesystem_->showAttributes(std::make_shared<ExtendedAttributes>(tree, contents, scheduler, options.keep));
-  mount->filesystem_->onListed(options.listed);
+  mount->filesystem_->bringThumbnails(options.thumbnails);
   mount->addTrash(options, tree, scheduler, clock, changes.edits, writable);
   FuseHandler& handler = mount->trashFolder_ ? static_cast<FuseHandler&>(*mount->trashFolder_) : *mount->filesystem_;
   auto mountPoint = MountPoint::mount(options.path, options.name, readOnly);

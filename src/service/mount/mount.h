@@ -17,14 +17,16 @@
 
 namespace vondle {
 
+class Thumbnails;
+
 struct MountOptions {
   std::string path;             // absolute
   std::string name = "Vondle";  // what mount and df call it
   bool readOnly = false;
   // Called for each request of a program's, on the threads that answer: must be cheap. May be empty.
   std::function<void()> used = {};
-  // Called when a program lists a folder, as `used` is.
-  std::function<void(Inode)> listed = {};
+  // Puts pictures where file managers look for them; null: nobody does.
+  std::shared_ptr<Thumbnails> thumbnails = nullptr;
   // What a program asks for by an extended attribute; without, there are none.
   ExtendedAttributes::Keep keep = {};
   // Whose trash the folder shows; null: it shows none.

@@ -103,6 +103,12 @@ std::optional<ItemIdentifier> Replica::identifierOf(Inode inode) const {
   return slot == NONE ? std::nullopt : std::optional(ItemIdentifier{std::string(state_.index.identifier(slot))});
 }
 
+std::string Replica::nameOf(Inode inode) const {
+  MutexLock hold(lock_);
+  const Slot slot = state_.index.find(inode);
+  return slot == NONE ? "" : std::string(state_.index.name(slot));
+}
+
 std::optional<std::string> Replica::pathOf(Inode inode) const {
   MutexLock hold(lock_);
   Slot slot = state_.index.find(inode);

@@ -66,6 +66,8 @@ class Replica {
   [[nodiscard]] std::vector<DirectoryEntry> entries(Inode folder, std::span<const Inode> inodes) const EXCLUDES(lock_);
   [[nodiscard]] std::optional<Inode> inodeOf(const ItemIdentifier& identifier) const EXCLUDES(lock_);
   [[nodiscard]] std::optional<ItemIdentifier> identifierOf(Inode inode) const EXCLUDES(lock_);
+  // Empty for the root, and for one that is not known.
+  [[nodiscard]] std::string nameOf(Inode inode) const EXCLUDES(lock_);
   // Below the mount point, starting with a slash; "/" for the root.
   [[nodiscard]] std::optional<std::string> pathOf(Inode inode) const EXCLUDES(lock_);
   // Through folders that are listed.

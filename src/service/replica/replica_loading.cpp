@@ -18,7 +18,7 @@ constexpr unsigned MAX_THREADS = 4;
 ItemIndex::Facts factsOf(const ReplicaStore::Row& row) {
   return {.contentTag = TreeState::contentTag(row.identifier, row.contentVersion),
           .size = row.isFolder ? 0 : std::max<std::int64_t>(0, row.size),
-          .modified = row.modified,
+          .modified = TreeState::shownTime(row.modified, row.isFolder),
           .permissions = TreeState::permissionsOf(row.fileSystemFlags),
           .capabilities = static_cast<std::uint8_t>(row.capabilities),
           .isFolder = row.isFolder,

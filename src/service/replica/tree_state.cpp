@@ -38,14 +38,18 @@ std::uint64_t TreeState::contentTag(std::string_view identifier, std::string_vie
 }
 
 ItemIndex::Facts TreeState::factsOf(const Item& item) {
-  const double modified = item.contentModificationDate ? item.contentModificationDate->secondsSince1970 : 0;
   return {.contentTag = contentTag(item.itemIdentifier.text, item.itemVersion.contentVersion),
           .size = item.isFolder() ? 0 : std::max<std::int64_t>(0, item.documentSize.value_or(0)),
-          .modified = std::isfinite(modified) ? modified : 0,
+          .modified = shownTime(item.contentModificationDate.value_or(Timestamp()).secondsSince1970, item.isFolder()),
           .permissions = permissionsOf(item.fileSystemFlags),
           .capabilities = static_cast<std::uint8_t>(item.capabilities),
           .isFolder = item.isFolder(),
           .keepDownloaded = item.contentPolicy == ContentPolicy::downloadEagerlyAndKeepDownloaded};
+}
+
+double TreeState::shownTime(double modified, bool isFolder) {
+  if (!std::isfinite(modified)) return 0;
+  return isFolder ? modified : std::floor(modified);
 }
 
 std::uint16_t TreeState::permissionsOf(std::uint32_t fileSystemFlags) {
@@ -78,6 +82,7 @@ ItemIndex::Facts TreeState::factsOf(const Edit& edit) const {
   item.capabilities = LOCAL_CAPABILITIES;
   item.contentModificationDate = edit.isFolder ? edit.changedAt : edit.modified;
   auto facts = factsOf(item);
+  facts.modified = item.contentModificationDate->secondsSince1970;
   facts.permissions = static_cast<std::uint16_t>(defaultPermissions(edit.isFolder));
   // Nobody else knows of what is in it.
   facts.isListed = edit.isFolder && (edit.fields & EDIT_CREATED) != 0;

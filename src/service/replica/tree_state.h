@@ -63,6 +63,9 @@ struct TreeState {
   void forgetNames(ItemIndex::Slot slot);
 
   static ItemIndex::Facts factsOf(const Item& item);
+  // Of a time that the server gave. A file's is of whole seconds: some programs compare the fraction, others drop it,
+  // and both are to take a thumbnail for that of the file as it is. Times that programs set are shown as they set them.
+  static double shownTime(double modified, bool isFolder);
   // Of the owner, the only one that a server's item tells of.
   static std::uint16_t permissionsOf(std::uint32_t fileSystemFlags);
   static std::uint64_t contentTag(std::string_view identifier, std::string_view contentVersion);

@@ -27,7 +27,9 @@ std::int64_t wholeSeconds(Timestamp timestamp) {
 }  // namespace
 
 Thumbnails::Thumbnails(Parts parts)
-    : parts_(std::move(parts)), queue_(parts_.scheduler.makeSerialQueue("thumbnails")) {}
+    : parts_(std::move(parts)),
+      queue_(parts_.scheduler.makeSerialQueue("thumbnails")),
+      outcomes_(std::make_shared<ThumbnailOutcomes>(parts_.scheduler, parts_.clock)) {}
 
 void Thumbnails::folderListed(Inode folder) {
   const auto now = parts_.clock.monotonic();
@@ -44,11 +46,29 @@ void Thumbnails::folderListed(Inode folder) {
   queue_->post([self = shared_from_this()] { self->lookOn(); });
 }
 
+bool Thumbnails::mayCome(const ItemAttributes& file, std::string_view name) const {
+  return !file.isFolder && file.size > 0 && canHaveThumbnail(name) &&
+         !outcomes_->isSettledForGood(file.inode, file.contentTag);
+}
+
+void Thumbnails::whenSettled(const ItemAttributes& file, const std::shared_ptr<Progress>& wait,
+                             ThumbnailOutcomes::Answer answer) {
+  folderListed(file.parent);
+  queue_->post([self = shared_from_this(), inode = file.inode, tag = file.contentTag, wait,
+                answer = std::move(answer)]() mutable {
+    if (self->isStopped_ || self->isResting()) return std::move(answer)(std::monostate());
+    self->outcomes_->whenSettled(inode, tag, wait, std::move(answer));
+  });
+}
+
 void Thumbnails::lookOn() {
   if (!look_) beginLook();
   if (!look_) return;
   for (const auto end = std::min(look_->done + AT_ONCE, look_->folder.files.size()); look_->done < end; ++look_->done)
-    if (const auto& file = look_->folder.files[look_->done]; lacks(file)) look_->lacking.push_back(file);
+    if (const auto& file = look_->folder.files[look_->done]; lacks(file))
+      look_->lacking.push_back(file);
+    else
+      outcomes_->settle(file.inode, file.tag);
   if (look_->done == look_->folder.files.size()) {
     endLook(std::move(*look_));
     look_.reset();
@@ -111,10 +131,17 @@ void Thumbnails::endLook(Look look) {
   }
   if (look.lacking.empty()) return;
   auto& lacking = look.lacking;
-  if (lacking.size() > MAX_WAITING) lacking.erase(lacking.begin(), lacking.end() - MAX_WAITING);
+  if (lacking.size() > MAX_WAITING) {
+    const auto end = lacking.end() - MAX_WAITING;
+    std::for_each(lacking.begin(), end, [this](const File& file) { leave(file); });
+    lacking.erase(lacking.begin(), end);
+  }
   waitingCount_ += lacking.size();
   waiting_.push_back({.inode = look.folder.inode, .files = std::move(lacking)});
-  for (; waitingCount_ > MAX_WAITING; waiting_.pop_front()) waitingCount_ -= waiting_.front().files.size();
+  for (; waitingCount_ > MAX_WAITING; waiting_.pop_front()) {
+    waitingCount_ -= waiting_.front().files.size();
+    for (const auto& file : waiting_.front().files) leave(file);
+  }
   work();
 }
 
@@ -156,7 +183,7 @@ void Thumbnails::received(Batch& batch, const ItemIdentifier& identifier, Result
   const File file = found.mapped();
   if (!image) {
     ++batch.failed;
-    return;
+    return leave(file);
   }
   ++batch.answered;
   if (!*image) return hasNone(file);
@@ -165,17 +192,17 @@ void Thumbnails::received(Batch& batch, const ItemIdentifier& identifier, Result
 
 void Thumbnails::ended(const Batch& batch) {
   batch_.reset();
+  for (const auto& [identifier, file] : batch.asked) leave(file);
   if (batch.answered == 0 && batch.failed > 0) {
     LOG.info("no thumbnails can be had now: %d failed, leaving %d for later", batch.failed, waitingCount_);
-    waiting_.clear();
-    waitingCount_ = 0;
+    forgetWaiting();
   }
   work();
 }
 
 void Thumbnails::scale(const File& file, std::string image) {
   const auto bytes = image.size();
-  if (isStopped_ || isResting() || scalingBytes_ + bytes > MAX_BYTES) return;
+  if (isStopped_ || isResting() || scalingBytes_ + bytes > MAX_BYTES) return leave(file);
   ++scaling_;
   scalingBytes_ += bytes;
   parts_.scaler.scale(std::move(image), [self = shared_from_this(), file, bytes](std::optional<ScaledPicture> picture) {
@@ -187,12 +214,16 @@ void Thumbnails::scaled(const File& file, std::size_t bytes, const std::optional
   --scaling_;
   scalingBytes_ -= bytes;
   const auto subject = subjectOf(file);
-  if (!subject || isStopped_ || isResting()) return work();
+  if (!subject || isStopped_ || isResting()) {
+    leave(file);
+    return work();
+  }
   if (!picture || !ThumbnailCache::isAcceptable(*picture)) {
     LOG.info("the thumbnail of %{public}@ is no picture", replica().pathOf(file.inode).value_or("?"));
     hasNone(file);
   } else if (const auto stored = parts_.cache.store(*subject, *picture)) {
     hasFailed_ = false;
+    outcomes_->settle(file.inode, file.tag);
   } else {
     cacheFailed(stored.error());
   }
@@ -200,6 +231,7 @@ void Thumbnails::scaled(const File& file, std::size_t bytes, const std::optional
 }
 
 void Thumbnails::hasNone(const File& file) {
+  outcomes_->settle(file.inode, file.tag);
   if (refused_.size() >= MAX_REFUSED) refused_.clear();
   refused_[file.inode] = {.tag = file.tag, .until = parts_.clock.monotonic() + LEAVE_ALONE};
   if (!parts_.keepsFailures || isResting()) return;
@@ -208,10 +240,20 @@ void Thumbnails::hasNone(const File& file) {
   if (const auto stored = parts_.cache.storeFailure(*subject); !stored) cacheFailed(stored.error());
 }
 
+void Thumbnails::leave(const File& file) {
+  outcomes_->settle(file.inode, file.tag, LOOK_AGAIN);
+}
+
+void Thumbnails::forgetWaiting() {
+  for (const auto& folder : std::exchange(waiting_, {}))
+    for (const auto& file : folder.files) leave(file);
+  waitingCount_ = 0;
+}
+
 void Thumbnails::cacheFailed(const Error& error) {
   restUntil_ = parts_.clock.monotonic() + REST;
-  waiting_.clear();
-  waitingCount_ = 0;
+  forgetWaiting();
+  outcomes_->answerAll();
   if (!std::exchange(hasFailed_, true))
     LOG.error("thumbnails cannot be kept: %{public}@", error.localizedDescription());
 }
@@ -281,8 +323,8 @@ void Thumbnails::carryOut(const std::set<std::string>& uris, const std::vector<P
 void Thumbnails::stop() {
   queue_->post([self = shared_from_this()] {
     self->isStopped_ = true;
-    self->waiting_.clear();
-    self->waitingCount_ = 0;
+    self->forgetWaiting();
+    self->outcomes_->answerAll();
     if (self->batch_ && self->batch_->progress) self->batch_->progress->cancel();
   });
 }

@@ -9,6 +9,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -22,6 +23,7 @@
 #include "service/replica/tree.h"
 #include "service/thumbnails/place_changes.h"
 #include "service/thumbnails/thumbnail_cache.h"
+#include "service/thumbnails/thumbnail_outcomes.h"
 
 namespace vondle {
 
@@ -63,6 +65,11 @@ class Thumbnails : public std::enable_shared_from_this<Thumbnails> {
 
   // A program lists the folder. Costs next to nothing.
   void folderListed(Inode folder) EXCLUDES(lock_);
+  // Whether one may come for the file, which has this name, that is not where file managers look for it yet.
+  [[nodiscard]] bool mayCome(const ItemAttributes& file, std::string_view name) const;
+  // When it is there, or is not to be had now; at the latest after ThumbnailOutcomes::PATIENCE.
+  void whenSettled(const ItemAttributes& file, const std::shared_ptr<Progress>& wait, ThumbnailOutcomes::Answer answer)
+      EXCLUDES(lock_);
   // Subscribe it to the Tree.
   void apply(const std::vector<ReplicaChange>& changes) EXCLUDES(lock_);
   // Ends what runs, and begins nothing more.
@@ -110,6 +117,9 @@ class Thumbnails : public std::enable_shared_from_this<Thumbnails> {
   void scale(const File& file, std::string image);
   void scaled(const File& file, std::size_t bytes, const std::optional<ScaledPicture>& picture);
   void hasNone(const File& file);
+  // It is not to be had now.
+  void leave(const File& file);
+  void forgetWaiting();
   void cacheFailed(const Error& error);
   void moveOn() EXCLUDES(lock_);
   void beginMoving() EXCLUDES(lock_);
@@ -124,6 +134,7 @@ class Thumbnails : public std::enable_shared_from_this<Thumbnails> {
 
   const Parts parts_;
   const std::shared_ptr<Queue> queue_;
+  const std::shared_ptr<ThumbnailOutcomes> outcomes_;
 
   // Used on the queue alone.
   std::optional<Look> look_;
