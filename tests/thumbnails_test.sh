@@ -97,6 +97,24 @@ check 'another time makes it stale' is_stale "$PHOTOS/film.mp4"
 exits 0 vondle sync --wait 20
 check 'and another listing replaces it' until_true 20 listed all_shown
 check 'still without contents' nothing_fetched
+# Who makes thumbnails, by the names of the programs that do.
+mkdir "$WORLD/makers"
+cp "$(command -v stat)" "$WORLD/makers/tumblerd"
+cp "$(command -v cat)" "$WORLD/makers/gdk-pixbuf-thumbnailer"
+looks() { "$WORLD/makers/tumblerd" -c %Y "$PHOTOS/$1" >"$WORLD/out"; }
+may_not_open() { ! "$WORLD/makers/gdk-pixbuf-thumbnailer" "$PHOTOS/$1" >"$WORLD/out" 2>&1 && says 'temporarily unavailable'; }
+exits 0 vondle unmount
+rm -r "$CACHE"
+exits 0 vondle mount "$MOUNT"
+ls "$PHOTOS" >/dev/null
+check 'who makes thumbnails sees a picture' looks "${NAMES[1]}"
+check "when the server's is there" is_shown "$PHOTOS/${NAMES[1]}"
+check 'or is refused the picture' may_not_open "${NAMES[2]}"
+check "when the server's is there, too" is_shown "$PHOTOS/${NAMES[2]}"
+check 'and is refused what has none' may_not_open letter.txt
+check 'which fetches nothing' nothing_fetched
+check 'others can read it' test "$(cat "$PHOTOS/letter.txt")" = 'no picture'
+check 'and then those, too' test "$("$WORLD/makers/gdk-pixbuf-thumbnailer" "$PHOTOS/letter.txt")" = 'no picture'
 check 'nothing of it is an error' test -z "$(grep -i 'thumbnails cannot' "$LOG")"
 
 exits 0 vondle unmount

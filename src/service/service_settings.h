@@ -16,7 +16,7 @@ namespace vondle {
 //   "local_only" texts   patterns of names (*, ?, [a-z]) of new files that stay on this machine; in place of those that
 //                        TemporaryNames has
 //   "notices"    boolean tell on the desktop when the account is full, the key refused or a file kept twice (true)
-//   "thumbnails" boolean give the server's thumbnails to file managers (true)
+//   "thumbnails" boolean give the server's thumbnails to file managers, and those who make some nothing else (true)
 //   "thumbnail_failures" boolean also write down there which files have none (false)
 //   "cache_limit"        what downloaded files may take, but for those that are to be kept downloaded (10 GiB)
 //   "disk_reserve"       what downloading leaves free on the disk (a twentieth of the disk, but no more than 2 GiB)

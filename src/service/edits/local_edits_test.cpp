@@ -688,6 +688,21 @@ TEST_F(LocalEditsTest, AListingOlderThanASuccessDoesNotUndoIt) {
 
 // --- What becomes of sending ---
 
+TEST_F(LocalEditsTest, ATimeThatTheServerKeepsAsItWasSetIsShownWithItsFraction) {
+  buildTree();
+  createFile("a", "new", 7);
+  const Inode made = at("/A/new");
+  touch(made, 8, 5.75);
+  EXPECT_EQ(attributes(made).modified.secondsSince1970, 5.75);
+  auto item = file("n", "a", "new");
+  item.contentModificationDate = Timestamp{5.75};
+  succeeded(beginSending("/A/new"), NEW_FILE, saved(item));
+  news({item});
+  EXPECT_EQ(attributes(made).modified.secondsSince1970, 5.75);
+  restart();
+  EXPECT_EQ(attributes(made).modified.secondsSince1970, 5.75);
+}
+
 TEST_F(LocalEditsTest, ASentFileGetsItsIdentifierAndKeepsItsInodeAndTime) {
   buildTree();
   createFile("a", "new", 7);

@@ -167,6 +167,22 @@ TEST_F(ReplicaTest, InodesAndEverythingElseSurviveARestart) {
   EXPECT_EQ(replica_->item(9999).error().code, NO_SUCH_ITEM);
 }
 
+TEST_F(ReplicaTest, AFilesTimeOnTheServerIsShownInWholeSeconds) {
+  buildTree();
+  const auto modified = [this](const char* id) { return replica_->attributes(inode(id))->modified.secondsSince1970; };
+  auto item = file("x", "a", "x.txt");
+  item.contentModificationDate = Timestamp{5.75};
+  auto parent = folder("b", ROOT, "B");
+  parent.contentModificationDate = Timestamp{6.75};
+  update({item, parent});
+  EXPECT_EQ(modified("x"), 5);
+  EXPECT_EQ(modified("b"), 6.75);
+  open();
+  EXPECT_EQ(modified("x"), 5);
+  EXPECT_EQ(modified("b"), 6.75);
+  EXPECT_EQ(replica_->item(inode("x"))->contentModificationDate, Timestamp{5.75});
+}
+
 TEST_F(ReplicaTest, NoInodeIsGivenTwiceEvenAfterARestart) {
   buildTree();
   std::set<Inode> used = {inode("a"), inode("b"), inode("x"), inode("y")};
