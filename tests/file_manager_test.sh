@@ -34,7 +34,7 @@ check 'it mounts' exits 0 vondle mount
 check 'the actions are put into the menu' exits 0 vondle desktop install
 FILE=$MOUNT/Window/$ODD
 
-in_world dbus-daemon --session --nofork --address="unix:path=$WORLD/run/bus" >"$WORLD/bus.log" 2>&1 &
+HOME=$HOME_FOLDER XDG_RUNTIME_DIR=$WORLD/run dbus-daemon --session --nofork --address="unix:path=$WORLD/run/bus" >"$WORLD/bus.log" 2>&1 &
 STARTED+=($!)
 Xvfb -displayfd 3 -screen 0 1024x680x24 -nolisten tcp >"$WORLD/screen.log" 2>&1 3>"$WORLD/display" &
 STARTED+=($!)
