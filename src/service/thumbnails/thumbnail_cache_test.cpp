@@ -133,6 +133,11 @@ TEST_F(ThumbnailCacheTest, KnowsWhatIsThereForTheFileAndItsTime) {
   other = subject_;
   other.uri += "x";
   EXPECT_FALSE(cache_.has(other));
+  const auto normal = top_ / files().back();
+  std::ofstream(normal) << png::withTexts(pixel_, {{"Thumb::URI", "file:///m/b.jpg"}, {"Thumb::MTime", "17"}});
+  EXPECT_FALSE(cache_.has(subject_)) << "a file manager would not take another file's";
+  std::ofstream(normal) << png::withTexts(pixel_, {{"Thumb::URI", subject_.uri}, {"Thumb::MTime", "17"}});
+  EXPECT_TRUE(cache_.has(subject_));
   fs::remove_all(top_ / "normal");
   EXPECT_FALSE(cache_.has(subject_)) << "a file manager would look for that size";
 }
