@@ -53,7 +53,7 @@ class FirstAnswer {
       MutexLock hold(lock_);
       completion.swap(completion_);
     }
-    if (completion && !error) std::move (*completion)(std::move(error));
+    if (completion) std::move (*completion)(std::move(error));
   }
 
  private:
