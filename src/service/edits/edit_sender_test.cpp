@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "fileprovider/error_codes.h"
+#include "service/follow/keep_action.h"
 #include "service/listing/folder_listing.h"
 #include "testing/captured_log.h"
 #include "testing/sending_rig.h"
@@ -286,6 +287,26 @@ TEST_F(EditSenderTest, ADeletionIsNotTakenAsDoneWhileTheServerIsOutOfReach) {
   serverError_ = std::nullopt;
   scheduler_.advance(seconds(6));
   EXPECT_THAT(server(), IsEmpty());
+}
+
+// What is known of the item then is not the server's word.
+TEST_F(EditSenderTest, KeepingAnItemWhileTheServerIsOutOfReachDoesNotUndoItsMove) {
+  extension_->addFile("1", ROOT, "a.txt", "x");
+  begin();
+  extension_->failChanges(unreachable());
+  extension_->failLookups(unreachable());
+  move("a.txt", "b.txt");
+  std::optional<Error> error;
+  KeepAction::start({*tree_, *extension_, contents_, scheduler_}, KeepAction::Kind::keep, at("b.txt"),
+                    [&](std::optional<Error> result) { error = std::move(result); });
+  scheduler_.runUntilIdle();
+  EXPECT_FALSE(error);
+  EXPECT_TRUE(replica_->keptBy(at("b.txt")));
+  extension_->failChanges(std::nullopt);
+  extension_->failLookups(std::nullopt);
+  sender_->sendNow();
+  scheduler_.advance(seconds(10));
+  EXPECT_THAT(server(), ElementsAre("b.txt=x"));
 }
 
 TEST_F(EditSenderTest, AFolderIsDeletedAfterWhatWasInIt) {

@@ -184,6 +184,7 @@ void Follower::firstAnchorRead(std::optional<SyncAnchor> anchor) {
 
 void Follower::readPage() {
   anchorsOfRun_.insert(followed_->anchor);
+  tree_.replica().beginPage();
   enumerator_->enumerateChanges(std::make_shared<PageObserver>(weak_from_this(), tree_), followed_->anchor);
 }
 
@@ -191,7 +192,7 @@ void Follower::pageRead(PageObserver& page, SyncAnchor anchor, bool moreComing) 
   auto updates = page.takeUpdates();
   auto deletions = page.takeDeletions();
   const bool hadNews = !updates.empty() || !deletions.empty();
-  tree_.applyNews(std::move(updates), std::move(deletions),
+  tree_.applyPage(std::move(updates), std::move(deletions),
                   [self = shared_from_this(), hadNews, anchor = std::move(anchor), moreComing]() mutable {
                     self->queue_->post([self, hadNews, anchor = std::move(anchor), moreComing] {
                       if (!self->stopped_) self->pageApplied(anchor, hadNews, moreComing);

@@ -81,20 +81,27 @@ void KeepAction::lookUp() {
 }
 
 void KeepAction::lookedUp(const ItemIdentifier& identifier, Result<Item> item) {
-  if (!item) {
-    // The extension may not reach its server; what is known of the item is true but for this.
-    const auto inode = parts_.tree.replica().inodeOf(identifier);
-    item = inode ? parts_.tree.replica().item(*inode) : std::move(item);
-    if (item) {
-      item->contentPolicy = kind_ == Kind::keep ? ContentPolicy::downloadEagerlyAndKeepDownloaded
-                            : item->isFolder()  ? ContentPolicy::inherited
-                                                : ContentPolicy::downloadLazily;
-    }
-  }
+  if (!item) item = asKnown(identifier);
   if (item) items_.push_back(std::move(*item));
   if (++answers_ < identifiers_.size()) return;
   parts_.tree.applyUpdates(std::move(items_),
                            [self = shared_from_this()] { self->queue_->post([self] { self->applied(); }); });
+}
+
+// The extension may not reach its server; what is known of the item is true but for its policy. Where programs have
+// moved it is not what the server says.
+Result<Item> KeepAction::asKnown(const ItemIdentifier& identifier) const {
+  const auto& replica = parts_.tree.replica();
+  auto item = replica.item(replica.inodeOf(identifier).value_or(0));
+  if (!item) return item;
+  if (const auto edit = replica.editOf(identifier); edit && edit->serverPlace) {
+    item->parentItemIdentifier = edit->serverPlace->folder;
+    item->filename = edit->serverPlace->name;
+  }
+  item->contentPolicy = kind_ == Kind::keep ? ContentPolicy::downloadEagerlyAndKeepDownloaded
+                        : item->isFolder()  ? ContentPolicy::inherited
+                                            : ContentPolicy::downloadLazily;
+  return item;
 }
 
 void KeepAction::applied() {

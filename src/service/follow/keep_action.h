@@ -48,6 +48,7 @@ class KeepAction : public std::enable_shared_from_this<KeepAction> {
   void perform();
   void performed(const std::optional<Error>& error);
   void lookUp();
+  [[nodiscard]] Result<Item> asKnown(const ItemIdentifier& identifier) const;
   void lookedUp(const ItemIdentifier& identifier, Result<Item> item);
   void applied();
   void finish(std::optional<Error> error = std::nullopt);

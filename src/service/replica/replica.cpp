@@ -303,6 +303,27 @@ Result<std::vector<ReplicaChange>> Replica::applyListing(Inode folder, const std
 
 std::vector<ReplicaChange> Replica::applyNews(const std::vector<Item>& updates,
                                               const std::vector<ItemIdentifier>& deletions) {
+  return applyNews(updates, deletions, {});
+}
+
+void Replica::beginPage() {
+  MutexLock hold(lock_);
+  answered_.clear();
+}
+
+std::vector<ReplicaChange> Replica::applyPage(const std::vector<Item>& updates,
+                                              const std::vector<ItemIdentifier>& deletions) {
+  std::unordered_set<std::string> answered;
+  {
+    MutexLock hold(lock_);
+    answered = answered_;
+  }
+  return applyNews(updates, deletions, answered);
+}
+
+std::vector<ReplicaChange> Replica::applyNews(const std::vector<Item>& updates,
+                                              const std::vector<ItemIdentifier>& deletions,
+                                              const std::unordered_set<std::string>& answered) {
   reserveInodesFor(updates.size() + editCount());
   std::vector<ReplicaChange> changes;
   ReplicaStore::Batch batch;
@@ -311,7 +332,8 @@ std::vector<ReplicaChange> Replica::applyNews(const std::vector<Item>& updates,
     MutexLock hold(lock_);
     rememberNews(updates, deletions);
     TreeEdit edit(state_, nextInode_);
-    for (const Item& item : updates) edit.takeUpdate(item);
+    for (const Item& item : updates)
+      answered.contains(item.itemIdentifier.text) ? edit.takeEarlierUpdate(item) : edit.takeUpdate(item);
     for (const auto& identifier : deletions) edit.takeDeletion(identifier);
     changes = edit.finish(batch, edits);
   }
@@ -352,6 +374,7 @@ void Replica::writeTreeFirst(const ReplicaStore::Batch& batch, const EditBatch& 
 void Replica::noteNews(const std::vector<Item>& updates, const std::vector<ItemIdentifier>& deletions) {
   MutexLock hold(lock_);
   rememberNews(updates, deletions);
+  for (const Item& item : updates) answered_.insert(item.itemIdentifier.text);
 }
 
 void Replica::keepEdits(EditKeeper keeper, std::function<Edit()> newEdit) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "base/error.h"
@@ -112,6 +113,11 @@ class Replica {
   // that goes. Deleting the root means that everything may have changed: it is listed again on next need.
   std::vector<ReplicaChange> applyNews(const std::vector<Item>& updates, const std::vector<ItemIdentifier>& deletions)
       EXCLUDES(lock_);
+  // The same, of a page of changes that is asked for by beginPage, one at a time. What noteNews tells in between may be
+  // older or newer than the page.
+  void beginPage() EXCLUDES(lock_);
+  std::vector<ReplicaChange> applyPage(const std::vector<Item>& updates, const std::vector<ItemIdentifier>& deletions)
+      EXCLUDES(lock_);
   // Of a change of both: what stands when this process ends before the other is written.
   enum class FirstWritten { edits, tree };
   // What `make` does to the tree and to the edits.
@@ -145,11 +151,14 @@ class Replica {
   void reserveInodesFor(std::size_t items);
   void write(const ReplicaStore::Batch& batch, const EditBatch& edits, bool isNews);
   void writeTreeFirst(const ReplicaStore::Batch& batch, const EditBatch& edits);
+  std::vector<ReplicaChange> applyNews(const std::vector<Item>& updates, const std::vector<ItemIdentifier>& deletions,
+                                       const std::unordered_set<std::string>& answered) EXCLUDES(lock_);
   void rememberNews(const std::vector<Item>& updates, const std::vector<ItemIdentifier>& deletions) REQUIRES(lock_);
 
   mutable Mutex lock_;
   TreeState state_ GUARDED_BY(lock_);
   std::unordered_map<Inode, Listing> listings_ GUARDED_BY(lock_);
+  std::unordered_set<std::string> answered_ GUARDED_BY(lock_);  // identifiers, since beginPage
 
   // Used by the thread that changes.
   ReplicaStore store_;

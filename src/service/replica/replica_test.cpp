@@ -92,6 +92,30 @@ class ReplicaTest : public testing::Test {
   std::unique_ptr<Replica> replica_;
 };
 
+TEST_F(ReplicaTest, APageThatWasAskedForBeforeAnAnswerDoesNotUndoIt) {
+  buildTree();
+  replica_->beginPage();
+  const auto answer = file("x", "b", "renamed.txt");
+  update({answer});
+  replica_->noteNews({answer}, {});
+  replica_->applyPage({file("x", "a", "x.txt"), file("y", "b", "other.txt")}, {});
+  EXPECT_EQ(pathOf("x"), "/B/renamed.txt");
+  EXPECT_EQ(pathOf("y"), "/B/other.txt") << "of which nobody was answered";
+  EXPECT_FALSE(replica_->isListed(inode("b"))) << "it may have been the page that was newer";
+}
+
+TEST_F(ReplicaTest, APageThatAgreesWithTheAnswersOrWasAskedForAfterThemIsTaken) {
+  buildTree();
+  replica_->beginPage();
+  replica_->noteNews({file("x", "a", "x.txt")}, {});
+  replica_->applyPage({file("x", "a", "x.txt", 2)}, {});
+  EXPECT_TRUE(replica_->isListed(inode("a")));
+  EXPECT_EQ(replica_->storedItem(inode("x"))->itemVersion, file("x", "a", "x.txt", 2).itemVersion);
+  replica_->beginPage();
+  replica_->applyPage({file("x", "b", "x.txt")}, {});
+  EXPECT_EQ(pathOf("x"), "/B/x.txt");
+}
+
 TEST_F(ReplicaTest, StartsWithTheRootThatIsNotListed) {
   EXPECT_EQ(replica_->inodeOf(ROOT_CONTAINER), ROOT_INODE);
   EXPECT_EQ(replica_->pathOf(ROOT_INODE), "/");

@@ -28,6 +28,14 @@ void Tree::applyNews(std::vector<Item> updates, std::vector<ItemIdentifier> dele
   });
 }
 
+void Tree::applyPage(std::vector<Item> updates, std::vector<ItemIdentifier> deletions, Completion<> completion) {
+  queue_->post([this, updates = std::move(updates), deletions = std::move(deletions),
+                completion = std::move(completion)]() mutable {
+    tell(replica_.applyPage(updates, deletions));
+    std::move(completion)();
+  });
+}
+
 void Tree::applyUpdates(std::vector<Item> items, Completion<> completion) {
   applyNews(std::move(items), {}, std::move(completion));
 }

@@ -25,7 +25,8 @@ class Tree {
 
   // Any thread. The completions run on the tree's queue, after the subscribers.
   void applyListing(Inode folder, std::vector<Item> items, Completion<Result<void>> completion);
-  // Of one page of changes: the updates and then the deletions, as one change.
+  // The updates and then the deletions, as one change. Of a page of changes that Replica::beginPage was told of:
+  void applyPage(std::vector<Item> updates, std::vector<ItemIdentifier> deletions, Completion<> completion);
   void applyNews(std::vector<Item> updates, std::vector<ItemIdentifier> deletions, Completion<> completion);
   void applyUpdates(std::vector<Item> items, Completion<> completion);
   void applyDeletions(std::vector<ItemIdentifier> identifiers, Completion<> completion);

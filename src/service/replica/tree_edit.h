@@ -29,6 +29,9 @@ class TreeEdit {
   // The folder's children are these. Those spared stay even if they are not among them: later news tells of them.
   void takeListing(ItemIndex::Slot folder, const std::vector<Item>& items, const std::set<std::string>& spared = {});
   void takeUpdate(const Item& item);
+  // The same, of news that was asked for before the server's answer to a change of the item, and so may be older or
+  // newer: where they differ, the folder that the item is in is listed again.
+  void takeEarlierUpdate(const Item& item);
   void takeDeletion(const ItemIdentifier& identifier);
 
   // Of edits, and what they make of the tree.
@@ -107,6 +110,7 @@ class TreeEdit {
   void detach(Slot slot);
   void detachForNow(Slot slot, const Place& wanted);
   void settle(Inode first);
+  void leaveStrays();
   bool putBack(Inode inode);
   void breakCycle(const std::vector<Inode>& chain);
   bool undoMoveAbove(Inode inode);
