@@ -3,7 +3,7 @@
 PACKAGES_build="g++ cmake ninja-build ccache pkg-config git libcurl4-openssl-dev libasio-dev libboost-json1.81-dev libfmt-dev libsystemd-dev libfuse3-dev fuse3 libsqlite3-dev libsecret-1-dev libssl-dev
   libglib2.0-dev zlib1g-dev
   libcli11-dev libcpp-httplib-dev libgtest-dev libgmock-dev libbenchmark-dev libvips-dev libavformat-dev libavcodec-dev
-  libavutil-dev libswscale-dev libseccomp-dev shared-mime-info ca-certificates"
+  libavutil-dev libswscale-dev libseccomp-dev libisal-dev shared-mime-info ca-certificates"
 PACKAGES_try="libnss-wrapper imagemagick curl rsync git vim"
 PACKAGES_test="$PACKAGES_try libglib2.0-bin openssl sqlite3 python3 uidmap gnome-keyring dbus dbus-daemon libsecret-tools ffmpeg libvips-tools
   libheif-examples libjxl-tools libimage-exiftool-perl nano make gvfs trash-cli"

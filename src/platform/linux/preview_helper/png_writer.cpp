@@ -1,5 +1,6 @@
 #include "platform/linux/preview_helper/png_writer.h"
 
+#include <isa-l/igzip_lib.h>
 #include <zlib.h>
 
 #include <cstddef>
@@ -7,8 +8,6 @@
 #include <span>
 #include <string_view>
 #include <vector>
-
-#include "platform/linux/preview_helper/huffman_deflate.h"
 
 namespace vondle {
 namespace {
@@ -44,19 +43,25 @@ std::vector<std::uint8_t> filtered(const Pixels& picture) {
   return result;
 }
 
-std::string zlibDeflate(std::span<const std::uint8_t> bytes) {
-  auto size = ::compressBound(bytes.size());
-  std::string stream(size, '\0');
-  if (::compress2(reinterpret_cast<Bytef*>(stream.data()), &size, bytes.data(), bytes.size(), Z_BEST_SPEED) != Z_OK)
-    return {};
-  stream.resize(size);
-  return stream;
-}
-
-// What becomes that small has plain areas, of which zlib makes far less still.
-std::string deflated(std::span<const std::uint8_t> bytes) {
-  auto stream = huffmanDeflate(bytes);
-  return stream.size() < bytes.size() / 4 ? zlibDeflate(bytes) : stream;
+// As a zlib stream; empty when that fails.
+std::string deflated(std::span<std::uint8_t> bytes) {
+  constexpr std::size_t MOST_OVERHEAD = 4096;  // of what cannot be made smaller
+  std::vector<std::uint8_t> memory(ISAL_DEF_LVL1_DEFAULT);
+  std::string result(bytes.size() + bytes.size() / 8 + MOST_OVERHEAD, '\0');
+  isal_zstream stream;
+  isal_deflate_init(&stream);
+  stream.level = 1;
+  stream.level_buf = memory.data();
+  stream.level_buf_size = static_cast<std::uint32_t>(memory.size());
+  stream.gzip_flag = IGZIP_ZLIB;
+  stream.end_of_stream = 1;
+  stream.next_in = bytes.data();
+  stream.avail_in = static_cast<std::uint32_t>(bytes.size());
+  stream.next_out = reinterpret_cast<std::uint8_t*>(result.data());
+  stream.avail_out = static_cast<std::uint32_t>(result.size());
+  if (isal_deflate(&stream) != COMP_OK || stream.avail_in != 0 || stream.avail_out == 0) return {};
+  result.resize(stream.total_out);
+  return result;
 }
 
 }  // namespace
@@ -68,7 +73,8 @@ std::string encodePNG(const Pixels& picture) {
   header += {DEPTH, picture.bands == 4 ? COLOURS_WITH_OPACITY : COLOURS, 0, 0, 0};
   std::string png = "\x89PNG\r\n\x1A\n";
   append(png, "IHDR", header);
-  append(png, "IDAT", deflated(filtered(picture)));
+  auto rows = filtered(picture);
+  append(png, "IDAT", deflated(rows));
   append(png, "IEND", "");
   return png;
 }
