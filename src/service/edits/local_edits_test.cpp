@@ -1142,18 +1142,6 @@ TEST_F(LocalEditsTest, NewsThatAFolderNotSeenYetIsGoneFreesWhatWasToBeInIt) {
   EXPECT_EQ(edits_->pendingCount(), 1U);
 }
 
-TEST_F(LocalEditsTest, AFolderThatOthersMovedOutOfSightIsLookedForWhenWhatIsEditedInItIsSent) {
-  buildTree();
-  createFile("a", "new", 7);
-  news({folder("a", "not seen", "A")});
-  EXPECT_NE(at("/A/new"), 0U);
-  EXPECT_TRUE(replica_->isListed(ROOT_INODE));
-  succeeded(*beginSending(edit("/A/new").id), NEW_FILE, saved(file("n", "a", "new")));
-  EXPECT_FALSE(replica_->isListed(ROOT_INODE));
-  list(ROOT, {folder("b", ROOT, "B")});
-  EXPECT_EQ(at("/A"), 0U);
-}
-
 TEST_F(LocalEditsTest, WhatWasToGoToAFolderThatIsGoneForGoodStaysWhereTheServerHasIt) {
   buildTree();
   rename("a", "x.txt", "b", "x.txt");

@@ -186,7 +186,6 @@ std::vector<ReplicaChange> TreeEdit::finish(ReplicaStore::Batch& batch, EditBatc
   byProgram_ = false;
   while (!homeless_.empty()) settle(homeless_.begin()->first);
   for (const EditID id : state_.edits.takeBlocked()) show(id);
-  leaveStrays();
   handOutFreedNames();
   describe(batch);
   for (const EditID id : changedEdits_)
@@ -379,10 +378,7 @@ void TreeEdit::settle(Inode first) {
     const Slot folder = index().findIdentifier(wanted.text);
     if (folder == NONE || !index().facts(folder).isFolder) {
       // What is edited must not go because its new folder has not been seen yet.
-      if (isEdited(slot) && putBack(inode))
-        state_.strays.insert(inode);
-      else
-        removeTree(slot);
+      if (!isEdited(slot) || !putBack(inode)) removeTree(slot);
       chain.pop_back();
       continue;
     }
@@ -397,16 +393,6 @@ void TreeEdit::settle(Inode first) {
       return breakCycle(chain);
     }
   }
-}
-
-// When nothing in them is edited any more, their folder is listed again, which shows that they are not there.
-void TreeEdit::leaveStrays() {
-  std::erase_if(state_.strays, [this](Inode inode) {
-    const Slot slot = index().find(inode);
-    if (slot != NONE && isEdited(slot)) return false;
-    if (slot != NONE && index().parent(slot) != NONE) relist({std::string(index().identifier(index().parent(slot)))});
-    return true;
-  });
 }
 
 // What a program moved to below a folder that the server has in it goes back to where the server has it. Otherwise one

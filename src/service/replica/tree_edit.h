@@ -110,7 +110,6 @@ class TreeEdit {
   void detach(Slot slot);
   void detachForNow(Slot slot, const Place& wanted);
   void settle(Inode first);
-  void leaveStrays();
   bool putBack(Inode inode);
   void breakCycle(const std::vector<Inode>& chain);
   bool undoMoveAbove(Inode inode);

@@ -47,8 +47,6 @@ struct TreeState {
   std::unordered_set<Inode> listedBefore;
   // Items that are to be kept downloaded by their own policy.
   std::unordered_set<Inode> kept;
-  // Items that the server has in a folder that is not here, and that stand where they were for what is edited in them.
-  std::unordered_set<Inode> strays;
   // What programs changed and the server has not.
   EditTable edits;
 
