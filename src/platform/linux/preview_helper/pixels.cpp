@@ -64,8 +64,10 @@ void appendMeans(const std::vector<std::uint32_t>& row, const std::vector<Share>
       sum[band + bands] += *value * share.second;
     }
   }
+  // Rounded by hand: std::lround would be a call for each.
+  constexpr float HALF = 0.5F;
   const auto mean = [area](std::uint32_t sum) {
-    return static_cast<std::uint8_t>(static_cast<float>(sum) / area + 0.5F);
+    return static_cast<std::uint8_t>(static_cast<float>(sum) / area + HALF);
   };
   std::transform(sums.begin(), sums.end() - scaled.bands, std::back_inserter(scaled.values), mean);
 }
